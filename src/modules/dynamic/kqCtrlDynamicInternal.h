@@ -1,0 +1,36 @@
+/*
+ * Operations shared between the module's source files but not exported: the registry's
+ * views of a node's server and relay halves, the dhcp.conf rewrite, and the helpers that
+ * the server and relay sides lend each other.
+ */
+#ifndef KQ_CTRL_DYNAMIC_INTERNAL_H
+#define KQ_CTRL_DYNAMIC_INTERNAL_H
+
+#include "kqCtrlDynamic.h"
+
+// Registry (kqCtrlDynamicConfig.cpp).
+void _KQCtrl_DeleteDynamicConfListNode(const char *IfName);
+KQ_CTRL_DYNAMIC_SERVER_CONF *_KQCtrl_GetDynamicServerConfByName(const char *IfName);
+KQ_CTRL_DYNAMIC_RELAY_CONF *_KQCtrl_GetDynamicRelayConfByName(const char *IfName);
+KQ_ERR_T _KQCtrl_InsertDynamicServerConfListNode(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf);
+KQ_ERR_T _KQCtrl_InsertDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *DynamicRelayConf);
+void _KQCtrl_UpdateDynamicServerConfListNode(const KQ_CTRL_DYNAMIC_SERVER_CONF *NewConf,
+                                             KQ_CTRL_DYNAMIC_SERVER_CONF *CurrentConf);
+void _KQCtrl_UpdateDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *NewConf,
+                                            KQ_CTRL_DYNAMIC_RELAY_CONF *CurrentConf);
+void _KQCtrl_DeleteDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *DynamicRelayConf);
+
+// dhcp.conf rewrite (kqCtrlDynamicConfig.cpp).
+KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void);
+
+// Default DNS servers, used by the server add and the server load
+// (server/kqCtrlDynamicServerConfig.cpp).
+void _KQCtrl_SetDefaultDynamicIpv4ServerDns(KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf);
+void _KQCtrl_SetDefaultDynamicIpv6ServerDns(KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf);
+
+// The server's dnsmasq configuration (server/kqCtrlDynamicServerManager.cpp).
+KQ_ERR_T _KQCtrl_GetDynamicServerConfPath(const char *IfName, char *ConfPath, size_t Size);
+KQ_ERR_T _KQCtrl_SetDynamicServerConf(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf,
+                                      const char *ConfPath);
+
+#endif /* KQ_CTRL_DYNAMIC_INTERNAL_H */

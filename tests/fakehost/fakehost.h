@@ -1,0 +1,118 @@
+// The fake host for unit tests: implements every KQ_ host operation, records each call
+// and what it was given, and can be told to fail any of them.
+//
+// Files are real: KQ_WriteSyncWithFilePath, KQ_FileCopy and KQ_AllocAndGetConf use the
+// file system (tests run in a private mount namespace), so what the module later reads,
+// removes or tests with access() behaves as on a real host. Commands are only recorded:
+// KQ_CmdExec and KQ_RTCSystem never spawn anything.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "kqCtrlDynamic.h"
+
+namespace fakehost {
+
+struct LogLine {
+    uint32_t Level;
+    std::string Text;  // the whole line as the host logger received it, formatted
+};
+
+struct RuleAdd {
+    KQ_CONF_RULE Rule;
+    uint16_t Arg1;
+    BOOL Arg2, Arg3;
+};
+
+struct RuleDel {
+    uint8_t Zone;
+    uint32_t Id, Arg3;
+    uint16_t Arg4;
+    BOOL Arg5;
+};
+
+struct Packet {
+    std::vector<uint8_t> Data;
+    int32_t Flags;
+    std::vector<uint8_t> Addr;  // the socket address bytes as passed
+    int32_t AddrLen;
+};
+
+struct State {
+    // ---- What the host answers (set by the test) ----
+    std::map<std::string, uint32_t> LanVpnId;   // KQ_RtcNetioLanGetByName; unknown -> -ENODEV
+    std::map<std::string, uint32_t> FirstIpv4;  // KQ_RtcNetioInterfaceGetFirstIpv4
+    std::map<std::string, KQ_IN6_ADDR> FirstIpv6;
+    uint32_t Dhcpv6Count = 0;
+    std::string DhcpConfPath = "/etc/kqagent/dhcp.conf";
+    std::string DhcpConfBakPath = "/etc/kqagent/dhcp.conf.bak";
+    std::set<pid_t> CorrectPids;                // KQ_IsPIDCorrectInPIDFile says TRUE for these
+    std::map<std::string, std::string> NetNsPrefix;  // by VPN id as text; default "ip netns exec vpn<id> " (empty for 0)
+
+    // Logging set-up.
+    unsigned LogThreshold = 1;      // KQ_LogTest: level >= threshold
+    bool LogTestDump = true;        // KQ_LogTest answer for the flex-log dump (Normal = 0)
+    bool HasLog = true;             // the Log pointer of the impl record
+    bool HasLevel2Str = true;       // the LogLevel2Str pointer
+    long ThreadId = 200;
+    long ProcessId = 100;
+    std::optional<std::string> ThreadName = "main";  // nullopt: KQ_ThreadGetName fails
+
+    // ---- Failures on demand ----
+    // Fail[op] = result: every call of op returns that result (for the operations that
+    // return a pointer, any value makes them return null). FailOnCall[op] = n fails only
+    // the n-th call (1-based) with Fail[op]'s result, or -EIO when none is set.
+    std::map<std::string, long> Fail;
+    std::map<std::string, int> FailOnCall;
+
+    // ---- What the module did ----
+    std::vector<std::string> Calls;       // every host operation, by name, in order
+    std::vector<LogLine> Logs;
+    std::vector<std::string> Commands;    // KQ_CmdExec and KQ_RTCSystem lines, in order
+    std::vector<std::pair<std::string, std::string>> Writes;  // (path, data)
+    std::vector<std::pair<std::string, std::string>> Copies;  // (from, to)
+    std::vector<pid_t> Killed;            // KQ_KillPid arguments
+    long KillResult = 0;                  // what KQ_KillPid returns when not failed
+    std::vector<RuleAdd> RulesAdded;
+    std::vector<RuleDel> RulesDeleted;
+    std::vector<Packet> Packets;
+    std::vector<std::tuple<int32_t, int32_t, int32_t>> SocketsOpened;
+    int SocketsClosed = 0;
+    std::vector<std::string> NsSwitches;  // "switch <vpnId>" and "back <savedFd>", in order
+    int NextNsFd = 40;                    // the saved handle KQ_RtcNetNsSaveAndSwitch hands out
+    std::string FlexLog;                  // the flex-log text as the module left it
+    long LiveAllocations = 0;             // KQ_AgentMemZeroAlloc minus KQ_AgentMemFree, plus flex msgs and conf texts
+};
+
+State &Host();
+
+// Clears every recording and every setting back to the defaults above.
+void Reset();
+
+// Counts calls of one operation.
+int CallCount(const std::string &Op);
+
+// The log lines' texts, and the message part after the "] " of the prefix.
+std::vector<std::string> LogTexts();
+std::vector<std::string> Messages();
+bool HasMessage(const std::string &Message);  // exact match on the message part
+std::string Message(size_t Index);
+
+// The module's registry helpers for tests: empties the registry (frees every node).
+void ClearRegistry();
+
+// A small parser for tests: "2001:db8::1" -> KQ_IN6_ADDR; "192.0.2.1" -> host-order number.
+KQ_IN6_ADDR Ip6(const char *Text);
+uint32_t Ip4(const char *Text);
+
+// Reads a whole file; nullopt when missing.
+std::optional<std::string> ReadFile(const std::string &Path);
+void WriteFile(const std::string &Path, const std::string &Data);
+
+}  // namespace fakehost
