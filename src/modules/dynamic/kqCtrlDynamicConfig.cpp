@@ -1,0 +1,319 @@
+// The registry of per-interface service records, the add and delete entry points, and
+// the dhcp.conf rewrite and start-up load.
+#include <errno.h>
+#include <stddef.h>
+#include <string.h>
+#include <type_traits>
+
+#include "kqCtrlDynamicInternal.h"
+#include "kqCtrlDynamicLog.h"
+#include "kqCtrlDynamicUtil.h"
+
+// Layout facts that the host agent and dhcp.conf rely on.
+static_assert(sizeof(KQ_IN6_ADDR) == 16);
+static_assert(sizeof(KQ_ERR_T) == 4 && std::is_signed_v<KQ_ERR_T>);
+static_assert(sizeof(BOOL) == 4);
+static_assert(sizeof(KQ_DHCP_MODE) == 4 && sizeof(KQ_NET_ADDR_TYPE) == 4 &&
+              sizeof(KQ_IPV6_ADDR_AUTOCONF_TYPE) == 4 && sizeof(KQ_DYNAMIC_MODE) == 4);
+static_assert(sizeof(((KQ_DYNAMIC_IPV4_SERVER_CONF *)nullptr)->IpRangeNum) == 4);
+static_assert(sizeof(((KQ_DYNAMIC_IPV4_SERVER_CONF *)nullptr)->DnsNum) == 4);
+static_assert(sizeof(((KQ_DHCP_IPV6_SERVER_CONF *)nullptr)->Ipv6RangeNum) == 4);
+static_assert(sizeof(((KQ_DHCP_IPV6_SERVER_CONF *)nullptr)->Ipv6DnsNum) == 4);
+static_assert(sizeof(((KQ_SLAAC_IPV6_SERVER_CONF *)nullptr)->Ipv6DnsNum) == 4);
+static_assert(sizeof(((KQ_CTRL_IPV4_DYNAMIC_RELAY_CONF *)nullptr)->RelayServerNum) == 4);
+static_assert(std::extent_v<decltype(KQ_DYNAMIC_IPV4_SERVER_CONF::IpRange)> == 64);
+static_assert(std::extent_v<decltype(KQ_DYNAMIC_IPV4_SERVER_CONF::Dns)> == 64);
+static_assert(std::extent_v<decltype(KQ_DHCP_IPV6_SERVER_CONF::Ipv6Range)> == 64);
+static_assert(std::extent_v<decltype(KQ_DHCP_IPV6_SERVER_CONF::Ipv6Dns)> == 64);
+static_assert(std::extent_v<decltype(KQ_SLAAC_IPV6_SERVER_CONF::Ipv6Dns)> == 64);
+static_assert(std::extent_v<decltype(KQ_CTRL_IPV4_DYNAMIC_RELAY_CONF::RelayServer)> == 4);
+static_assert(std::extent_v<decltype(KQ_CTRL_DYNAMIC_SERVICE_CONF::IfName)> == 16);
+static_assert(KQ_DHCP_OFF == 1 && KQ_DHCP_RELAY == 2 && KQ_DHCP_SERVER == 3);
+static_assert(KQ_NET_ADDR_IPV4 == 1 && KQ_NET_ADDR_IPV6 == 2 && KQ_NET_ADDR_IPV46 == 3);
+static_assert(KQ_IPV6_ADDR_AUTOCONF_SLAAC == 0 && KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP == 1 &&
+              KQ_IPV6_ADDR_AUTOCONF_DHCP == 2 && KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP == 3 &&
+              KQ_IPV6_ADDR_AUTOCONF_MAX == 4);
+static_assert(KQ_IPV6_DHCP == 1 && KQ_IPV6_SLAAC == 2 && KQ_IPV6_BOTH == 3);
+
+namespace {
+
+KQ_LIST_HEAD sg_KqCtrlDynamicHead = {&sg_KqCtrlDynamicHead, &sg_KqCtrlDynamicHead};
+
+void KQ_InitListHead(KQ_LIST_HEAD *Head)
+{
+    Head->next = Head;
+    Head->prev = Head;
+}
+
+void KQ_ListAddTail(KQ_LIST_HEAD *Entry, KQ_LIST_HEAD *Head)
+{
+    KQ_LIST_HEAD *last = Head->prev;
+    Entry->next = Head;
+    Entry->prev = last;
+    last->next = Entry;
+    Head->prev = Entry;
+}
+
+void KQ_ListDelInit(KQ_LIST_HEAD *Entry)
+{
+    Entry->prev->next = Entry->next;
+    Entry->next->prev = Entry->prev;
+    KQ_InitListHead(Entry);
+}
+
+KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *NodeOf(KQ_LIST_HEAD *Link)
+{
+    return reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
+        reinterpret_cast<char *>(Link) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
+}
+
+KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *FindNode(const char *IfName)
+{
+    for (KQ_LIST_HEAD *link = sg_KqCtrlDynamicHead.next; link != &sg_KqCtrlDynamicHead; link = link->next) {
+        KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *node = NodeOf(link);
+        if (strcmp(node->DynamicConf.IfName, IfName) == 0)
+            return node;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+// ---- Registry -----------------------------------------------------------------------
+
+KQ_LIST_HEAD *KQCtrl_GetDynamiclistHead(void)
+{
+    return &sg_KqCtrlDynamicHead;
+}
+
+KQ_ERR_T KQCtrl_InsertDynamicConfListNode(const KQ_CTRL_DYNAMIC_SERVICE_CONF *DynamicConf)
+{
+    kq::HostObject<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE> node;
+    if (!node) {
+        KQ_LOG(kq::log::Error, "Apply memory for dynamic conf node failed\n");
+        return -ENOMEM;
+    }
+    KQ_InitListHead(&node.get()->List);
+    memcpy(&node.get()->DynamicConf, DynamicConf, sizeof(*DynamicConf));
+    KQ_ListAddTail(&node.release()->List, &sg_KqCtrlDynamicHead);
+    return 0;
+}
+
+KQ_CTRL_DYNAMIC_SERVICE_CONF *_KQCtrl_GetDynamicConfByName(const char *IfName)
+{
+    KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *node = FindNode(IfName);
+    return node != nullptr ? &node->DynamicConf : nullptr;
+}
+
+void _KQCtrl_DeleteDynamicConfListNode(const char *IfName)
+{
+    KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *node = FindNode(IfName);
+    if (node == nullptr)
+        return;
+    KQ_ListDelInit(&node->List);
+    KQ_AgentMemFree(node);
+}
+
+KQ_CTRL_DYNAMIC_SERVER_CONF *_KQCtrl_GetDynamicServerConfByName(const char *IfName)
+{
+    KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(IfName);
+    return conf != nullptr ? &conf->DynamicServerConf : nullptr;
+}
+
+KQ_CTRL_DYNAMIC_RELAY_CONF *_KQCtrl_GetDynamicRelayConfByName(const char *IfName)
+{
+    KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(IfName);
+    return conf != nullptr ? &conf->DynamicRelayConf : nullptr;
+}
+
+KQ_ERR_T _KQCtrl_InsertDynamicServerConfListNode(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf)
+{
+    KQ_CTRL_DYNAMIC_SERVICE_CONF serviceConf;
+    memset(&serviceConf, 0, sizeof(serviceConf));
+    if (KQ_SafeStrCopy(serviceConf.IfName, sizeof(serviceConf.IfName), DynamicServerConf->IfName) >=
+        sizeof(serviceConf.IfName)) {
+        KQ_LOG(kq::log::Error, "IfName is overflow\n");
+        return -EOVERFLOW;
+    }
+    memcpy(&serviceConf.DynamicServerConf, DynamicServerConf, sizeof(*DynamicServerConf));
+    KQ_ERR_T ret = KQCtrl_InsertDynamicConfListNode(&serviceConf);
+    if (ret < 0)
+        KQ_LOG(kq::log::Error, "Insert dynamic conf node failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+    return ret;
+}
+
+KQ_ERR_T _KQCtrl_InsertDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *DynamicRelayConf)
+{
+    KQ_CTRL_DYNAMIC_SERVICE_CONF serviceConf;
+    memset(&serviceConf, 0, sizeof(serviceConf));
+    if (KQ_SafeStrCopy(serviceConf.IfName, sizeof(serviceConf.IfName), DynamicRelayConf->IfName) >=
+        sizeof(serviceConf.IfName)) {
+        KQ_LOG(kq::log::Error, "IfName is overflow\n");
+        return -EOVERFLOW;
+    }
+    memcpy(&serviceConf.DynamicRelayConf, DynamicRelayConf, sizeof(*DynamicRelayConf));
+    KQ_ERR_T ret = KQCtrl_InsertDynamicConfListNode(&serviceConf);
+    if (ret < 0)
+        KQ_LOG(kq::log::Error, "Insert Dynamic conf node failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+    return ret;
+}
+
+void _KQCtrl_UpdateDynamicServerConfListNode(const KQ_CTRL_DYNAMIC_SERVER_CONF *NewConf,
+                                             KQ_CTRL_DYNAMIC_SERVER_CONF *CurrentConf)
+{
+    memcpy(CurrentConf, NewConf, sizeof(*CurrentConf));
+}
+
+void _KQCtrl_UpdateDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *NewConf,
+                                            KQ_CTRL_DYNAMIC_RELAY_CONF *CurrentConf)
+{
+    memcpy(CurrentConf, NewConf, sizeof(*CurrentConf));
+}
+
+void _KQCtrl_DeleteDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *DynamicRelayConf)
+{
+    KQ_CTRL_DYNAMIC_RELAY_CONF *current = _KQCtrl_GetDynamicRelayConfByName(DynamicRelayConf->IfName);
+    if (current != nullptr)
+        memset(current, 0, sizeof(*current));
+}
+
+// ---- Entry points -------------------------------------------------------------------
+
+KQ_ERR_T KQCtrl_ConfigDynamicAdd(const DhcpItemV2 *DhcpPb)
+{
+    KQ_ERR_T ret = KQCtrl_ConfigDynamicServerAdd(DhcpPb);
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "add dynamic server failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+        return ret;
+    }
+    ret = KQCtrl_ConfigDynamicRelayAdd(DhcpPb);
+    if (ret < 0) {
+        // The relay failure reuses the server wording on purpose: hosts match on it.
+        KQ_LOG(kq::log::Error, "add dynamic server failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+        return ret;
+    }
+    ret = _KQCtrl_UpdateDynamicConfFile();
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "Update dynamic conf file failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+        return ret;
+    }
+    return 0;
+}
+
+KQ_ERR_T KQCtrl_ConfigDynamicDel(const DhcpItemV2 *DhcpPb)
+{
+    KQ_ERR_T ret = KQCtrl_ConfigDynamicServerDel(DhcpPb);
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "del dynamic server failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+        return ret;
+    }
+    ret = KQCtrl_ConfigDynamicRelayDel(DhcpPb);
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "del dynamic relay failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+        return ret;
+    }
+    if (DhcpPb != nullptr && DhcpPb->ifname != nullptr)
+        _KQCtrl_DeleteDynamicConfListNode(DhcpPb->ifname);
+    ret = _KQCtrl_UpdateDynamicConfFile();
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "Update dynamic conf file failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+        return ret;
+    }
+    return 0;
+}
+
+// ---- dhcp.conf ----------------------------------------------------------------------
+
+KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
+{
+    kq::JsonDoc root(json_object_new_object());
+    json_object *dhcps = json_object_new_array();
+    if (!root || dhcps == nullptr) {
+        if (dhcps != nullptr)
+            json_object_put(dhcps);
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
+    json_object_object_add(root.get(), "dhcps", dhcps);
+
+    for (KQ_LIST_HEAD *link = sg_KqCtrlDynamicHead.next; link != &sg_KqCtrlDynamicHead; link = link->next) {
+        const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = &NodeOf(link)->DynamicConf;
+        // An interface whose server and relay are both off has nothing to restore.
+        if (conf->DynamicServerConf.NetAddrType == 0 && conf->DynamicRelayConf.NetAddrType == 0)
+            continue;
+
+        json_object *item = json_object_new_object();
+        if (item == nullptr) {
+            KQ_LOG(kq::log::Error, "new object failed.\n");
+            return -ENOMEM;
+        }
+        json_object_array_add(dhcps, item);
+
+        json_object *ifName = json_object_new_string(conf->IfName);
+        if (ifName == nullptr) {
+            KQ_LOG(kq::log::Error, "Can't new ifname\n");
+            return -ENOMEM;
+        }
+        json_object_object_add(item, "ifname", ifName);
+
+        // The service-level zone, which the add paths leave 0: the halves' own zones are
+        // deliberately not persisted, so a restored configuration runs in zone 0.
+        json_object *vpnId = json_object_new_int(static_cast<int32_t>(conf->SecurityZoneId));
+        if (vpnId == nullptr) {
+            KQ_LOG(kq::log::Error, "Can't new securityZoneId\n");
+            return -ENOMEM;
+        }
+        json_object_object_add(item, "vpnId", vpnId);
+
+        if (conf->DynamicServerConf.NetAddrType != 0) {
+            KQ_ERR_T ret = KQCtrl_ConfToJsonDynamicServer(&conf->DynamicServerConf, item);
+            if (ret < 0) {
+                KQ_LOG(kq::log::Error, "Dynamic conf to json failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+                return ret;
+            }
+        }
+        if (conf->DynamicRelayConf.NetAddrType != 0) {
+            KQ_ERR_T ret = KQCtrl_ConfToJsonDynamicRelay(&conf->DynamicRelayConf, item);
+            if (ret < 0) {
+                KQ_LOG(kq::log::Error, "Dynamic conf to json failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+                return ret;
+            }
+        }
+    }
+
+    const char *text = json_object_to_json_string(root.get());
+    if (text == nullptr) {
+        KQ_LOG(kq::log::Error, "json object to string failed\n");
+        return -EINVAL;
+    }
+
+    // The backup is written whole first and then copied over the live file, so a crash
+    // never leaves a torn dhcp.conf.
+    const char *bakPath = KQ_AgentPathDhcpConfbak();
+    KQ_ERR_T ret = KQ_WriteSyncWithFilePath(bakPath, text, strlen(text));
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "Write %s failed(%d:%s)\n", bakPath, KQ_ERR_ARGS(ret));
+        return ret;
+    }
+    ret = KQ_FileCopy(bakPath, KQ_AgentPathDhcpConf());
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "file copy %s failed(%d:%s)\n", bakPath, KQ_ERR_ARGS(ret));
+        return ret;
+    }
+    return 0;
+}
+
+KQ_ERR_T KQCtrl_LoadDynamicServiceConf(const char *DynamicConfPath)
+{
+    KQ_ERR_T ret = KQCtrl_LoadDynamicServerConf(DynamicConfPath);
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "load dynamic server failed\n");
+        return ret;
+    }
+    ret = KQCtrl_LoadDynamicRelayConf(DynamicConfPath);
+    if (ret < 0) {
+        KQ_LOG(kq::log::Error, "lodd dynamic relay failed\n");
+        return ret;
+    }
+    return 0;
+}
