@@ -1,0 +1,186 @@
+// Command execution without a shell, bounded killing and the dhclient pid check, against
+// real processes.
+#include <errno.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kqHostLinux.h"
+
+extern char **environ;
+
+namespace {
+
+struct TempDir {
+    std::string path;
+    TempDir()
+    {
+        char pattern[] = "/run/kq-host-XXXXXX";
+        path = mkdtemp(pattern) != nullptr ? pattern : "";
+    }
+    ~TempDir() { system(("rm -rf " + path).c_str()); }
+};
+
+std::string Slurp(const std::string &path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Starts argv; with ownGroup the child leads a process group of its own, so that it and
+// whatever it starts can be killed together.
+pid_t Spawn(std::vector<std::string> argv, bool ignoreTerm = false, bool ownGroup = false)
+{
+    std::vector<char *> args;
+    for (std::string &a : argv)
+        args.push_back(a.data());
+    args.push_back(nullptr);
+    // An ignored signal stays ignored across exec: that is how the child ignores SIGTERM.
+    struct sigaction ign = {}, old = {};
+    ign.sa_handler = SIG_IGN;
+    if (ignoreTerm)
+        sigaction(SIGTERM, &ign, &old);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    if (ownGroup) {
+        posix_spawnattr_setpgroup(&attr, 0);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    }
+    pid_t pid = -1;
+    int err = posix_spawn(&pid, args[0], nullptr, &attr, args.data(), environ);
+    posix_spawnattr_destroy(&attr);
+    if (ignoreTerm)
+        sigaction(SIGTERM, &old, nullptr);
+    return err == 0 ? pid : -1;
+}
+
+// Gone, or a zombie that init has not reaped yet.
+bool Gone(pid_t pid)
+{
+    std::string stat = Slurp("/proc/" + std::to_string(pid) + "/stat");
+    size_t paren = stat.rfind(')');
+    return stat.empty() || (paren != std::string::npos && stat.compare(paren, 3, ") Z") == 0);
+}
+
+double Seconds(std::chrono::steady_clock::time_point since)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+TEST(HostProcess, CommandLineIsSplitAtBlanksAndNeverSeenByAShell)
+{
+    TempDir dir;
+    std::string script = dir.path + "/args", out = dir.path + "/out", marker = dir.path + "/marker";
+    std::ofstream(script) << "#!/bin/sh\nprintf '[%s]\\n' \"$@\" > " << out << "\nexit \"${EXIT:-0}\"\n";
+    chmod(script.c_str(), 0755);
+
+    std::string line = script + "  a;touch\t" + marker + " b|c $(touch${IFS}" + marker + ") 'q r' >x\n";
+    EXPECT_EQ(KQ_CmdExec(line.data()), 0);
+    EXPECT_EQ(Slurp(out), "[a;touch]\n[" + marker + "]\n[b|c]\n[$(touch${IFS}" + marker +
+                              ")]\n['q]\n[r']\n[>x]\n");
+    EXPECT_NE(access(marker.c_str(), F_OK), 0) << "something ran through a shell";
+
+    struct {
+        const char *line;
+        int result;
+    } cases[] = {
+        {"/bin/true", 0},           {"true", 0},  // found in PATH
+        {"/bin/false", -EIO},       {"/bin/sh -c exit${IFS}3", -EIO},
+        {"/bin/sh -c kill${IFS}-9${IFS}$$", -EIO},  // killed by a signal
+        {"/no/such/program", -ENOENT}, {"kq-no-such-program", -ENOENT},
+        {"", -EINVAL},              {" \t ", -EINVAL},
+    };
+    for (const auto &c : cases) {
+        std::string copy = c.line;
+        EXPECT_EQ(KQ_CmdExec(copy.data()), c.result) << c.line;
+        EXPECT_EQ(KQ_RTCSystem(c.line), c.result) << c.line;
+    }
+    EXPECT_EQ(KQ_RTCSystem(nullptr), -EINVAL);
+}
+
+TEST(HostProcess, KillPidTerminatesThenForcesAndRefusesNonsense)
+{
+    auto start = std::chrono::steady_clock::now();
+    pid_t polite = Spawn({"/bin/sleep", "30"});
+    ASSERT_GT(polite, 0);
+    EXPECT_EQ(KQ_KillPid(polite), 0);
+    EXPECT_LT(Seconds(start), 1.5);
+    EXPECT_EQ(waitpid(polite, nullptr, WNOHANG), -1) << "the child was not reaped";
+
+    start = std::chrono::steady_clock::now();
+    pid_t stubborn = Spawn({"/bin/sleep", "30"}, true);
+    ASSERT_GT(stubborn, 0);
+    EXPECT_EQ(KQ_KillPid(stubborn), 0);
+    EXPECT_GE(Seconds(start), 2.0);  // waited for SIGTERM first
+    EXPECT_LT(Seconds(start), 4.0);
+    EXPECT_TRUE(Gone(stubborn));
+
+    // A daemon that is not our child.
+    TempDir dir;
+    std::string pidFile = dir.path + "/daemon.pid";
+    ASSERT_EQ(system(("/bin/sh -c 'sleep 30 & echo $! > " + pidFile + "'").c_str()), 0);
+    pid_t daemon = atoi(Slurp(pidFile).c_str());
+    ASSERT_GT(daemon, 0);
+    EXPECT_EQ(KQ_KillPid(daemon), 0);
+    EXPECT_TRUE(Gone(daemon));
+
+    pid_t gone = Spawn({"/bin/true"});
+    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
+    EXPECT_EQ(KQ_KillPid(gone), -3);
+    EXPECT_EQ(KQ_KillPid(0), -EINVAL);
+    EXPECT_EQ(KQ_KillPid(-1), -EINVAL);
+    EXPECT_EQ(KQ_KillPid(-getpgrp()), -EINVAL);
+}
+
+TEST(HostProcess, PidCheckRecognisesOnlyTheRightDhclient)
+{
+    TempDir dir;
+    std::string fake = dir.path + "/dhclient";  // a shell under the name dhclient
+    ASSERT_EQ(symlink("/bin/sh", fake.c_str()), 0);
+    auto client = [&](std::vector<std::string> args) {
+        std::vector<std::string> argv = {fake, "-c", "sleep 30; :"};
+        argv.insert(argv.end(), args.begin(), args.end());  // $0 $1 ... of the script
+        return Spawn(argv, false, true);
+    };
+    pid_t v6 = client({"-6", "eth9", "-pf", "/var/run/eth9_dhclient6.pid"});
+    pid_t v4 = client({"-4", "eth9"});
+    pid_t plain = client({"-v", "eth8"});
+    pid_t other = Spawn({"/bin/sleep", "30"});
+    usleep(100 * 1000);
+
+    struct {
+        pid_t pid;
+        const char *ifName, *tag;
+        BOOL expected;
+    } cases[] = {
+        {v6, "eth9", "dhclient6", TRUE},  {v6, "eth9", "dhclient", FALSE},
+        {v6, "eth1", "dhclient6", FALSE}, {v6, "eth", "dhclient6", FALSE},
+        {v4, "eth9", "dhclient", TRUE},   {v4, "eth9", "dhclient6", FALSE},
+        {plain, "eth8", "dhclient", TRUE}, {plain, "eth8", "dhclient6", FALSE},
+        {other, "30", "dhclient", FALSE}, {v4, "eth9", "dnsmasq", FALSE},
+        {0, "eth9", "dhclient", FALSE},   {999999999, "eth9", "dhclient", FALSE},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(KQ_IsPIDCorrectInPIDFile(c.pid, c.ifName, c.tag), c.expected)
+            << c.pid << " " << c.ifName << " " << c.tag;
+    for (pid_t pid : {v6, v4, plain, other}) {
+        kill(-pid, SIGKILL);  // the shell and its sleep (other: no group of its own)
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+}
+
+}  // namespace
