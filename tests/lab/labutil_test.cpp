@@ -55,6 +55,38 @@ TEST(LabUtil, Dhcpv4ClientGetsPoolAddressAndNothingIsLeftBehind)
     EXPECT_EQ(lab::KillAll("dhclient") + lab::KillAll("dnsmasq"), 0);
 }
 
+TEST(LabUtil, Dhcpv6ClientGetsPoolAddress)
+{
+    LAB_REQUIRE_PREREQUISITES();
+    lab::TempDir dir;
+    lab::Netns server("lab-server6"), client("lab-client6");
+    lab::DisableDad(server.Name(), "default");
+    lab::DisableDad(client.Name(), "default");
+    lab::VethPair(server.Name(), "srv0", client.Name(), "cli0");
+    lab::AddAddr(server.Name(), "srv0", "2001:db8:1::1/64");
+    ASSERT_TRUE(lab::WaitIpv6Ready(server.Name(), "srv0"));
+    ASSERT_TRUE(lab::WaitIpv6Ready(client.Name(), "cli0"));
+    lab::Dnsmasq dnsmasq(server.Name(), dir, "smoke6",
+                         "port=0\ninterface=srv0\nbind-interfaces\n"
+                         "dhcp-range=2001:db8:1::100,2001:db8:1::1ff,64,1h\n");
+    lab::Dhclient dhclient(client.Name(), "cli0", lab::Dhclient::Mode::V6, dir);
+
+    std::optional<std::string> leased;
+    lab::WaitFor([&] { return (leased = lab::LeaseField(dhclient.LeaseFile(), "iaaddr")).has_value(); }, 20s);
+    ASSERT_TRUE(leased) << "dhclient:\n" << lab::ReadFile(dhclient.LogFile()).value_or("")
+                        << "dnsmasq:\n" << dnsmasq.Log();
+    EXPECT_TRUE(lab::AddrInRange(*leased, "2001:db8:1::100", "2001:db8:1::1ff")) << *leased;
+    EXPECT_TRUE(lab::WaitFor(
+        [&] {
+            for (const lab::IfAddr &a : lab::Addresses(client.Name(), "cli0"))
+                if (a.family == AF_INET6 && a.address == *leased && a.scope == "global")
+                    return true;
+            return false;
+        },
+        5s));
+    EXPECT_EQ(lab::ReadPidFile(dhclient.PidFile()), dhclient.Pid());
+}
+
 TEST(LabUtil, SetUpFailuresThrowWithTheirOutput)
 {
     LAB_REQUIRE_PREREQUISITES();
