@@ -576,12 +576,17 @@ std::optional<std::string> LeaseField(const std::string &leaseFile, const std::s
 HostConfig::HostConfig(const TempDir &dir, HostSettings settings)
     : dir_(dir.Path()), path_(dir.File("kqhost.json")), settings_(std::move(settings))
 {
+    if (const char *before = getenv("KQ_HOST_CONFIG"))
+        previous_ = before;
     Apply();
 }
 
 HostConfig::~HostConfig()
 {
-    unsetenv("KQ_HOST_CONFIG");
+    if (previous_)
+        setenv("KQ_HOST_CONFIG", previous_->c_str(), 1);
+    else
+        unsetenv("KQ_HOST_CONFIG");
     KQ_HostReloadConfig();
 }
 

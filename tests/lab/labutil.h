@@ -231,8 +231,8 @@ struct HostSettings {
 };
 
 // Writes the settings as <dir>/kqhost.json, sets KQ_HOST_CONFIG to it and reloads the
-// reference host's settings. Update() rewrites and reloads. The destructor unsets the
-// variable and reloads (back to defaults).
+// reference host's settings. Update() rewrites and reloads. The destructor restores the
+// variable as it was (usually unset) and reloads.
 class HostConfig {
 public:
     HostConfig(const TempDir &dir, HostSettings settings = {});
@@ -246,6 +246,7 @@ public:
 private:
     void Apply();
     std::string dir_, path_;
+    std::optional<std::string> previous_;
     HostSettings settings_;
 };
 
