@@ -211,6 +211,7 @@ public:
         else
             throw Refusal{"op", Quoted(op) + " is not an operation (use \"add\" or \"delete\")"};
         request_.item_ = BuildItem(fields.Required("item"), "item");
+        request_.json_ = json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
     }
 
 private:

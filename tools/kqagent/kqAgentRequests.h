@@ -23,11 +23,14 @@ public:
     const DhcpItemV2 &Item() const { return *item_; }
     // A one-line summary for progress output: "add lan1 (ipv4 server, ipv6 server)".
     std::string Summary() const;
+    // The request as it stood in the file, on one line.
+    const std::string &Json() const { return json_; }
 
 private:
     friend class RequestBuilder;
     RequestOp op_ = RequestOp::Add;
     DhcpItemV2 *item_ = nullptr;
+    std::string json_;
     std::vector<std::shared_ptr<void>> storage_;
 };
 
