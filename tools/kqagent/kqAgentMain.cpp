@@ -214,6 +214,10 @@ int RestoreRegistry(const Options &options, size_t &restored)
             conf.DynamicRelayConf = KQ_CTRL_DYNAMIC_RELAY_CONF{};
         }
         memcpy(conf.IfName, conf.DynamicServerConf.IfName, sizeof(conf.IfName));
+        if (conf.IfName[0] == '\0') {
+            std::cerr << "kqagent: warning: " << path << ": dhcps[" << i << "] names no interface; not restored\n";
+            continue;
+        }
         if (_KQCtrl_GetDynamicConfByName(conf.IfName) != nullptr)
             continue;
         KQ_CONF_LAN lan{};
