@@ -7,7 +7,6 @@
 #include <functional>
 #include <cstdlib>
 #include <ctime>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -115,18 +114,39 @@ json_object *ClientJson(const std::string &ifname, bool v6)
     return client;
 }
 
-// Interface names that some file of the module mentions.
-void NamesFromFiles(const std::string &folder, const std::regex &pattern, std::set<std::string> &names)
+// Interface names that some file of the module mentions: "<prefix><name><suffix>".
+void NamesFromFiles(const std::string &folder, const std::string &prefix, const std::string &suffix,
+                    std::set<std::string> &names)
 {
     DIR *dir = opendir(folder.c_str());
     if (dir == nullptr)
         return;
     while (const dirent *entry = readdir(dir)) {
-        std::cmatch match;
-        if (std::regex_match(entry->d_name, match, pattern) && match[1].str() != "relay")
-            names.insert(match[1].str());
+        const std::string file = entry->d_name;
+        if (file.size() <= prefix.size() + suffix.size() || file.compare(0, prefix.size(), prefix) != 0 ||
+            file.compare(file.size() - suffix.size(), suffix.size(), suffix) != 0)
+            continue;
+        const std::string name = file.substr(prefix.size(), file.size() - prefix.size() - suffix.size());
+        if (name != "relay" && IsUsableIfName(name))
+            names.insert(name);
     }
     closedir(dir);
+}
+
+// The text after `key` up to the next ';' within text[from, to), or "".
+std::string Statement(const std::string &text, const std::string &key, size_t from = 0, size_t to = std::string::npos)
+{
+    const size_t at = text.find(key, from);
+    if (at == std::string::npos || at >= to)
+        return "";
+    const size_t start = text.find_first_not_of(" \t", at + key.size());
+    const size_t end = text.find_first_of(";{\n", start);
+    if (start == std::string::npos || end == std::string::npos)
+        return "";
+    std::string value = text.substr(start, end - start);
+    while (!value.empty() && value.back() == ' ')
+        value.pop_back();
+    return value;
 }
 
 std::string Field(json_object *object, const char *key)
@@ -178,33 +198,33 @@ json_object *ParseDhclientLeases(const std::string &text, bool ipv6)
 {
     json_object *leases = json_object_new_array();
     // dhclient appends a block per lease it gets; the newest one is the last.
-    const std::regex blockStart(ipv6 ? R"(^\s*lease6\s*\{)" : R"(^\s*lease\s*\{)", std::regex::multiline);
-    std::string newest;
-    for (auto it = std::sregex_iterator(text.begin(), text.end(), blockStart); it != std::sregex_iterator(); ++it)
-        newest = text.substr(static_cast<size_t>(it->position()));
-    if (newest.empty())
+    const std::string opener = ipv6 ? "lease6 {" : "lease {";
+    const size_t block = text.rfind(opener);
+    if (block == std::string::npos)
         return leases;
+    const std::string newest = text.substr(block);
     if (!ipv6) {
-        std::smatch address, expire;
-        if (std::regex_search(newest, address, std::regex(R"(fixed-address\s+([0-9.]+);)"))) {
+        const std::string address = Statement(newest, "fixed-address ");
+        if (!address.empty()) {
             json_object *lease = json_object_new_object();
-            json_object_object_add(lease, "address", Str(address[1]));
-            if (std::regex_search(newest, expire, std::regex(R"(expire\s+([^;]+);)")))
-                json_object_object_add(lease, "expire", Str(expire[1]));
+            json_object_object_add(lease, "address", Str(address));
+            const std::string expire = Statement(newest, "expire ");
+            if (!expire.empty())
+                json_object_object_add(lease, "expire", Str(expire));
             json_object_array_add(leases, lease);
         }
         return leases;
     }
-    const std::regex iaaddr(R"(iaaddr\s+([0-9a-fA-F:.]+)\s*\{([^}]*)\})");
-    for (auto it = std::sregex_iterator(newest.begin(), newest.end(), iaaddr); it != std::sregex_iterator(); ++it) {
+    for (size_t at = newest.find("iaaddr "); at != std::string::npos; at = newest.find("iaaddr ", at + 1)) {
+        const size_t close = newest.find('}', at);
         json_object *lease = json_object_new_object();
-        json_object_object_add(lease, "address", Str((*it)[1]));
-        const std::string body = (*it)[2];
-        std::smatch value;
-        if (std::regex_search(body, value, std::regex(R"(starts\s+(\d+);)")))
-            json_object_object_add(lease, "starts", json_object_new_int64(std::stoll(value[1])));
-        if (std::regex_search(body, value, std::regex(R"(max-life\s+(\d+);)")))
-            json_object_object_add(lease, "maxLife", json_object_new_int64(std::stoll(value[1])));
+        json_object_object_add(lease, "address", Str(Statement(newest, "iaaddr ", at, close)));
+        const std::string starts = Statement(newest, "starts ", at, close);
+        const std::string maxLife = Statement(newest, "max-life ", at, close);
+        if (!starts.empty())
+            json_object_object_add(lease, "starts", json_object_new_int64(std::strtoll(starts.c_str(), nullptr, 10)));
+        if (!maxLife.empty())
+            json_object_object_add(lease, "maxLife", json_object_new_int64(std::strtoll(maxLife.c_str(), nullptr, 10)));
         json_object_array_add(leases, lease);
     }
     return leases;
@@ -319,10 +339,12 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces)
         if (KQ_HostLanAt(i, &lan) == 0)
             others.insert(lan.IfName);
     }
-    NamesFromFiles("/var/run", std::regex(R"(vyr_dhcpd_(.+)\.pid)"), others);
-    NamesFromFiles("/var/run", std::regex(R"((.+)_dhclient6?\.pid)"), others);
-    NamesFromFiles("/etc", std::regex(R"(vyr_dhcpd_(.+)\.leases)"), others);
-    NamesFromFiles("/var/lib/dhclient", std::regex(R"(dhclient6?\.(.+)\.leases)"), others);
+    NamesFromFiles("/var/run", "vyr_dhcpd_", ".pid", others);
+    NamesFromFiles("/var/run", "", "_dhclient.pid", others);
+    NamesFromFiles("/var/run", "", "_dhclient6.pid", others);
+    NamesFromFiles("/etc", "vyr_dhcpd_", ".leases", others);
+    NamesFromFiles("/var/lib/dhclient", "dhclient.", ".leases", others);
+    NamesFromFiles("/var/lib/dhclient", "dhclient6.", ".leases", others);
     for (const auto &name : others)
         note(name);
 
