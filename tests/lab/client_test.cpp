@@ -76,7 +76,7 @@ protected:
         far.reset();
         near.reset();
         host.reset();
-        lab::Sh("rm -rf /var/lib/dhclient /var/run/wan0_dhclient.pid /var/run/wan0_dhclient6.pid");
+        lab::Sh("rm -rf /var/lib/dhclient /etc/netns /var/run/wan0_dhclient.pid /var/run/wan0_dhclient6.pid");
         dir.reset();
     }
     void StartServer() { server = std::make_unique<lab::Dnsmasq>(kFarNs, *dir, "server", kServerConf); }
@@ -132,15 +132,32 @@ TEST_F(ClientLab, Ipv4AndIpv6ClientsGetLeasesAndStopIndependently)
 
 TEST_F(ClientLab, StatelessIpv6ClientGetsTheDnsOption)
 {
+    // Information-only dhclient keeps no lease; its script writes the DNS server into the
+    // zone's resolv.conf, which `ip netns exec` takes from /etc/netns/<namespace>/.
+    const std::string resolvConf = "/etc/netns/" + kNearNs + "/resolv.conf";
+    lab::MustSh("mkdir -p /etc/netns/" + kNearNs);
+    lab::WriteFile(resolvConf, "");
     StartServer();
     KQCtrl_DynamicClientSetIpv6AutoConfType(KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP);
     ASSERT_EQ(KQCtrl_DynamicClientEnableIpv6(kIf.c_str(), kZone), 0);
     pid_t pid6 = WaitPid(kPid6);
     ASSERT_GT(pid6, 0);
-    EXPECT_EQ(WaitLeaseField(kLease6, "option dhcp6.name-servers"), "2001:db8:1::53") << server->Log();
+    EXPECT_TRUE(lab::WaitFor(
+        [&] { return lab::ReadFile(resolvConf).value_or("").find("nameserver 2001:db8:1::53") != std::string::npos; },
+        20s))
+        << server->Log();
+    std::string serverLog = server->Log();
+    EXPECT_NE(serverLog.find("DHCPINFORMATION-REQUEST(srv0)"), std::string::npos) << serverLog;
+    EXPECT_EQ(serverLog.find("DHCPSOLICIT"), std::string::npos) << serverLog;
     EXPECT_FALSE(lab::LeaseField(kLease6, "iaaddr").has_value());
-    EXPECT_EQ(KQCtrl_DynamicClientDisableIpv6(kIf.c_str(), kZone), 0);
+
+    // ISC dhclient 4.4 ends an information-only exchange by exiting ("PRC: Done."), so the
+    // pid file it leaves is stale: stop removes it and reports -ENOENT. A client still
+    // running is killed as usual.
+    bool running = lab::ProcessAlive(pid6);
+    EXPECT_EQ(KQCtrl_DynamicClientDisableIpv6(kIf.c_str(), kZone), running ? 0 : -ENOENT);
     EXPECT_FALSE(lab::ProcessAlive(pid6));
+    EXPECT_FALSE(lab::ReadFile(kPid6).has_value());
 }
 
 // A raw ICMPv6 socket inside a named namespace, receiving router solicitations only.
