@@ -176,8 +176,10 @@ private:
 };
 
 // dnsmasq in the foreground (-k) inside ns with a configuration given as text, written to
-// <dir>/<name>.conf; its log goes to <dir>/<name>.log (Log() reads it). Throws Error when
-// it exits within the first 300 ms (a bad configuration), with its log.
+// <dir>/<name>.conf. The command line adds --log-dhcp, --user=root, --log-facility=
+// <dir>/<name>.log (Log() reads it), --pid-file=<dir>/<name>.pid and --dhcp-leasefile=
+// <dir>/<name>.leases, so the text must not set those. Throws Error when it exits within
+// the first 300 ms (a bad configuration), with the configuration and its log.
 class Dnsmasq {
 public:
     Dnsmasq(const std::string &ns, const TempDir &dir, const std::string &name,
