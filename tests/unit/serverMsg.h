@@ -1,4 +1,4 @@
-// Builds DhcpItemV2 requests for the server tests from plain values; the message points
+// Builds DhcpItemV2 requests for the server unit and lab tests from plain values; the message points
 // into this object, so keep it alive (and unmoved) while the message is in use.
 #pragma once
 
@@ -8,11 +8,34 @@
 #include <string>
 #include <vector>
 
-#include "fakehost.h"
+#include <arpa/inet.h>
+#include <cstdlib>
+
+#include "kqCtrlDynamic.h"
+
+namespace servermsg {
+
+inline uint32_t Ip4(const char *Text)
+{
+    in_addr a{};
+    if (inet_pton(AF_INET, Text, &a) != 1)
+        abort();
+    return ntohl(a.s_addr);
+}
+
+inline KQ_IN6_ADDR Ip6(const char *Text)
+{
+    KQ_IN6_ADDR a{};
+    if (inet_pton(AF_INET6, Text, a.In6.U6Addr8) != 1)
+        abort();
+    return a;
+}
+
+}  // namespace servermsg
 
 inline bool SameIp6(const KQ_IN6_ADDR &Addr, const char *Text)
 {
-    KQ_IN6_ADDR other = fakehost::Ip6(Text);
+    KQ_IN6_ADDR other = servermsg::Ip6(Text);
     return memcmp(&Addr, &other, sizeof(Addr)) == 0;
 }
 
@@ -41,7 +64,7 @@ struct ServerMsg {
         ServerMsg m;
         m.V4Mode = 3;
         m.Pools = {{"192.0.2.100", 100}};
-        m.Netmask = fakehost::Ip4("255.255.255.0");
+        m.Netmask = servermsg::Ip4("255.255.255.0");
         m.Lease = 3600;
         return m;
     }
@@ -74,7 +97,7 @@ struct ServerMsg {
             Ranges.assign(Pools.size(), RANGE__INIT);
             RangePtrs.clear();
             for (size_t i = 0; i < Pools.size(); ++i) {
-                Ranges[i].begin = fakehost::Ip4(Pools[i].first);
+                Ranges[i].begin = servermsg::Ip4(Pools[i].first);
                 Ranges[i].has_len = 1;
                 Ranges[i].len = Pools[i].second;
                 RangePtrs.push_back(int(i) == NullPoolAt ? nullptr : &Ranges[i]);
@@ -134,7 +157,7 @@ private:
         Bytes.emplace_back();
         if (strcmp(Text, "short") == 0)
             return {4, Bytes.back().data()};
-        KQ_IN6_ADDR a = fakehost::Ip6(Text);
+        KQ_IN6_ADDR a = servermsg::Ip6(Text);
         memcpy(Bytes.back().data(), a.In6.U6Addr8, 16);
         return {16, Bytes.back().data()};
     }
