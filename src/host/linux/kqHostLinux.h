@@ -1,0 +1,106 @@
+/*
+ * Extra operations of the reference host layer (libkqhost.so) for a host agent tool and
+ * for tests. The KQ_ host operations themselves are declared in kqHost.h.
+ *
+ * Behaviour a caller can rely on, beyond kqHost.h:
+ *
+ * Settings: read once, on first use, from the JSON file named by KQ_HOST_CONFIG; with the
+ *   variable unset every key takes its default. A file that cannot be read or parsed, an
+ *   unknown key or a value of the wrong type gets one clear line on stderr ("kqhost: ...")
+ *   and the default for that key; a bad entry of "lans" or "netns" is dropped on its own.
+ *   Interface and namespace names must be usable as Linux names (1..15 characters, no
+ *   '/', ':', white space or control characters, not "." or "..").
+ *
+ * Logging: a normal line (Normal 1) is written when its level >= "logLevel". The flex-log
+ *   dump (Normal 0) repeats an error line's text, so it is written only at "logLevel" 1.
+ *   Level texts: 1 "DEBUG:", 2 "INFO:", 3 "WARN:", 4 "ERROR:", others "". Module 62 is
+ *   "dynamic", any other "unknown"; the tag is "kqagent". On stderr a line reads
+ *   "kqagent: <text>"; with "logTo" "syslog" it goes to syslog (ident "kqagent", priority
+ *   debug/info/warning/err for levels 1..4). The flex-log text is per thread.
+ *
+ * Files: KQ_WriteSyncWithFilePath and KQ_FileCopy create missing parent folders (0755),
+ *   write "<folder>/.<name>.XXXXXX", fsync it, give it the mode of the file it replaces
+ *   (0644 for a new one), rename it over the target and fsync the folder. A failure
+ *   removes the temporary file and leaves the target as it was. KQ_AllocAndGetConf
+ *   refuses (null) anything but a regular file of at most 16 MiB.
+ *
+ * Commands (KQ_CmdExec, KQ_RTCSystem): the line is split at spaces, tabs and newlines
+ *   into argv (no quoting, no shell) and started with posix_spawn; a program name without
+ *   '/' is looked up in PATH, then in /usr/sbin:/sbin:/usr/bin:/bin. The child gets
+ *   /dev/null as stdin, default signal dispositions, an empty signal mask and no file
+ *   descriptors above 2. Results: 0 when it exits with status 0; -EINVAL for an empty
+ *   line; -errno when it cannot be started (-ENOENT: no such program); -EIO when it exits
+ *   non-zero or dies by a signal; -ECHILD when it cannot be waited for (SIGCHLD ignored).
+ *
+ * KQ_KillPid: -EINVAL for pid <= 0 (never a process group), -ESRCH (-3) when there is no
+ *   such process, otherwise SIGTERM, up to 2 s for it to go (reaped when it is our child),
+ *   then SIGKILL and up to 1 s more; 0 once it is gone, -ETIMEDOUT if it still is not.
+ *
+ * KQ_IsPIDCorrectInPIDFile (Pid, IfName, DynamicStr): TRUE only when /proc/<pid>/cmdline
+ *   has argv[0] with basename "dhclient", an argument equal to IfName, and for DynamicStr
+ *   "dhclient6" an argument "-6", for "dhclient" an argument "-4" or no "-6". Any other
+ *   DynamicStr gives FALSE.
+ *
+ * Namespaces: VPN id 0 is the namespace the agent runs in: the prefix is "", and
+ *   KQ_RtcNetNsSaveAndSwitch(0, ...) does nothing and returns 0. Another id maps to the
+ *   "netns" setting or "vpn<id>", entered through /run/netns/<name>. The calling thread's
+ *   namespace is what is saved (/proc/thread-self/ns/net). Save-and-switch with *SavedFd
+ *   already holding a saved namespace returns -EBUSY and changes nothing.
+ *
+ * Interfaces: KQ_RtcNetioLanGetByName fills IfName and CommConf.VpnId from "lans" (Mtu
+ *   is 0: this host does not track it); -ENODEV for a name not listed. The first IPv4 /
+ *   IPv6 address is read with getifaddrs inside the namespace of the interface's LAN VPN
+ *   id (the current namespace when the interface is not a listed LAN); the IPv6 one is
+ *   the first global address, else the first link-local one. Outputs are zeroed first;
+ *   -ENODEV when the interface does not exist there, -EADDRNOTAVAIL when it has no such
+ *   address.
+ *
+ * Rules: KQ_RtcRuleConfAdd replaces a rule with the same Zone and Id (result 0);
+ *   KQ_RtcRuleConfDel returns -ENOENT when there is none. The other arguments are not used.
+ *
+ * All operations are thread-safe except the flex-log buffer, which is per thread anyway.
+ */
+#ifndef KQ_HOST_LINUX_H
+#define KQ_HOST_LINUX_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "kqHost.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Reads the settings again from KQ_HOST_CONFIG (defaults when unset). Path texts returned
+ * earlier by KQ_AgentPathDhcpConf / KQ_AgentPathDhcpConfbak stay valid and show the new
+ * values. */
+void KQ_HostReloadConfig(void);
+
+/* The settings file in use, "" when none. Valid until the next reload. */
+const char *KQ_HostConfigPath(void);
+
+/* The policy-rule table, in insertion order (a replaced rule keeps its place). The pointer
+ * from KQ_HostRuleAt is null past the end and valid until the next add, delete or clear. */
+size_t KQ_HostRuleCount(void);
+const KQ_CONF_RULE *KQ_HostRuleAt(size_t Index);
+void KQ_HostRuleClear(void);
+
+/* The LAN table of the settings: count, and a copy of entry Index (-ERANGE past the end). */
+size_t KQ_HostLanCount(void);
+KQ_ERR_T KQ_HostLanAt(size_t Index, KQ_CONF_LAN *Lan);
+
+/* The network-namespace name of a VPN id into Buf: returns its length, -EOVERFLOW when it
+ * does not fit (Buf then ""), -EINVAL for VPN id 0 (the agent's own namespace). */
+KQ_ERR_T KQ_HostNetnsName(uint32_t VpnId, char *Buf, size_t Size);
+
+/* The lowest level written (1..4), and a way to change it until the next reload (values
+ * outside 1..4 are ignored). */
+uint32_t KQ_HostLogLevel(void);
+void KQ_HostSetLogLevel(uint32_t Level);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KQ_HOST_LINUX_H */

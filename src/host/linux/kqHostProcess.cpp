@@ -1,0 +1,262 @@
+// Processes of the reference host: command lines run without a shell, bounded killing,
+// and the check that a pid from a dhclient pid file still is that dhclient.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kqHostInternal.h"
+
+extern char **environ;
+
+namespace {
+
+constexpr const char *kFallbackPath = "/usr/sbin:/sbin:/usr/bin:/bin";
+constexpr auto kTermWait = std::chrono::seconds(2);
+constexpr auto kKillWait = std::chrono::seconds(1);
+constexpr auto kPoll = std::chrono::milliseconds(10);
+
+std::vector<std::string> SplitAtBlanks(const char *line)
+{
+    std::vector<std::string> words;
+    std::string word;
+    for (const char *p = line;; p++) {
+        bool blank = *p == ' ' || *p == '\t' || *p == '\n' || *p == '\r' || *p == '\0';
+        if (!blank) {
+            word += *p;
+            continue;
+        }
+        if (!word.empty())
+            words.push_back(std::move(word));
+        word.clear();
+        if (*p == '\0')
+            return words;
+    }
+}
+
+bool IsExecutableFile(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+// The program to start: a name with '/' as it is, else the first match in PATH, then in
+// the system folders (an agent started with a short PATH still finds `ip`).
+std::string ResolveProgram(const std::string &name)
+{
+    if (name.find('/') != std::string::npos)
+        return name;
+    const char *env = getenv("PATH");
+    std::string dirs = std::string(env != nullptr ? env : "") + ":" + kFallbackPath;
+    size_t start = 0;
+    while (start <= dirs.size()) {
+        size_t end = dirs.find(':', start);
+        if (end == std::string::npos)
+            end = dirs.size();
+        std::string dir = dirs.substr(start, end - start);
+        if (!dir.empty() && IsExecutableFile(dir + "/" + name))
+            return dir + "/" + name;
+        start = end + 1;
+    }
+    return "";
+}
+
+class SpawnSetup {
+public:
+    SpawnSetup()
+    {
+        posix_spawn_file_actions_init(&actions);
+        posix_spawnattr_init(&attr);
+    }
+    ~SpawnSetup()
+    {
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attr);
+    }
+    SpawnSetup(const SpawnSetup &) = delete;
+    SpawnSetup &operator=(const SpawnSetup &) = delete;
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attr;
+};
+
+// Runs the line and waits for the process it started.
+int RunCommand(const char *caller, const char *line) noexcept
+try {
+    if (line == nullptr)
+        return -EINVAL;
+    std::vector<std::string> words = SplitAtBlanks(line);
+    if (words.empty()) {
+        kqhost::Log(3, "%s: empty command line\n", caller);
+        return -EINVAL;
+    }
+    std::string program = ResolveProgram(words[0]);
+    if (program.empty()) {
+        kqhost::Log(3, "%s: %s: program not found\n", caller, words[0].c_str());
+        return -ENOENT;
+    }
+    std::vector<char *> argv;
+    for (std::string &w : words)
+        argv.push_back(w.data());
+    argv.push_back(nullptr);
+
+    // The child starts clean: stdin from /dev/null, no inherited descriptors beyond the
+    // standard three, default signal handling, nothing blocked. Daemons it leaves behind
+    // then hold nothing of ours.
+    SpawnSetup setup;
+    sigset_t all, none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
+    posix_spawnattr_setsigdefault(&setup.attr, &all);
+    posix_spawnattr_setsigmask(&setup.attr, &none);
+    posix_spawnattr_setflags(&setup.attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+
+    pid_t pid = -1;
+    int err = posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), environ);
+    if (err != 0) {
+        kqhost::Log(3, "%s: cannot start %s: %s\n", caller, program.c_str(), strerror(err));
+        return -err;
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) {
+            int ret = -errno;
+            kqhost::Log(3, "%s: cannot wait for %s (pid %d): %s\n", caller, program.c_str(), pid,
+                        strerror(errno));
+            return ret;
+        }
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        return 0;
+    if (WIFEXITED(status))
+        kqhost::Log(3, "%s: %s exited with status %d\n", caller, line, WEXITSTATUS(status));
+    else
+        kqhost::Log(3, "%s: %s ended by signal %d\n", caller, line, WTERMSIG(status));
+    return -EIO;
+} catch (const std::bad_alloc &) {
+    return -ENOMEM;
+}
+
+// Gone: no such process, or a zombie that is not ours to reap.
+bool Gone(pid_t pid)
+{
+    int status;
+    pid_t reaped = waitpid(pid, &status, WNOHANG);
+    if (reaped == pid)
+        return true;
+    if (kill(pid, 0) != 0 && errno == ESRCH)
+        return true;
+    std::string stat;
+    if (kqhost::ReadSmallFile(("/proc/" + std::to_string(pid) + "/stat").c_str(), 4096, stat) < 0)
+        return true;
+    size_t paren = stat.rfind(')');
+    return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] == 'Z' && reaped < 0;
+}
+
+bool WaitGone(pid_t pid, std::chrono::steady_clock::duration limit)
+{
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        if (Gone(pid))
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(kPoll);
+    }
+}
+
+std::vector<std::string> ReadCmdline(pid_t pid)
+{
+    std::string raw;
+    std::vector<std::string> args;
+    if (kqhost::ReadSmallFile(("/proc/" + std::to_string(pid) + "/cmdline").c_str(), 1 << 20, raw) < 0)
+        return args;
+    size_t start = 0;
+    while (start < raw.size()) {
+        size_t end = raw.find('\0', start);
+        if (end == std::string::npos)
+            end = raw.size();
+        args.push_back(raw.substr(start, end - start));
+        start = end + 1;
+    }
+    return args;
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t KQ_CmdExec(char *Command)
+{
+    return RunCommand("KQ_CmdExec", Command);
+}
+
+int KQ_RTCSystem(const char *Command)
+{
+    return RunCommand("KQ_RTCSystem", Command);
+}
+
+KQ_ERR_T KQ_KillPid(const pid_t Pid)
+{
+    if (Pid <= 0)
+        return -EINVAL;
+    if (kill(Pid, SIGTERM) != 0)
+        return -errno;
+    try {
+        if (WaitGone(Pid, kTermWait))
+            return 0;
+        kqhost::Log(3, "KQ_KillPid: pid %d ignored SIGTERM, sending SIGKILL\n", Pid);
+        if (kill(Pid, SIGKILL) != 0)
+            return errno == ESRCH ? 0 : -errno;
+        if (WaitGone(Pid, kKillWait))
+            return 0;
+    } catch (const std::bad_alloc &) {
+        return -ENOMEM;
+    }
+    kqhost::Log(4, "KQ_KillPid: pid %d is still there after SIGKILL\n", Pid);
+    return -ETIMEDOUT;
+}
+
+BOOL KQ_IsPIDCorrectInPIDFile(pid_t Pid, const char *IfName, const char *DynamicStr)
+{
+    if (Pid <= 0 || IfName == nullptr || DynamicStr == nullptr)
+        return FALSE;
+    bool wantV6 = strcmp(DynamicStr, "dhclient6") == 0;
+    if (!wantV6 && strcmp(DynamicStr, "dhclient") != 0)
+        return FALSE;
+    try {
+        std::vector<std::string> args = ReadCmdline(Pid);
+        if (args.empty())
+            return FALSE;
+        size_t slash = args[0].rfind('/');
+        std::string program = slash == std::string::npos ? args[0] : args[0].substr(slash + 1);
+        if (program != "dhclient")
+            return FALSE;
+        bool hasIf = false, has4 = false, has6 = false;
+        for (size_t i = 1; i < args.size(); i++) {
+            hasIf = hasIf || args[i] == IfName;
+            has4 = has4 || args[i] == "-4";
+            has6 = has6 || args[i] == "-6";
+        }
+        if (!hasIf)
+            return FALSE;
+        return (wantV6 ? has6 : (has4 || !has6)) ? TRUE : FALSE;
+    } catch (const std::bad_alloc &) {
+        return FALSE;
+    }
+}
+
+}  // extern "C"
