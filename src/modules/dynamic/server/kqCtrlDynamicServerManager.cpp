@@ -178,8 +178,23 @@ static KQ_ERR_T _KQ_SetDhcpAndSlaacConf(const KQ_CTRL_DYNAMIC_SERVER_CONF *Dynam
 
 // ---- The whole file -------------------------------------------------------------------
 
+// A refused dhcp.conf list leaves the length it read in the record's count, and the load
+// still restarts that record: a count beyond its array must not be read past the array.
+static bool _KQ_CountsFit(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf)
+{
+    const KQ_DYNAMIC_IPV4_SERVER_CONF *ipv4 = &DynamicServerConf->ServerIpv4Conf;
+    const KQ_DYNAMIC_IPV6_SERVER_CONF *ipv6 = &DynamicServerConf->ServerIpv6Conf;
+    return ipv4->IpRangeNum <= KQ_DYNAMIC_MAX_IP_RANGE && ipv4->DnsNum <= KQ_DYNAMIC_MAX_DNS &&
+           ipv6->DhcpConf.Ipv6RangeNum <= KQ_DYNAMIC_MAX_IP_RANGE && ipv6->DhcpConf.Ipv6DnsNum <= KQ_DYNAMIC_MAX_DNS &&
+           ipv6->SlaacConf.Ipv6DnsNum <= KQ_DYNAMIC_MAX_DNS;
+}
+
 KQ_ERR_T _KQCtrl_SetDynamicServerConf(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf, const char *ConfPath)
 {
+    if (!_KQ_CountsFit(DynamicServerConf)) {
+        KQ_LOG(kq::log::Error, "Dynamic server conf of %s has too many entries\n", DynamicServerConf->IfName);
+        return -EOVERFLOW;
+    }
     kq::HostBuffer buffer(confContentMaxLen);
     if (!buffer) {
         KQ_LOG(kq::log::Error, "Apply memory failed\n");

@@ -1,0 +1,3 @@
+
+averyveryverylongname
+ä„€€d€şÿÿ0
