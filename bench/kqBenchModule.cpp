@@ -1,0 +1,210 @@
+// The module's own cost at 1, 100 and 1000 interfaces: add (a change: the interface's
+// dnsmasq restarted, the shared relay rebuilt, dhcp.conf rewritten), unchanged add, the
+// dhcp.conf rewrite alone, delete, start-up load, and the registry's footprint.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kqBenchHost.h"
+#include "kqBenchRequests.h"
+#include "kqCtrlDynamicInternal.h"
+
+namespace {
+
+using kqbench::Request;
+
+constexpr char kDir[] = "/run/kqbench";
+constexpr char kDhcpConf[] = "/run/kqbench/dhcp.conf";
+
+std::vector<std::unique_ptr<Request>> g_requests;
+size_t g_filled = 0;  // interfaces the registry holds, as added by Fill
+
+Request &RequestAt(size_t Index)
+{
+    while (g_requests.size() <= Index) {
+        unsigned i = static_cast<unsigned>(g_requests.size());
+        g_requests.push_back(std::make_unique<Request>(i, Request::KindOf(i)));
+    }
+    return *g_requests[Index];
+}
+
+void ClearRegistry()
+{
+    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
+    while (head->next != head) {
+        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
+            reinterpret_cast<char *>(head->next) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
+        _KQCtrl_DeleteDynamicConfListNode(node->DynamicConf.IfName);
+    }
+    g_filled = 0;
+}
+
+// The registry with interfaces 0..N-1, added through the entry point like a controller
+// would; kept between benchmarks of the same size.
+bool Fill(benchmark::State &State, size_t N)
+{
+    if (g_filled == N)
+        return true;
+    ClearRegistry();
+    for (size_t i = 0; i < N; ++i) {
+        KQ_ERR_T ret = KQCtrl_ConfigDynamicAdd(RequestAt(i).get());
+        if (ret != 0) {
+            State.SkipWithError(("add of " + std::string(RequestAt(i).IfName()) + " failed: " +
+                                 std::to_string(ret)).c_str());
+            return false;
+        }
+    }
+    g_filled = N;
+    return true;
+}
+
+// The interface that is added, re-added and deleted: the last one, a dual-stack server
+// (N - 1 is a multiple of 3 for every size used).
+Request &Target(size_t N) { return RequestAt(N - 1); }
+
+void Counters(benchmark::State &State, size_t N)
+{
+    State.counters["interfaces"] = static_cast<double>(N);
+}
+
+void BM_Add(benchmark::State &State)
+{
+    const size_t n = static_cast<size_t>(State.range(0));
+    if (!Fill(State, n))
+        return;
+    Request &target = Target(n);
+    for (auto _ : State) {
+        target.Change();
+        if (KQCtrl_ConfigDynamicAdd(target.get()) != 0) {
+            State.SkipWithError("add failed");
+            break;
+        }
+    }
+    Counters(State, n);
+}
+
+void BM_AddUnchanged(benchmark::State &State)
+{
+    const size_t n = static_cast<size_t>(State.range(0));
+    if (!Fill(State, n))
+        return;
+    Request &target = Target(n);
+    size_t commands = kqbench::Record().Commands;
+    for (auto _ : State) {
+        if (KQCtrl_ConfigDynamicAdd(target.get()) != 0) {
+            State.SkipWithError("add failed");
+            break;
+        }
+    }
+    // Nothing changed, so the interface's dnsmasq was not restarted: only the shared relay's.
+    State.counters["commands_per_add"] =
+        static_cast<double>(kqbench::Record().Commands - commands) / static_cast<double>(State.iterations());
+    Counters(State, n);
+}
+
+void BM_DocumentRewrite(benchmark::State &State)
+{
+    const size_t n = static_cast<size_t>(State.range(0));
+    if (!Fill(State, n))
+        return;
+    for (auto _ : State) {
+        if (_KQCtrl_UpdateDynamicConfFile() != 0) {
+            State.SkipWithError("rewrite failed");
+            break;
+        }
+    }
+    Counters(State, n);
+}
+
+void BM_Delete(benchmark::State &State)
+{
+    const size_t n = static_cast<size_t>(State.range(0));
+    if (!Fill(State, n))
+        return;
+    Request &target = Target(n);
+    for (auto _ : State) {
+        if (KQCtrl_ConfigDynamicDel(target.get()) != 0) {
+            State.SkipWithError("delete failed");
+            break;
+        }
+        State.PauseTiming();
+        KQ_ERR_T ret = KQCtrl_ConfigDynamicAdd(target.get());
+        State.ResumeTiming();
+        if (ret != 0) {
+            State.SkipWithError("add back failed");
+            break;
+        }
+    }
+    Counters(State, n);
+}
+
+void BM_Load(benchmark::State &State)
+{
+    const size_t n = static_cast<size_t>(State.range(0));
+    if (!Fill(State, n))
+        return;
+    for (auto _ : State) {
+        State.PauseTiming();
+        ClearRegistry();
+        State.ResumeTiming();
+        if (KQCtrl_LoadDynamicServiceConf(kDhcpConf) != 0) {
+            State.SkipWithError("load failed");
+            break;
+        }
+    }
+    // The loaded records differ from added ones (no zone, no IPv6 mode): add afresh next time.
+    ClearRegistry();
+    Counters(State, n);
+}
+
+// What the registry keeps per interface: its host allocations, and all heap growth.
+void BM_Footprint(benchmark::State &State)
+{
+    const size_t n = static_cast<size_t>(State.range(0));
+    ClearRegistry();
+    const long hostBefore = kqbench::Record().LiveBytes;
+    const size_t heapBefore = mallinfo2().uordblks;
+    if (!Fill(State, n))
+        return;
+    const long hostAfter = kqbench::Record().LiveBytes;
+    const size_t heapAfter = mallinfo2().uordblks;
+    for (auto _ : State)
+        benchmark::DoNotOptimize(g_filled);
+    State.counters["host_bytes_per_if"] = static_cast<double>(hostAfter - hostBefore) / static_cast<double>(n);
+    State.counters["heap_bytes_per_if"] =
+        static_cast<double>(static_cast<long>(heapAfter) - static_cast<long>(heapBefore)) / static_cast<double>(n);
+    State.counters["node_size"] = sizeof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE);
+    Counters(State, n);
+}
+
+void Sizes(benchmark::internal::Benchmark *B)
+{
+    B->Arg(1)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
+}
+
+BENCHMARK(BM_Add)->Apply(Sizes);
+BENCHMARK(BM_AddUnchanged)->Apply(Sizes);
+BENCHMARK(BM_DocumentRewrite)->Apply(Sizes);
+BENCHMARK(BM_Delete)->Apply(Sizes);
+BENCHMARK(BM_Load)->Apply(Sizes);
+BENCHMARK(BM_Footprint)->Arg(1000)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    kqbench::RequireIsolation(argv[0]);
+    kqbench::WriteHostSettings(kDir, "");
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    ClearRegistry();
+    return 0;
+}
