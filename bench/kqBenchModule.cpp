@@ -3,6 +3,7 @@
 // dhcp.conf rewrite alone, delete, start-up load, and the registry's footprint.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <sys/resource.h>
 
 #include <cstddef>
 #include <cstdio>
@@ -67,6 +68,30 @@ bool Fill(benchmark::State &State, size_t N)
 // (N - 1 is a multiple of 3 for every size used).
 Request &Target(size_t N) { return RequestAt(N - 1); }
 
+long MinorFaults()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt;
+}
+
+// Page faults show when the allocator hands memory back to the kernel between calls and
+// takes it again: time that no instruction count shows.
+class FaultCounter {
+public:
+    explicit FaultCounter(benchmark::State &State) : m_state(State), m_start(MinorFaults()) {}
+    ~FaultCounter()
+    {
+        if (m_state.iterations() > 0)
+            m_state.counters["faults_per_op"] =
+                static_cast<double>(MinorFaults() - m_start) / static_cast<double>(m_state.iterations());
+    }
+
+private:
+    benchmark::State &m_state;
+    long m_start;
+};
+
 void Counters(benchmark::State &State, size_t N)
 {
     State.counters["interfaces"] = static_cast<double>(N);
@@ -78,6 +103,7 @@ void BM_Add(benchmark::State &State)
     if (!Fill(State, n))
         return;
     Request &target = Target(n);
+    FaultCounter faults(State);
     for (auto _ : State) {
         target.Change();
         if (KQCtrl_ConfigDynamicAdd(target.get()) != 0) {
@@ -95,6 +121,7 @@ void BM_AddUnchanged(benchmark::State &State)
         return;
     Request &target = Target(n);
     size_t commands = kqbench::Record().Commands;
+    FaultCounter faults(State);
     for (auto _ : State) {
         if (KQCtrl_ConfigDynamicAdd(target.get()) != 0) {
             State.SkipWithError("add failed");
@@ -112,6 +139,7 @@ void BM_DocumentRewrite(benchmark::State &State)
     const size_t n = static_cast<size_t>(State.range(0));
     if (!Fill(State, n))
         return;
+    FaultCounter faults(State);
     for (auto _ : State) {
         if (_KQCtrl_UpdateDynamicConfFile() != 0) {
             State.SkipWithError("rewrite failed");
@@ -127,6 +155,7 @@ void BM_Delete(benchmark::State &State)
     if (!Fill(State, n))
         return;
     Request &target = Target(n);
+    FaultCounter faults(State);
     for (auto _ : State) {
         if (KQCtrl_ConfigDynamicDel(target.get()) != 0) {
             State.SkipWithError("delete failed");
@@ -148,6 +177,7 @@ void BM_Load(benchmark::State &State)
     const size_t n = static_cast<size_t>(State.range(0));
     if (!Fill(State, n))
         return;
+    FaultCounter faults(State);
     for (auto _ : State) {
         State.PauseTiming();
         ClearRegistry();

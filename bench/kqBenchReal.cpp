@@ -1,6 +1,6 @@
 // A real add (module and reference host: the interface's dnsmasq killed and started again)
 // against a bare dnsmasq start with the same configuration file and command line. Needs
-// its own network namespace (scripts/isolate --net): it creates a dummy interface there.
+// its own network namespace (scripts/isolate --net): it creates a veth pair there.
 #include <benchmark/benchmark.h>
 
 #include <csignal>
@@ -82,8 +82,9 @@ int main(int argc, char **argv)
 {
     kqbench::RequireIsolation(argv[0]);
     kqbench::WriteHostSettings(kDir, std::string("{ \"ifname\": \"") + kIfName + "\", \"vpnId\": 0 }");
-    if (Run(std::string("ip link add ") + kIfName + " type dummy") != 0 ||
+    if (Run(std::string("ip link add ") + kIfName + " type veth peer name " + kIfName + "p") != 0 ||
         Run(std::string("ip addr add 192.0.2.1/24 dev ") + kIfName) != 0 ||
+        Run(std::string("ip link set ") + kIfName + "p up") != 0 ||
         Run(std::string("ip link set ") + kIfName + " up") != 0)
         return 2;
     // The first add writes the configuration file that the bare start uses too.

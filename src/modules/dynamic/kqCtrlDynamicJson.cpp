@@ -55,7 +55,9 @@ bool AddMember(json_object *Parent, const char *Key, json_object *Value)
 {
     if (Value == nullptr)
         return false;
-    if (json_object_object_add(Parent, Key, Value) != 0) {
+    // Keys are the module's string literals: json-c need not copy them. An existing key is
+    // still replaced, which the "dnsIpv6s" of the IPv6 writer relies on.
+    if (json_object_object_add_ex(Parent, Key, Value, JSON_C_OBJECT_KEY_IS_CONSTANT) != 0) {
         json_object_put(Value);
         return false;
     }
