@@ -197,7 +197,8 @@ private:
 //   dhclient -4|-6 [-S] -d -v -pf <dir>/<ifname>.dhclient[6].pid
 //            -lf <dir>/<ifname>.dhclient[6].leases [-sf <script>] <ifname>
 // The default script (/sbin/dhclient-script) configures the address it gets, which is
-// what a test checks with Addresses(). Killed and reaped on destruction.
+// what a test checks with Addresses(); it does so before dhclient writes the lease file,
+// so a test that reads both waits for both. Killed and reaped on destruction.
 class Dhclient {
 public:
     enum class Mode { V4, V6, V6Stateless };

@@ -30,13 +30,18 @@ TEST(LabUtil, Dhcpv4ClientGetsPoolAddressAndNothingIsLeftBehind)
                              "dhcp-range=192.0.2.100,192.0.2.150,255.255.255.0,1h\n");
         lab::Dhclient dhclient(client.Name(), "cli0", lab::Dhclient::Mode::V4, dir);
 
-        std::optional<std::string> got;
-        lab::WaitFor([&] { return (got = PoolAddress(client.Name(), "cli0")).has_value(); }, 20s);
-        ASSERT_TRUE(got) << "dhclient:\n" << lab::ReadFile(dhclient.LogFile()).value_or("")
-                         << "dnsmasq:\n" << dnsmasq.Log();
+        // dhclient's script sets the address before dhclient writes the lease: wait for both.
+        std::optional<std::string> got, leased;
+        lab::WaitFor(
+            [&] {
+                got = PoolAddress(client.Name(), "cli0");
+                leased = lab::LeaseField(dhclient.LeaseFile(), "fixed-address");
+                return got && leased;
+            },
+            20s);
+        ASSERT_TRUE(got && leased) << "dhclient:\n" << lab::ReadFile(dhclient.LogFile()).value_or("")
+                                   << "dnsmasq:\n" << dnsmasq.Log();
         EXPECT_EQ(got->substr(got->find('/')), "/24");
-        std::optional<std::string> leased = lab::LeaseField(dhclient.LeaseFile(), "fixed-address");
-        ASSERT_TRUE(leased);
         EXPECT_EQ(*leased + "/24", *got);
         EXPECT_EQ(lab::LeaseField(dhclient.LeaseFile(), "option dhcp-server-identifier"), "192.0.2.1");
         EXPECT_TRUE(lab::ProcessAlive(dnsmasq.Pid()));
