@@ -156,9 +156,11 @@ TEST_F(RegistryTest, AddRunsServerRelayFileAndStopsAtTheFirstFailure)
     EXPECT_EQ(fakehost::Messages().back(), "dump flexlog:\nadd dynamic server failed(22:Invalid argument)\n");
     EXPECT_TRUE(Host().Writes.empty());
 
-    // File step fails: the list already holds the change, dhcp.conf is not written.
+    // File step fails (the relay's own conf is the first write, the backup the second):
+    // the list already holds the change, dhcp.conf is not written.
     fakehost::Reset();
     Host().Fail["KQ_WriteSyncWithFilePath"] = -EIO;
+    Host().FailOnCall["KQ_WriteSyncWithFilePath"] = 2;
     RelayItem good("lan1", 2);
     EXPECT_EQ(KQCtrl_ConfigDynamicAdd(&good.item), -EIO);
     EXPECT_TRUE(fakehost::HasMessage("Update dynamic conf file failed(5:Input/output error)\n"));

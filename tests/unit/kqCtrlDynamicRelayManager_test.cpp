@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "fakehost.h"
+#include "relayTestItem.h"
+
+using namespace relaytest;
+
+namespace {
+
+class RelayManager : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fakehost::Reset();
+        fakehost::ClearRegistry();
+        RemoveRelayFiles();
+        Live = fakehost::Host().LiveAllocations;
+    }
+    void TearDown() override
+    {
+        RemoveRelayFiles();
+        EXPECT_EQ(fakehost::Host().LiveAllocations, Live);
+    }
+
+    static KQ_CTRL_DYNAMIC_RELAY_CONF Relay(const char *LanIp, std::vector<const char *> Servers)
+    {
+        KQ_CTRL_DYNAMIC_RELAY_CONF conf;
+        memset(&conf, 0, sizeof(conf));
+        strcpy(conf.IfName, "eth1");
+        conf.NetAddrType = KQ_NET_ADDR_IPV4;
+        conf.RelayConf.LanIp = fakehost::Ip4(LanIp);
+        for (const char *s : Servers)
+            conf.RelayConf.RelayServer[conf.RelayConf.RelayServerNum++] = fakehost::Ip4(s);
+        return conf;
+    }
+
+    static std::string Append(KQ_CTRL_DYNAMIC_RELAY_CONF Conf, KQ_ERR_T *Result)
+    {
+        KQ_FLEXIBLE_MSG *msg = KQ_FlexMsgAlloc();
+        *Result = KQCtrl_DynamicRelayConfAppend(msg, &Conf);
+        std::string text = msg->FlexBuf;
+        KQ_FlexMsgFree(msg);
+        return text;
+    }
+
+    long Live = 0;
+};
+
+TEST_F(RelayManager, AppendWritesOneLinePerServerAndOnlyTheLastAppendDecides)
+{
+    KQ_ERR_T ret = 1;
+    EXPECT_EQ(Append(Relay("192.0.2.1", {"198.51.100.10", "198.51.100.11"}), &ret),
+              "dhcp-relay=192.0.2.1,198.51.100.10\ndhcp-relay=192.0.2.1,198.51.100.11\n");
+    EXPECT_EQ(ret, 0);
+
+    EXPECT_EQ(Append(Relay("192.0.2.1", {}), &ret), "");
+    EXPECT_EQ(ret, 0);
+
+    // A failed first append is overwritten by the successful second one.
+    fakehost::Reset();
+    fakehost::Host().FailOnCall["KQ_FlexMsgSetFormatData"] = 1;
+    EXPECT_EQ(Append(Relay("192.0.2.1", {"198.51.100.10", "198.51.100.11"}), &ret),
+              "dhcp-relay=192.0.2.1,198.51.100.11\n");
+    EXPECT_EQ(ret, 0);
+    EXPECT_TRUE(Lines().empty());
+
+    fakehost::Reset();
+    fakehost::Host().FailOnCall["KQ_FlexMsgSetFormatData"] = 2;
+    Append(Relay("192.0.2.1", {"198.51.100.10", "198.51.100.11"}), &ret);
+    EXPECT_EQ(ret, -EIO);
+    EXPECT_EQ(Lines(), std::vector<std::string>{"Append dhcp relay conf failed(5:Input/output error)\n"});
+
+    // A record claiming more servers than it holds is refused, never read past its end.
+    fakehost::Reset();
+    auto bad = Relay("192.0.2.1", {"198.51.100.10"});
+    bad.RelayConf.RelayServerNum = 5;
+    EXPECT_EQ(Append(bad, &ret), "");
+    EXPECT_EQ(ret, -EINVAL);
+    EXPECT_EQ(Lines(), std::vector<std::string>{"Relay server number 5 is overflow\n"});
+}
+
+TEST_F(RelayManager, StopWithoutUsablePidFileKillsNothingAndKeepsConf)
+{
+    struct Case {
+        const char *Name;
+        std::optional<std::string> PidText;
+    };
+    // 0 or a negative pid would signal the agent's own process group.
+    const Case cases[] = {{"no pid file", std::nullopt}, {"empty", ""}, {"zero", "0\n"},
+                          {"negative", "-1\n"}, {"not a number", "dnsmasq\n"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.Name);
+        fakehost::Reset();
+        RemoveRelayFiles();
+        fakehost::WriteFile(kConfPath, "dhcp-relay=192.0.2.1,198.51.100.10\n");
+        if (c.PidText)
+            fakehost::WriteFile(kPidPath, *c.PidText);
+        EXPECT_EQ(KQCtrl_DynamicRelayStop(), 0);
+        EXPECT_TRUE(fakehost::Host().Killed.empty());
+        EXPECT_EQ(fakehost::ReadFile(kConfPath), "dhcp-relay=192.0.2.1,198.51.100.10\n");
+        ASSERT_FALSE(Lines().empty());
+        EXPECT_EQ(Lines().back(), "Dynamic Relay is not exist\n");
+        EXPECT_EQ(fakehost::Host().Logs.back().Level, 1u);
+    }
+}
+
+TEST_F(RelayManager, StopKillsRecordedPidAndRemovesBothFiles)
+{
+    struct Case {
+        long KillResult;
+        KQ_ERR_T Result;
+        bool FilesRemoved;
+        std::vector<std::string> Lines;
+    };
+    const Case cases[] = {
+        {0, 0, true, {"Pid is 4242\n"}},
+        {-3, 0, true, {"Pid is 4242\n"}},  // already gone
+        {-1, -1, false, {"Pid is 4242\n", "Kill pid 4242 failed(1:Operation not permitted)\n"}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.KillResult);
+        fakehost::Reset();
+        fakehost::WriteFile(kConfPath, "dhcp-relay=192.0.2.1,198.51.100.10\n");
+        fakehost::WriteFile(kPidPath, "4242\n");
+        fakehost::Host().KillResult = c.KillResult;
+        EXPECT_EQ(KQCtrl_DynamicRelayStop(), c.Result);
+        EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});
+        EXPECT_EQ(fakehost::ReadFile(kPidPath).has_value(), !c.FilesRemoved);
+        EXPECT_EQ(fakehost::ReadFile(kConfPath).has_value(), !c.FilesRemoved);
+        EXPECT_EQ(Lines(), c.Lines);
+    }
+}
+
+}  // namespace

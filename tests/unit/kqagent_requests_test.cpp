@@ -1,0 +1,242 @@
+// kqagent's request files: what a valid file builds, and how each fault is refused.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kqAgentCommon.h"
+#include "kqAgentRequests.h"
+
+namespace {
+
+using kqagent::ParseRequests;
+using kqagent::RequestOp;
+
+std::string File(const std::string &requests) { return R"({"requests":[)" + requests + "]}"; }
+
+const char *kServer4 =
+    R"({"mode":"server","dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.100","len":50}],)"
+    R"("netmask":"255.255.255.0","leasetime":3600}})";
+
+std::string AddV4(const std::string &server4 = kServer4) { return R"({"op":"add","item":{"ifname":"lan1","ipv4dhcpitem":)" + server4 + "}}"; }
+
+std::string AddV6(const std::string &server6)
+{
+    return R"({"op":"add","item":{"ifname":"lan1","ipv6dhcpitem":{"mode":3,"dhcpserver":)" + server6 + "}}}";
+}
+
+std::vector<uint8_t> Bytes(const ProtobufCBinaryData &data) { return {data.data, data.data + data.len}; }
+std::vector<uint8_t> V6(const char *text) { return *kqagent::ParseIpv6(text); }
+
+TEST(KqAgentRequests, FullRequestsBuildExactMessages)
+{
+    const std::string text = File(
+        R"({"op":"add","item":{"ifname":"lan1",
+             "ipv4dhcpitem":{"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.100","len":50},{"begin":"192.0.2.200","len":1}],
+               "netmask":"255.255.255.0","dns":["192.0.2.1","198.51.100.53"],"gateway":"192.0.2.1","leasetime":3600,"offertime":60}},
+             "ipv6dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}],
+               "prefixlength":64,"dns":["2001:db8:1::1"],"leasetime":7200,"prefix":"2001:db8:1::","ipv6dynamicmode":"dhcp","dnsdynamicmode":1}}}},
+           {"op":"add","item":{"ifname":"lan2","ipv4dhcpitem":{"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2","203.0.113.3"],"lanip":"198.51.100.1"}}}},
+           {"op":"delete","item":{"ifname":"lan3"}})");
+    const auto parsed = ParseRequests(text);
+    ASSERT_TRUE(parsed.Ok()) << parsed.error;
+    ASSERT_EQ(parsed.requests.size(), 3u);
+    EXPECT_TRUE(parsed.notes.empty());
+
+    const auto &first = parsed.requests[0];
+    EXPECT_EQ(first.Op(), RequestOp::Add);
+    EXPECT_EQ(first.Summary(), "add lan1 (ipv4 server, ipv6 server)");
+    const DhcpItemV2 &item = first.Item();
+    EXPECT_EQ(item.base.descriptor, &dhcp_item_v2__descriptor);
+    EXPECT_STREQ(item.ifname, "lan1");
+    const Ipv4DhcpItem &v4 = *item.ipv4dhcpitem;
+    EXPECT_EQ(v4.mode, 3u);
+    EXPECT_EQ(v4.dhcprelay, nullptr);
+    const Ipv4DhcpServer &s4 = *v4.dhcpserver;
+    ASSERT_EQ(s4.n_dhcpiprange, 2u);
+    EXPECT_EQ(s4.dhcpiprange[0]->begin, 0xC0000264u);
+    EXPECT_TRUE(s4.dhcpiprange[0]->has_len);
+    EXPECT_EQ(s4.dhcpiprange[0]->len, 50u);
+    EXPECT_EQ(s4.dhcpiprange[1]->begin, 0xC00002C8u);
+    EXPECT_EQ(s4.dhcpiprange[1]->len, 1u);
+    EXPECT_EQ(s4.netmask, 0xFFFFFF00u);
+    ASSERT_EQ(s4.n_dns, 2u);
+    EXPECT_EQ(s4.dns[0], 0xC0000201u);
+    EXPECT_EQ(s4.dns[1], 0xC6336435u);
+    EXPECT_TRUE(s4.has_gateway);
+    EXPECT_EQ(s4.gateway, 0xC0000201u);
+    EXPECT_EQ(s4.leasetime, 3600u);
+    EXPECT_TRUE(s4.has_offertime);
+    EXPECT_EQ(s4.offertime, 60u);
+
+    const Ipv6DhcpItem &v6 = *item.ipv6dhcpitem;
+    EXPECT_EQ(v6.mode, 3u);
+    EXPECT_EQ(v6.dhcprelay, nullptr);
+    const Ipv6DhcpServer &s6 = *v6.dhcpserver;
+    ASSERT_EQ(s6.n_dhcpiprange, 1u);
+    EXPECT_EQ(Bytes(s6.dhcpiprange[0]->ipv6begin), V6("2001:db8:1::100"));
+    EXPECT_EQ(Bytes(s6.dhcpiprange[0]->ipv6end), V6("2001:db8:1::1ff"));
+    EXPECT_TRUE(s6.has_prefixlength);
+    EXPECT_EQ(s6.prefixlength, 64u);
+    ASSERT_EQ(s6.n_dns, 1u);
+    EXPECT_EQ(Bytes(s6.dns[0]), V6("2001:db8:1::1"));
+    EXPECT_TRUE(s6.has_leasetime);
+    EXPECT_EQ(s6.leasetime, 7200u);
+    EXPECT_TRUE(s6.has_prefix);
+    EXPECT_EQ(Bytes(s6.prefix), V6("2001:db8:1::"));
+    EXPECT_TRUE(s6.has_ipv6dynamicmode);
+    EXPECT_EQ(s6.ipv6dynamicmode, 1u);
+    EXPECT_TRUE(s6.has_dnsdynamicmode);
+    EXPECT_EQ(s6.dnsdynamicmode, 1u);
+    EXPECT_FALSE(s6.has_offertime);
+
+    const DhcpItemV2 &relayItem = parsed.requests[1].Item();
+    EXPECT_EQ(parsed.requests[1].Summary(), "add lan2 (ipv4 relay)");
+    EXPECT_EQ(relayItem.ipv6dhcpitem, nullptr);
+    EXPECT_EQ(relayItem.ipv4dhcpitem->mode, 2u);
+    EXPECT_EQ(relayItem.ipv4dhcpitem->dhcpserver, nullptr);
+    const Ipv4DhcpRelay &relay = *relayItem.ipv4dhcpitem->dhcprelay;
+    ASSERT_EQ(relay.n_relayserver, 2u);
+    EXPECT_EQ(relay.relayserver[0], 0xCB007102u);
+    EXPECT_EQ(relay.relayserver[1], 0xCB007103u);
+    EXPECT_EQ(relay.lanip, 0xC6336401u);
+
+    EXPECT_EQ(parsed.requests[2].Op(), RequestOp::Delete);
+    EXPECT_EQ(parsed.requests[2].Summary(), "delete lan3");
+    EXPECT_STREQ(parsed.requests[2].Item().ifname, "lan3");
+    EXPECT_EQ(parsed.requests[2].Item().ipv4dhcpitem, nullptr);
+
+    // Optional fields that were not given keep their flags clear.
+    const auto minimal = ParseRequests(File(AddV4()));
+    ASSERT_TRUE(minimal.Ok()) << minimal.error;
+    const Ipv4DhcpServer &m = *minimal.requests[0].Item().ipv4dhcpitem->dhcpserver;
+    EXPECT_FALSE(m.has_gateway);
+    EXPECT_FALSE(m.has_offertime);
+    EXPECT_EQ(m.n_dns, 0u);
+    EXPECT_EQ(m.dns, nullptr);
+}
+
+TEST(KqAgentRequests, MessagesOutliveCopiesOfTheParseResult)
+{
+    std::vector<kqagent::Request> kept;
+    {
+        auto parsed = ParseRequests(File(AddV4()));
+        ASSERT_TRUE(parsed.Ok());
+        kept = parsed.requests;
+    }
+    EXPECT_STREQ(kept[0].Item().ifname, "lan1");
+    EXPECT_EQ(kept[0].Item().ipv4dhcpitem->dhcpserver->dhcpiprange[0]->len, 50u);
+}
+
+TEST(KqAgentRequests, Ipv6RelayModeIsAcceptedWithANote)
+{
+    const auto parsed = ParseRequests(File(R"({"op":"add","item":{"ifname":"lan1","ipv6dhcpitem":{"mode":"relay"}}})"));
+    ASSERT_TRUE(parsed.Ok()) << parsed.error;
+    ASSERT_EQ(parsed.notes.size(), 1u);
+    EXPECT_EQ(parsed.notes[0],
+              "request 0: item.ipv6dhcpitem.mode: the module relays IPv4 only; IPv6 relay mode configures nothing");
+}
+
+TEST(KqAgentRequests, FaultsAreRefusedWithIndexPathAndReason)
+{
+    const std::string stateful6 =
+        R"({"dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}],"prefixlength":64,)";
+    struct Case {
+        std::string text;
+        std::string error;
+    };
+    const std::vector<Case> cases = {
+        {"", "(file): not valid JSON near line 1, column 1: unexpected end of data"},
+        {File(AddV4()) + "\n}", "(file): not valid JSON near line 2, column 1: unexpected text after the document"},
+        {"{\n \"requests\": [\n  {\"op\" \"add\"}]}", "(file): not valid JSON near line 3, column 9: object property name separator ':' expected"},
+        {"null", "(file): expected an object, found null"},
+        {"[]", "(file): expected an object, found an array"},
+        {R"({"requests":[]})", "requests: holds 0 entries, allowed 1..18446744073709551615"},
+        {R"({"request":[]})", "request: unknown key (known here: requests)"},
+        {R"({})", "requests: missing (required)"},
+        {File("3"), "request 0: (request): expected an object, found an integer"},
+        {File(R"({"op":"add"})"), "request 0: item: missing (required)"},
+        {File(R"({"op":"replace","item":{"ifname":"lan1"}})"), "request 0: op: \"replace\" is not an operation (use \"add\" or \"delete\")"},
+        {File(R"({"op":"add","item":{"ifname":"lan1"},"extra":1})"), "request 0: extra: unknown key (known here: op, item)"},
+        {File(AddV4() + "," + R"({"op":"add","item":{"ifname":"lan1/x"}})"),
+         "request 1: item.ifname: \"lan1/x\" is not a usable interface name (1..15 characters, no '/', ':', blanks or control characters)"},
+        {File(R"({"op":"add","item":{"ifname":"abcdefghijklmnop"}})"),
+         "request 0: item.ifname: \"abcdefghijklmnop\" is not a usable interface name (1..15 characters, no '/', ':', blanks or control characters)"},
+        {File(R"({"op":"add","item":{"ifname":7}})"), "request 0: item.ifname: expected a string, found an integer"},
+        {File(R"({"op":"add","item":{"ifname":null}})"), "request 0: item.ifname: must not be null"},
+        {File(R"({"op":"add","item":{"ifname":"lan1","ipv4dhcpitem":{"mode":"server"}}})"),
+         "request 0: item.ipv4dhcpitem.dhcpserver: missing (mode is \"server\")"},
+        {File(R"({"op":"add","item":{"ifname":"lan1","ipv4dhcpitem":{"mode":"relay"}}})"),
+         "request 0: item.ipv4dhcpitem.dhcprelay: missing (mode is \"relay\")"},
+        {File(R"({"op":"add","item":{"ifname":"lan1","ipv4dhcpitem":{"mode":4}}})"),
+         "request 0: item.ipv4dhcpitem.mode: 4 is out of range 1..3"},
+        {File(R"({"op":"add","item":{"ifname":"lan1","ipv4dhcpitem":{"mode":"on"}}})"),
+         "request 0: item.ipv4dhcpitem.mode: \"on\" is not a mode (use 1 \"off\", 2 \"relay\", 3 \"server\")"},
+        {File(R"({"op":"add","item":{"ifname":"lan1","ipv4dhcpitem":{"mode":true}}})"),
+         "request 0: item.ipv4dhcpitem.mode: expected a mode: 1 \"off\", 2 \"relay\", 3 \"server\", found a boolean"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.300","len":5}],"netmask":"255.255.255.0","leasetime":60}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.dhcpiprange[0].begin: \"192.0.2.300\" is not an IPv4 address"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10"}],"netmask":"255.255.255.0","leasetime":60}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.dhcpiprange[0].len: missing (required)"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"255.255.255.250","len":7}],"netmask":"255.255.255.0","leasetime":60}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.dhcpiprange[0].len: 7 is out of range 1..6"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[],"netmask":"255.255.255.0","leasetime":60}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.dhcpiprange: holds 0 entries, allowed 1..64"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.0.255.0","leasetime":60}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.netmask: \"255.0.255.0\" is not a netmask"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.255.255.0","leasetime":0}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.leasetime: 0 is out of range 1..4294967295"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.255.255.0","leasetime":4294967296}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.leasetime: 4294967296 is out of range 1..4294967295"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.255.255.0","leasetime":"3600"}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.leasetime: expected an integer, found a string"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.255.255.0","leasetime":60.5}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.leasetime: expected an integer, found a fractional number"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.255.255.0","leasetime":60,"dns":["192.0.2.1","0.0.0.0"]}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.dns[1]: \"0.0.0.0\" is not usable here (0.0.0.0)"},
+        {File(AddV4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.255.255.0","leasetime":60,"lease":60}})")),
+         "request 0: item.ipv4dhcpitem.dhcpserver.lease: unknown key (known here: dhcpiprange, netmask, dns, offertime, gateway, leasetime)"},
+        {File(AddV4(R"({"mode":2,"dhcprelay":{"relayserver":["203.0.113.1","203.0.113.2","203.0.113.3","203.0.113.4","203.0.113.5"],"lanip":"198.51.100.1"}})")),
+         "request 0: item.ipv4dhcpitem.dhcprelay.relayserver: holds 5 entries, allowed 1..4"},
+        {File(AddV4(R"({"mode":2,"dhcprelay":{"relayserver":["203.0.113.1"]}})")),
+         "request 0: item.ipv4dhcpitem.dhcprelay.lanip: missing (required)"},
+        {File(AddV6(stateful6 + R"("ipv6dynamicmode":1,"dnsdynamicmode":2})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver: ipv6dynamicmode \"dhcp\" with dnsdynamicmode \"slaac\" is not served; use "
+         "dhcp+dhcp (stateful DHCPv6), slaac+dhcp (stateless DHCPv6), slaac+slaac (SLAAC) or both+slaac (SLAAC and DHCPv6)"},
+        {File(AddV6(stateful6 + R"("ipv6dynamicmode":1})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.dnsdynamicmode: missing (mode is \"server\")"},
+        {File(AddV6(R"({"prefixlength":64,"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp"})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.dhcpiprange: needs at least one range (ipv6dynamicmode \"dhcp\" with dnsdynamicmode \"dhcp\")"},
+        {File(AddV6(R"({"prefixlength":64,"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac"})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.prefix: missing (ipv6dynamicmode \"slaac\" with dnsdynamicmode \"slaac\")"},
+        {File(AddV6(R"({"prefix":"2001:db8:1::","ipv6dynamicmode":"slaac","dnsdynamicmode":"dhcp"})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.prefixlength: missing (ipv6dynamicmode \"slaac\" with dnsdynamicmode \"dhcp\")"},
+        {File(AddV6(R"({"prefix":"2001:db8:1::","prefixlength":129,"ipv6dynamicmode":2,"dnsdynamicmode":2})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.prefixlength: 129 is out of range 1..128"},
+        {File(AddV6(R"({"prefix":"2001:db8:1::/64","prefixlength":64,"ipv6dynamicmode":2,"dnsdynamicmode":2})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.prefix: \"2001:db8:1::/64\" is not an IPv6 address"},
+        {File(AddV6(R"({"dhcpiprange":[{"ipv6begin":"2001:db8:1::200","ipv6end":"2001:db8:1::100"}],"prefixlength":64,"ipv6dynamicmode":1,"dnsdynamicmode":1})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.dhcpiprange[0]: ipv6end 2001:db8:1::100 lies before ipv6begin 2001:db8:1::200"},
+        {File(AddV6(stateful6 + R"("ipv6dynamicmode":1,"dnsdynamicmode":1,"dns":["::"]})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.dns[0]: \"::\" is not usable here (the unspecified address)"},
+        {File(AddV6(stateful6 + R"("ipv6dynamicmode":"stateful","dnsdynamicmode":1})")),
+         "request 0: item.ipv6dhcpitem.dhcpserver.ipv6dynamicmode: \"stateful\" is not a mode (use 1 \"dhcp\", 2 \"slaac\", 3 \"both\")"},
+    };
+    for (const Case &c : cases) {
+        const auto parsed = ParseRequests(c.text);
+        EXPECT_FALSE(parsed.Ok()) << c.text;
+        EXPECT_EQ(parsed.error, c.error) << c.text;
+        EXPECT_TRUE(parsed.requests.empty()) << c.text;
+    }
+}
+
+TEST(KqAgentRequests, ErrnoNamesForModuleResults)
+{
+    EXPECT_EQ(kqagent::ErrnoName(-22), "EINVAL (-22)");
+    EXPECT_EQ(kqagent::ErrnoName(-75), "EOVERFLOW (-75)");
+    EXPECT_EQ(kqagent::ErrnoName(-2), "ENOENT (-2)");
+    EXPECT_EQ(kqagent::ErrnoName(-100000), "error -100000");
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+#include "kqAgentCommon.h"
+
+#include <arpa/inet.h>
+#include <string.h>
+
+#include <cctype>
+#include <fstream>
+#include <sstream>
+
+namespace kqagent {
+
+std::string ErrnoName(int result)
+{
+    const char *name = result < 0 ? strerrorname_np(-result) : nullptr;
+    if (name == nullptr)
+        return "error " + std::to_string(result);
+    return std::string(name) + " (" + std::to_string(result) + ")";
+}
+
+bool IsUsableIfName(const std::string &name)
+{
+    if (name.empty() || name.size() > 15 || name == "." || name == "..")
+        return false;
+    for (unsigned char c : name) {
+        if (c == '/' || c == ':' || std::isspace(c) || std::iscntrl(c))
+            return false;
+    }
+    return true;
+}
+
+std::optional<uint32_t> ParseIpv4(const std::string &text)
+{
+    in_addr address{};
+    if (inet_pton(AF_INET, text.c_str(), &address) != 1)
+        return std::nullopt;
+    return ntohl(address.s_addr);
+}
+
+std::string FormatIpv4(uint32_t address)
+{
+    return std::to_string(address >> 24) + "." + std::to_string((address >> 16) & 0xff) + "." +
+           std::to_string((address >> 8) & 0xff) + "." + std::to_string(address & 0xff);
+}
+
+std::optional<std::vector<uint8_t>> ParseIpv6(const std::string &text)
+{
+    std::vector<uint8_t> bytes(16);
+    if (inet_pton(AF_INET6, text.c_str(), bytes.data()) != 1)
+        return std::nullopt;
+    return bytes;
+}
+
+std::string FormatIpv6(const uint8_t *bytes)
+{
+    char text[INET6_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET6, bytes, text, sizeof(text));
+    return text;
+}
+
+std::optional<std::string> ReadTextFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return std::nullopt;
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (in.bad())
+        return std::nullopt;
+    return text.str();
+}
+
+}  // namespace kqagent

@@ -1,0 +1,30 @@
+// Small helpers shared by the parts of kqagent.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kqagent {
+
+// "EINVAL (-22)" for a negative errno result; "error <r>" for anything without a name.
+std::string ErrnoName(int result);
+
+// True for a name a Linux interface can have: 1..15 characters, not "." or "..", and no
+// '/', ':', white space or control character (the module refuses the rest as well).
+bool IsUsableIfName(const std::string &name);
+
+// Dotted-quad text <-> the host-order number the messages carry (first octet most
+// significant). Only the strict four-part form is accepted.
+std::optional<uint32_t> ParseIpv4(const std::string &text);
+std::string FormatIpv4(uint32_t address);
+
+// IPv6 text <-> 16 bytes in network order.
+std::optional<std::vector<uint8_t>> ParseIpv6(const std::string &text);
+std::string FormatIpv6(const uint8_t *bytes);
+
+// The whole file, or nullopt when it cannot be read.
+std::optional<std::string> ReadTextFile(const std::string &path);
+
+}  // namespace kqagent

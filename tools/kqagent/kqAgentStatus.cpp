@@ -1,0 +1,557 @@
+#include "kqAgentStatus.h"
+
+#include <dirent.h>
+#include <sys/types.h>
+
+#include <algorithm>
+#include <functional>
+#include <cstdlib>
+#include <ctime>
+#include <set>
+#include <sstream>
+
+#include "kqAgentCommon.h"
+#include "kqCtrlDynamic.h"
+#include "kqHostLinux.h"
+
+namespace kqagent {
+
+namespace {
+
+// Fixed paths of the module's processes and files.
+std::string ServerPidFile(const std::string &ifname) { return "/var/run/vyr_dhcpd_" + ifname + ".pid"; }
+std::string ServerLeaseFile(const std::string &ifname) { return "/etc/vyr_dhcpd_" + ifname + ".leases"; }
+std::string ClientPidFile(const std::string &ifname, bool v6)
+{
+    return "/var/run/" + ifname + (v6 ? "_dhclient6.pid" : "_dhclient.pid");
+}
+std::string ClientLeaseFile(const std::string &ifname, bool v6)
+{
+    return std::string("/var/lib/dhclient/") + (v6 ? "dhclient6." : "dhclient.") + ifname + ".leases";
+}
+const char *kRelayPidFile = "/var/run/vyr_dhcpd_relay.pid";
+const char *kRelayConfFile = "/etc/vyr_dhcpd_relay.conf";
+
+json_object *Str(const std::string &text) { return json_object_new_string(text.c_str()); }
+
+std::vector<std::string> Cmdline(pid_t pid)
+{
+    std::vector<std::string> args;
+    const auto text = ReadTextFile("/proc/" + std::to_string(pid) + "/cmdline");
+    if (!text)
+        return args;
+    std::string current;
+    for (char c : *text) {
+        if (c == '\0') {
+            args.push_back(current);
+            current.clear();
+        } else {
+            current += c;
+        }
+    }
+    return args;
+}
+
+std::string Basename(const std::string &path) { return path.substr(path.rfind('/') + 1); }
+
+// A process known only through its pid file; `matches` tells whether /proc shows the
+// program the file belongs to (a pid file can outlive its process or name a reused pid).
+json_object *ProcessJson(const std::string &pidFile, const std::function<bool(const std::vector<std::string> &)> &matches)
+{
+    json_object *process = json_object_new_object();
+    json_object_object_add(process, "pidFile", Str(pidFile));
+    const auto text = ReadTextFile(pidFile);
+    const long pid = text ? std::strtol(text->c_str(), nullptr, 10) : 0;
+    json_object_object_add(process, "pid", pid > 0 ? json_object_new_int64(pid) : nullptr);
+    const auto args = pid > 0 ? Cmdline(static_cast<pid_t>(pid)) : std::vector<std::string>{};
+    const bool running = !args.empty() && matches(args);
+    json_object_object_add(process, "running", json_object_new_boolean(running));
+    if (!running && text)
+        json_object_object_add(process, "stale", json_object_new_boolean(true));
+    if (running) {
+        std::string line;
+        for (const auto &arg : args)
+            line += (line.empty() ? "" : " ") + arg;
+        json_object_object_add(process, "cmdline", Str(line));
+    }
+    return process;
+}
+
+bool HasArg(const std::vector<std::string> &args, const std::string &arg)
+{
+    return std::find(args.begin() + 1, args.end(), arg) != args.end();
+}
+
+json_object *DnsmasqProcess(const std::string &pidFile)
+{
+    return ProcessJson(pidFile, [&](const std::vector<std::string> &args) {
+        return Basename(args[0]) == "dnsmasq" && HasArg(args, "--pid-file=" + pidFile);
+    });
+}
+
+json_object *DhclientProcess(const std::string &ifname, bool v6)
+{
+    return ProcessJson(ClientPidFile(ifname, v6), [&](const std::vector<std::string> &args) {
+        return Basename(args[0]) == "dhclient" && HasArg(args, ifname) && HasArg(args, "-6") == v6;
+    });
+}
+
+json_object *LeasesOf(const std::string &path, json_object *(*parse)(const std::string &))
+{
+    const auto text = ReadTextFile(path);
+    return text ? parse(*text) : json_object_new_array();
+}
+
+json_object *Dhclient4Leases(const std::string &text) { return ParseDhclientLeases(text, false); }
+json_object *Dhclient6Leases(const std::string &text) { return ParseDhclientLeases(text, true); }
+
+json_object *ClientJson(const std::string &ifname, bool v6)
+{
+    json_object *client = json_object_new_object();
+    json_object_object_add(client, "process", DhclientProcess(ifname, v6));
+    json_object_object_add(client, "leaseFile", Str(ClientLeaseFile(ifname, v6)));
+    json_object_object_add(client, "leases", LeasesOf(ClientLeaseFile(ifname, v6), v6 ? Dhclient6Leases : Dhclient4Leases));
+    return client;
+}
+
+// Interface names that some file of the module mentions: "<prefix><name><suffix>".
+void NamesFromFiles(const std::string &folder, const std::string &prefix, const std::string &suffix,
+                    std::set<std::string> &names)
+{
+    DIR *dir = opendir(folder.c_str());
+    if (dir == nullptr)
+        return;
+    while (const dirent *entry = readdir(dir)) {
+        const std::string file = entry->d_name;
+        if (file.size() <= prefix.size() + suffix.size() || file.compare(0, prefix.size(), prefix) != 0 ||
+            file.compare(file.size() - suffix.size(), suffix.size(), suffix) != 0)
+            continue;
+        const std::string name = file.substr(prefix.size(), file.size() - prefix.size() - suffix.size());
+        if (name != "relay" && IsUsableIfName(name))
+            names.insert(name);
+    }
+    closedir(dir);
+}
+
+// The text after `key` up to the next ';' within text[from, to), or "".
+std::string Statement(const std::string &text, const std::string &key, size_t from = 0, size_t to = std::string::npos)
+{
+    const size_t at = text.find(key, from);
+    if (at == std::string::npos || at >= to)
+        return "";
+    const size_t start = text.find_first_not_of(" \t", at + key.size());
+    const size_t end = text.find_first_of(";{\n", start);
+    if (start == std::string::npos || end == std::string::npos)
+        return "";
+    std::string value = text.substr(start, end - start);
+    while (!value.empty() && value.back() == ' ')
+        value.pop_back();
+    return value;
+}
+
+std::string Field(json_object *object, const char *key)
+{
+    json_object *value = nullptr;
+    if (object == nullptr || !json_object_object_get_ex(object, key, &value) || value == nullptr)
+        return "";
+    return json_object_get_string(value);
+}
+
+json_object *Member(json_object *object, const char *key)
+{
+    json_object *value = nullptr;
+    if (object == nullptr || !json_object_object_get_ex(object, key, &value))
+        return nullptr;
+    return value;
+}
+
+json_object *Ref(json_object *object) { return object == nullptr ? nullptr : json_object_get(object); }
+
+}  // namespace
+
+json_object *ParseDnsmasqLeases(const std::string &text)
+{
+    json_object *leases = json_object_new_array();
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream fields(line);
+        std::string expires, id, address, hostname, clientId;
+        if (!(fields >> expires >> id) || expires == "duid" || !(fields >> address))
+            continue;
+        fields >> hostname >> clientId;
+        const bool v6 = address.find(':') != std::string::npos;
+        json_object *lease = json_object_new_object();
+        json_object_object_add(lease, "address", Str(address));
+        json_object_object_add(lease, "expires", json_object_new_int64(std::strtoll(expires.c_str(), nullptr, 10)));
+        json_object_object_add(lease, v6 ? "iaid" : "hwaddr", Str(id));
+        if (!hostname.empty() && hostname != "*")
+            json_object_object_add(lease, "hostname", Str(hostname));
+        if (!clientId.empty() && clientId != "*")
+            json_object_object_add(lease, "clientId", Str(clientId));
+        json_object_array_add(leases, lease);
+    }
+    return leases;
+}
+
+json_object *ParseDhclientLeases(const std::string &text, bool ipv6)
+{
+    json_object *leases = json_object_new_array();
+    // dhclient appends a block per lease it gets; the newest one is the last.
+    const std::string opener = ipv6 ? "lease6 {" : "lease {";
+    const size_t block = text.rfind(opener);
+    if (block == std::string::npos)
+        return leases;
+    const std::string newest = text.substr(block);
+    if (!ipv6) {
+        const std::string address = Statement(newest, "fixed-address ");
+        if (!address.empty()) {
+            json_object *lease = json_object_new_object();
+            json_object_object_add(lease, "address", Str(address));
+            const std::string expire = Statement(newest, "expire ");
+            if (!expire.empty())
+                json_object_object_add(lease, "expire", Str(expire));
+            json_object_array_add(leases, lease);
+        }
+        return leases;
+    }
+    for (size_t at = newest.find("iaaddr "); at != std::string::npos; at = newest.find("iaaddr ", at + 1)) {
+        const size_t close = newest.find('}', at);
+        json_object *lease = json_object_new_object();
+        json_object_object_add(lease, "address", Str(Statement(newest, "iaaddr ", at, close)));
+        const std::string starts = Statement(newest, "starts ", at, close);
+        const std::string maxLife = Statement(newest, "max-life ", at, close);
+        if (!starts.empty())
+            json_object_object_add(lease, "starts", json_object_new_int64(std::strtoll(starts.c_str(), nullptr, 10)));
+        if (!maxLife.empty())
+            json_object_object_add(lease, "maxLife", json_object_new_int64(std::strtoll(maxLife.c_str(), nullptr, 10)));
+        json_object_array_add(leases, lease);
+    }
+    return leases;
+}
+
+json_object *PolicyRulesJson()
+{
+    json_object *rules = json_object_new_array();
+    for (size_t i = 0; i < KQ_HostRuleCount(); ++i) {
+        const KQ_CONF_RULE *rule = KQ_HostRuleAt(i);
+        if (rule == nullptr)
+            break;
+        json_object *item = json_object_new_object();
+        json_object_object_add(item, "zone", json_object_new_int(rule->Zone));
+        json_object_object_add(item, "id", json_object_new_int64(rule->Id));
+        json_object_object_add(item, "table", json_object_new_int(rule->Table));
+        json_object_object_add(item, "vpnId", json_object_new_int64(rule->VpnId));
+        json_object *ports = json_object_new_array();
+        for (unsigned p = 0; p < rule->Match.DstPortNum && p < KQ_CONF_RULE_MAX_ITEMS; ++p) {
+            const auto &range = rule->Match.DstPort[p];
+            json_object_array_add(ports, Str(range.LowerPort == range.UpperPort
+                                                 ? std::to_string(range.LowerPort)
+                                                 : std::to_string(range.LowerPort) + "-" + std::to_string(range.UpperPort)));
+        }
+        json_object_object_add(item, "dstPorts", ports);
+        json_object *protos = json_object_new_array();
+        for (unsigned p = 0; p < rule->Match.ProtoNum && p < KQ_CONF_RULE_MAX_ITEMS; ++p)
+            json_object_array_add(protos, json_object_new_int(rule->Match.Proto[p]));
+        json_object_object_add(item, "protocols", protos);
+        auto ports2json = [](const KQ_CONF_RULE_IF *list, unsigned count) {
+            json_object *array = json_object_new_array();
+            for (unsigned p = 0; p < count && p < KQ_CONF_RULE_MAX_ITEMS; ++p) {
+                json_object *port = json_object_new_object();
+                json_object_object_add(port, "type", json_object_new_int(list[p].Type));
+                json_object_object_add(port, "id", json_object_new_int64(list[p].Id));
+                json_object_array_add(array, port);
+            }
+            return array;
+        };
+        json_object_object_add(item, "inPorts", ports2json(rule->Match.InPort, rule->Match.InPortNum));
+        json_object_object_add(item, "outPorts", ports2json(rule->Match.OutPort, rule->Match.OutPortNum));
+        json_object *outputs = json_object_new_array();
+        for (unsigned p = 0; p < rule->Actions.OutputNum && p < KQ_CONF_RULE_MAX_ITEMS; ++p) {
+            json_object *output = json_object_new_object();
+            json_object_object_add(output, "type", json_object_new_int(rule->Actions.OutputArray[p].Type));
+            json_object_object_add(output, "id", json_object_new_int64(rule->Actions.OutputArray[p].Id));
+            json_object_array_add(outputs, output);
+        }
+        json_object_object_add(item, "outputs", outputs);
+        json_object_array_add(rules, item);
+    }
+    return rules;
+}
+
+std::string RenderPolicyRules(json_object *rules)
+{
+    std::string text = "policy rules (this process's table): ";
+    const size_t count = json_object_array_length(rules);
+    if (count == 0)
+        return text + "none\n";
+    text += std::to_string(count) + "\n";
+    auto list = [](json_object *array, bool typed) {
+        std::string out;
+        for (size_t i = 0; i < json_object_array_length(array); ++i) {
+            json_object *entry = json_object_array_get_idx(array, i);
+            out += (i ? "," : "");
+            out += typed ? "type " + Field(entry, "type") + "/id " + Field(entry, "id") : json_object_get_string(entry);
+        }
+        return out.empty() ? std::string("-") : out;
+    };
+    for (size_t i = 0; i < count; ++i) {
+        json_object *rule = json_object_array_get_idx(rules, i);
+        text += "  zone " + Field(rule, "zone") + " id " + Field(rule, "id") + ": dst ports " +
+                list(Member(rule, "dstPorts"), false) + ", protocols " + list(Member(rule, "protocols"), false) +
+                ", in " + list(Member(rule, "inPorts"), true) + ", out " + list(Member(rule, "outPorts"), true) +
+                " -> " + list(Member(rule, "outputs"), true) + "\n";
+    }
+    return text;
+}
+
+json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces)
+{
+    json_object *status = json_object_new_object();
+
+    // What dhcp.conf says, item by item.
+    const std::string confPath = KQ_AgentPathDhcpConf();
+    json_object *conf = json_object_new_object();
+    json_object_object_add(conf, "path", Str(confPath));
+    json_object *document = nullptr;
+    if (const auto text = ReadTextFile(confPath)) {
+        document = json_tokener_parse(text->c_str());
+        json_object_object_add(conf, "present", json_object_new_boolean(true));
+        if (document == nullptr || !json_object_is_type(Member(document, "dhcps"), json_type_array))
+            json_object_object_add(conf, "error", Str("not a document with a \"dhcps\" array"));
+    } else {
+        json_object_object_add(conf, "present", json_object_new_boolean(false));
+    }
+    json_object_object_add(status, "dhcpConf", conf);
+    json_object *items = json_object_is_type(Member(document, "dhcps"), json_type_array) ? Member(document, "dhcps") : nullptr;
+
+    std::set<std::string> names;
+    std::vector<std::string> order;  // dhcp.conf order first, then the others sorted
+    auto note = [&](const std::string &name) {
+        if (!name.empty() && names.insert(name).second)
+            order.push_back(name);
+    };
+    for (size_t i = 0; items != nullptr && i < json_object_array_length(items); ++i)
+        note(Field(json_object_array_get_idx(items, i), "ifname"));
+    std::set<std::string> others;
+    for (size_t i = 0; i < KQ_HostLanCount(); ++i) {
+        KQ_CONF_LAN lan{};
+        if (KQ_HostLanAt(i, &lan) == 0)
+            others.insert(lan.IfName);
+    }
+    NamesFromFiles("/var/run", "vyr_dhcpd_", ".pid", others);
+    NamesFromFiles("/var/run", "", "_dhclient.pid", others);
+    NamesFromFiles("/var/run", "", "_dhclient6.pid", others);
+    NamesFromFiles("/etc", "vyr_dhcpd_", ".leases", others);
+    NamesFromFiles("/var/lib/dhclient", "dhclient.", ".leases", others);
+    NamesFromFiles("/var/lib/dhclient", "dhclient6.", ".leases", others);
+    for (const auto &name : others)
+        note(name);
+
+    json_object *interfaces = json_object_new_array();
+    for (const auto &ifname : order) {
+        if (!onlyInterfaces.empty() &&
+            std::find(onlyInterfaces.begin(), onlyInterfaces.end(), ifname) == onlyInterfaces.end())
+            continue;
+        json_object *item = nullptr;
+        for (size_t i = 0; items != nullptr && i < json_object_array_length(items); ++i) {
+            if (Field(json_object_array_get_idx(items, i), "ifname") == ifname) {
+                item = json_object_array_get_idx(items, i);
+                break;
+            }
+        }
+        json_object *entry = json_object_new_object();
+        json_object_object_add(entry, "ifname", Str(ifname));
+        KQ_CONF_LAN lan{};
+        const bool isLan = KQ_RtcNetioLanGetByName(ifname.c_str(), &lan) == 0;
+        json_object_object_add(entry, "lan", json_object_new_boolean(isLan));
+        json_object_object_add(entry, "zone", json_object_new_int64(isLan ? lan.CommConf.VpnId : 0));
+        char netns[64] = {};
+        if (isLan && lan.CommConf.VpnId != 0 && KQ_HostNetnsName(lan.CommConf.VpnId, netns, sizeof(netns)) >= 0)
+            json_object_object_add(entry, "netns", Str(netns));
+        json_object_object_add(entry, "inDhcpConf", json_object_new_boolean(item != nullptr));
+
+        json_object *server = json_object_new_object();
+        json_object *legacy = Member(item, "dhcpServer");
+        json_object_object_add(server, "ipv4", Ref(legacy ? legacy : Member(item, "dhcpIpv4Server")));
+        json_object_object_add(server, "ipv6", Ref(legacy ? legacy : Member(item, "dhcpIpv6Server")));
+        json_object_object_add(server, "process", DnsmasqProcess(ServerPidFile(ifname)));
+        json_object_object_add(server, "leaseFile", Str(ServerLeaseFile(ifname)));
+        json_object_object_add(server, "leases", LeasesOf(ServerLeaseFile(ifname), ParseDnsmasqLeases));
+        json_object_object_add(entry, "server", server);
+        json_object_object_add(entry, "relay", Ref(Member(item, "dhcpRelay")));
+        json_object_object_add(entry, "dhclient", ClientJson(ifname, false));
+        json_object_object_add(entry, "dhclient6", ClientJson(ifname, true));
+        json_object_array_add(interfaces, entry);
+    }
+    json_object_object_add(status, "interfaces", interfaces);
+
+    json_object *relay = json_object_new_object();
+    json_object_object_add(relay, "process", DnsmasqProcess(kRelayPidFile));
+    json_object_object_add(relay, "confFile", Str(kRelayConfFile));
+    json_object *lines = json_object_new_array();
+    if (const auto text = ReadTextFile(kRelayConfFile)) {
+        std::istringstream in(*text);
+        std::string line;
+        while (std::getline(in, line))
+            if (!line.empty())
+                json_object_array_add(lines, Str(line));
+    }
+    json_object_object_add(relay, "lines", lines);
+    json_object_object_add(status, "relay", relay);
+    json_object_object_add(status, "policyRules", PolicyRulesJson());
+    json_object_put(document);
+    return status;
+}
+
+namespace {
+
+std::string ProcessLine(const char *what, json_object *process)
+{
+    const bool running = json_object_get_boolean(Member(process, "running"));
+    std::string text = std::string(what) + ": ";
+    if (running)
+        text += "running, pid " + Field(process, "pid");
+    else if (json_object_get_boolean(Member(process, "stale")))
+        text += "not running (stale pid file, pid " + (Field(process, "pid").empty() ? "?" : Field(process, "pid")) + ")";
+    else
+        text += "not running";
+    return text + " [" + Field(process, "pidFile") + "]\n";
+}
+
+std::string Strings(json_object *array)
+{
+    std::string text;
+    for (size_t i = 0; array != nullptr && i < json_object_array_length(array); ++i)
+        text += (i ? ", " : "") + std::string(json_object_get_string(json_object_array_get_idx(array, i)));
+    return text.empty() ? "-" : text;
+}
+
+std::string Ipv4ServerLine(json_object *v4)
+{
+    std::string pools;
+    json_object *ranges = Member(v4, "ipRange");
+    for (size_t i = 0; ranges != nullptr && i < json_object_array_length(ranges); ++i) {
+        json_object *r = json_object_array_get_idx(ranges, i);
+        pools += (i ? ", " : "") + Field(r, "startIp") + "-" + Field(r, "endIp");
+    }
+    if (ranges == nullptr && !Field(v4, "startIp").empty())
+        pools = Field(v4, "startIp") + "-" + Field(v4, "endIp");
+    return "  server ipv4: pool " + (pools.empty() ? "-" : pools) + ", netmask " + Field(v4, "netmask") +
+           ", gateway " + Field(v4, "gateway") + ", dns " + Strings(Member(v4, "dnsIps")) + ", lease " +
+           Field(v4, "leaseTime") + "s\n";
+}
+
+std::string Ipv6ServerLine(json_object *v6)
+{
+    static const char *modes[] = {"SLAAC", "stateless DHCPv6", "stateful DHCPv6", "SLAAC and DHCPv6"};
+    const std::string mode = Field(v6, "dynamicMode");
+    const int m = mode.empty() ? -1 : std::atoi(mode.c_str());
+    std::string text = "  server ipv6: " + std::string(m >= 0 && m <= 3 ? modes[m] : "mode ?");
+    json_object *ranges = Member(v6, "ipv6Range");
+    if (ranges != nullptr) {
+        std::string pools;
+        for (size_t i = 0; i < json_object_array_length(ranges); ++i) {
+            json_object *r = json_object_array_get_idx(ranges, i);
+            pools += (i ? ", " : "") + Field(r, "startIpv6") + "-" + Field(r, "endIpv6");
+        }
+        text += ", pool " + (pools.empty() ? "-" : pools) + " /" + Field(v6, "prefixlengthdhcp") + ", lease " +
+                Field(v6, "leaseTimeIpv6") + "s";
+    }
+    if (!Field(v6, "prefix").empty())
+        text += ", prefix " + Field(v6, "prefix") + "/" + Field(v6, "prefixlengthslaac");
+    return text + ", dns " + Strings(Member(v6, "dnsIpv6s")) + "\n";
+}
+
+std::string LeaseLines(json_object *leases)
+{
+    std::string text;
+    for (size_t i = 0; i < json_object_array_length(leases); ++i) {
+        json_object *lease = json_object_array_get_idx(leases, i);
+        text += "    " + Field(lease, "address");
+        if (!Field(lease, "hwaddr").empty())
+            text += "  " + Field(lease, "hwaddr");
+        if (!Field(lease, "iaid").empty())
+            text += "  iaid " + Field(lease, "iaid");
+        if (!Field(lease, "hostname").empty())
+            text += "  " + Field(lease, "hostname");
+        if (!Field(lease, "expires").empty()) {
+            const time_t when = std::strtoll(Field(lease, "expires").c_str(), nullptr, 10);
+            char stamp[32] = "never";
+            if (when != 0)
+                strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", localtime(&when));
+            text += std::string("  expires ") + stamp;
+        }
+        if (!Field(lease, "expire").empty())
+            text += "  expire " + Field(lease, "expire");
+        if (!Field(lease, "maxLife").empty())
+            text += "  max-life " + Field(lease, "maxLife") + "s";
+        text += "\n";
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string RenderStatus(json_object *status)
+{
+    std::string text;
+    json_object *conf = Member(status, "dhcpConf");
+    text += "dhcp.conf: " + Field(conf, "path");
+    if (!json_object_get_boolean(Member(conf, "present")))
+        text += " (absent)";
+    if (!Field(conf, "error").empty())
+        text += " (" + Field(conf, "error") + ")";
+    text += "\n";
+
+    json_object *interfaces = Member(status, "interfaces");
+    if (json_object_array_length(interfaces) == 0)
+        text += "no interfaces configured, running or listed as LANs\n";
+    for (size_t i = 0; i < json_object_array_length(interfaces); ++i) {
+        json_object *entry = json_object_array_get_idx(interfaces, i);
+        text += "\n" + Field(entry, "ifname") + ": zone " + Field(entry, "zone");
+        if (!Field(entry, "netns").empty())
+            text += " (netns " + Field(entry, "netns") + ")";
+        if (!json_object_get_boolean(Member(entry, "lan")))
+            text += " (not in the LAN table)";
+        text += "\n";
+        json_object *server = Member(entry, "server");
+        json_object *v4 = Member(server, "ipv4");
+        json_object *v6 = Member(server, "ipv6");
+        if (v4 != nullptr)
+            text += Ipv4ServerLine(v4);
+        if (v6 != nullptr)
+            text += Ipv6ServerLine(v6);
+        if (json_object *relay = Member(entry, "relay"))
+            text += "  relay: lan ip " + Field(relay, "lanIp") + " -> " + Strings(Member(relay, "relayServer")) + "\n";
+        json_object *process = Member(server, "process");
+        json_object *leases = Member(server, "leases");
+        if (v4 != nullptr || v6 != nullptr || json_object_get_boolean(Member(process, "running")) ||
+            !Field(process, "pid").empty() || json_object_array_length(leases) > 0) {
+            text += "  " + ProcessLine("dnsmasq", process);
+            text += "  leases [" + Field(server, "leaseFile") + "]: " +
+                    (json_object_array_length(leases) == 0 ? "none\n" : std::to_string(json_object_array_length(leases)) + "\n");
+            text += LeaseLines(leases);
+        }
+        for (const char *client : {"dhclient", "dhclient6"}) {
+            json_object *c = Member(entry, client);
+            json_object *cp = Member(c, "process");
+            json_object *cl = Member(c, "leases");
+            if (!json_object_get_boolean(Member(cp, "running")) && Field(cp, "pid").empty() &&
+                json_object_array_length(cl) == 0)
+                continue;
+            text += "  " + ProcessLine(client, cp);
+            text += "  lease [" + Field(c, "leaseFile") + "]: " + (json_object_array_length(cl) == 0 ? "none\n" : "\n");
+            text += LeaseLines(cl);
+        }
+    }
+
+    json_object *relay = Member(status, "relay");
+    text += "\n" + ProcessLine("relay dnsmasq", Member(relay, "process"));
+    for (size_t i = 0; i < json_object_array_length(Member(relay, "lines")); ++i)
+        text += "  " + std::string(json_object_get_string(json_object_array_get_idx(Member(relay, "lines"), i))) + "\n";
+    text += RenderPolicyRules(Member(status, "policyRules"));
+    return text;
+}
+
+}  // namespace kqagent

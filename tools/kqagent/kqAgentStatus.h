@@ -1,0 +1,29 @@
+// `kqagent status`: what is configured (dhcp.conf, the LAN table), what runs (pid files
+// confirmed through /proc), what was handed out (lease files) and the policy rules.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <string>
+#include <vector>
+
+namespace kqagent {
+
+// The whole status as a JSON document (the caller releases it with json_object_put).
+// With names given, only those interfaces are listed.
+json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces);
+
+// The same document as text for people.
+std::string RenderStatus(json_object *status);
+
+// The policy rule table of this process, as JSON array / one line per rule.
+json_object *PolicyRulesJson();
+std::string RenderPolicyRules(json_object *rules);
+
+// Lease files, parsed (exposed for the lab test and the status view).
+// dnsmasq: one object per lease: address, expires, hwaddr (IPv4) or iaid (IPv6), hostname,
+// clientId. dhclient: the addresses of the newest lease block with their expiry text.
+json_object *ParseDnsmasqLeases(const std::string &text);
+json_object *ParseDhclientLeases(const std::string &text, bool ipv6);
+
+}  // namespace kqagent
