@@ -95,10 +95,20 @@ TEST_F(ServerConfig, ChangedZoneRestartsInTheNewNamespace)
     EXPECT_EQ(Stored()->SecurityZoneId, 7u);
 }
 
-TEST_F(ServerConfig, RelayModeStopsTheServerEveryTime)
+TEST_F(ServerConfig, ServerModeStopsTheRelayAndRelayModeStopsTheServer)
 {
+    // Server mode: the shared relay goes; a failure to stop it does not stop the add.
+    const std::string relayPid = "/var/run/vyr_dhcpd_relay.pid";
+    fakehost::WriteFile(relayPid, "4194303\n");
+    Host().Fail["KQ_KillPid"] = -EPERM;
     ServerMsg m = ServerMsg::Ipv4();
     ASSERT_EQ(KQCtrl_ConfigDynamicServerAdd(m.Build()), 0);
+    EXPECT_EQ(Host().Killed, std::vector<pid_t>{4194303});
+    EXPECT_TRUE(fakehost::HasMessage("Stop dynamic relay failed\n"));
+    EXPECT_EQ(Restarts(), 1u);
+    remove(relayPid.c_str());
+
+    // Relay mode: the interface's own server goes, its files with it.
     fakehost::WriteFile(kPid, "4194303\n");  // a pid that cannot exist
     m.V4Mode = 2;
     ASSERT_EQ(KQCtrl_ConfigDynamicServerAdd(m.Build()), 0);

@@ -99,44 +99,6 @@ TEST_F(ServerPbToConf, RefusalsGiveTheirCodeAndMessagesInOrder)
     EXPECT_EQ(fakehost::Messages(), std::vector<std::string>{"Dhcp protobuf ifname is invalid\n"});
 }
 
-TEST_F(ServerPbToConf, BothFamiliesFillEveryField)
-{
-    Host().LanVpnId["eth1"] = 7;
-    ServerMsg m = ServerMsg::Ipv6(2, 1);
-    m.V4Mode = 3;
-    m.Pools = {{"192.0.2.100", 50}, {"192.0.2.200", 10}};
-    m.Netmask = Ip4("255.255.255.0");
-    m.Lease = 86400;
-    m.Dns = {Ip4("192.0.2.53"), Ip4("198.51.100.53")};
-    m.Gateway = Ip4("192.0.2.1");
-    m.Offer = 30;
-    KQ_CTRL_DYNAMIC_SERVER_CONF conf{};
-    ASSERT_EQ(KQCtrl_PbToConfDynamicServer(m.Build(), &conf), 0);
-    EXPECT_STREQ(conf.IfName, "eth1");
-    EXPECT_EQ(conf.SecurityZoneId, 7u);
-    EXPECT_EQ(conf.NetAddrType, KQ_NET_ADDR_IPV46);
-    const auto &v4 = conf.ServerIpv4Conf;
-    EXPECT_EQ(v4.IpRangeNum, 2u);
-    EXPECT_EQ(v4.IpRange[1].StartIp, Ip4("192.0.2.200"));
-    EXPECT_EQ(v4.IpRange[1].EndIp, Ip4("192.0.2.209"));
-    EXPECT_EQ(v4.DnsNum, 2u);
-    EXPECT_EQ(v4.Dns[1], Ip4("198.51.100.53"));
-    EXPECT_EQ(v4.Gateway, Ip4("192.0.2.1"));
-    EXPECT_EQ(v4.LeaseTime, 86400u);
-    EXPECT_EQ(v4.OfferTime, 30u);
-    const auto &v6 = conf.ServerIpv6Conf;
-    EXPECT_EQ(v6.DynamicMode, KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP);
-    // Stateless fills both parts from the one message.
-    EXPECT_EQ(v6.DhcpConf.Ipv6RangeNum, 1u);
-    EXPECT_TRUE(SameIp6(v6.DhcpConf.Ipv6Range[0].EndIp, "2001:db8:1::1ff"));
-    EXPECT_EQ(v6.DhcpConf.PrefixLength, 64u);
-    EXPECT_EQ(v6.DhcpConf.Ipv6LeaseTime, 7200u);
-    EXPECT_TRUE(v6.DhcpConf.Ipv6DnsNum == 1 && SameIp6(v6.DhcpConf.Ipv6Dns[0], "2001:db8::53"));
-    EXPECT_TRUE(v6.SlaacConf.Ipv6DnsNum == 1 && SameIp6(v6.SlaacConf.Ipv6Dns[0], "2001:db8::53"));
-    EXPECT_TRUE(SameIp6(v6.SlaacConf.Prefix, "2001:db8:1::"));
-    EXPECT_EQ(v6.SlaacConf.PrefixLength, 64u);
-}
-
 TEST_F(ServerPbToConf, ModePairsAndPartsTheyFill)
 {
     struct Row { uint32_t Addr, Dns; KQ_IPV6_ADDR_AUTOCONF_TYPE Mode; bool Dhcp, Slaac; };
@@ -152,6 +114,20 @@ TEST_F(ServerPbToConf, ModePairsAndPartsTheyFill)
         EXPECT_EQ(conf.ServerIpv6Conf.DhcpConf.Ipv6RangeNum, row.Dhcp ? 1u : 0u);
         EXPECT_EQ(conf.ServerIpv6Conf.SlaacConf.PrefixLength, row.Slaac ? 64u : 0u);
     }
+    // Both families in server mode, on a LAN of zone 7.
+    Host().LanVpnId["eth1"] = 7;
+    ServerMsg both = ServerMsg::Ipv6(2, 1);
+    ServerMsg v4 = ServerMsg::Ipv4();
+    both.V4Mode = 3;
+    both.Pools = v4.Pools;
+    both.Netmask = v4.Netmask;
+    both.Lease = v4.Lease;
+    KQ_CTRL_DYNAMIC_SERVER_CONF conf{};
+    ASSERT_EQ(KQCtrl_PbToConfDynamicServer(both.Build(), &conf), 0);
+    EXPECT_EQ(conf.NetAddrType, KQ_NET_ADDR_IPV46);
+    EXPECT_EQ(conf.SecurityZoneId, 7u);
+    EXPECT_EQ(conf.ServerIpv4Conf.IpRange[0].EndIp, Ip4("192.0.2.199"));
+    EXPECT_TRUE(SameIp6(conf.ServerIpv6Conf.SlaacConf.Ipv6Dns[0], "2001:db8::53"));
 }
 
 TEST_F(ServerPbToConf, NonServerModesLeaveOnlyNameAndZone)
