@@ -1,6 +1,7 @@
 // Any bytes as a request: unpacked with protobuf-c into a DhcpItemV2, converted by both
-// protobuf converters, then added twice (a change, then the unchanged path) and deleted
-// through the entry points, against the fake host (commands recorded, files real).
+// protobuf converters, then added twice (a change, then the unchanged path), switched
+// through the IPv4 modes, and deleted through the entry points, against the fake host
+// (commands recorded, files real).
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -31,6 +32,14 @@ void CheckDocument()
     }
 }
 
+void Add(const DhcpItemV2 *Msg)
+{
+    KQ_ERR_T ret = KQCtrl_ConfigDynamicAdd(Msg);
+    kqfuzz::CheckResult("KQCtrl_ConfigDynamicAdd", ret);
+    if (ret == 0)
+        CheckDocument();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
@@ -51,11 +60,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     memset(&relay, 0, sizeof(relay));
     kqfuzz::CheckResult("KQCtrl_PbToConfDynamicRelay", KQCtrl_PbToConfDynamicRelay(msg.get(), &relay));
 
-    for (int round = 0; round < 2; ++round) {
-        KQ_ERR_T ret = KQCtrl_ConfigDynamicAdd(msg.get());
-        kqfuzz::CheckResult("KQCtrl_ConfigDynamicAdd", ret);
-        if (ret == 0)
-            CheckDocument();
+    for (int round = 0; round < 2; ++round)
+        Add(msg.get());
+    // The same interface switched between off, relay and server: the transitions of an
+    // existing node, with whatever the message carries for the other modes.
+    if (msg->ipv4dhcpitem != nullptr) {
+        const uint32_t mode = msg->ipv4dhcpitem->mode;
+        for (uint32_t next : {KQ_DHCP_RELAY, KQ_DHCP_OFF, KQ_DHCP_SERVER}) {
+            msg->ipv4dhcpitem->mode = next;
+            Add(msg.get());
+        }
+        msg->ipv4dhcpitem->mode = mode;
+        Add(msg.get());
     }
     KQ_ERR_T ret = KQCtrl_ConfigDynamicDel(msg.get());
     kqfuzz::CheckResult("KQCtrl_ConfigDynamicDel", ret);
