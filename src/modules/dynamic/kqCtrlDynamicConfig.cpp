@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "kqCtrlDynamicInternal.h"
+#include "kqCtrlDynamicJson.h"
 #include "kqCtrlDynamicLog.h"
 #include "kqCtrlDynamicUtil.h"
 
@@ -228,13 +229,15 @@ KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
 {
     kq::JsonDoc root(json_object_new_object());
     json_object *dhcps = json_object_new_array();
-    if (!root || dhcps == nullptr) {
-        if (dhcps != nullptr)
-            json_object_put(dhcps);
+    if (!root) {
+        json_object_put(dhcps);
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
-    json_object_object_add(root.get(), "dhcps", dhcps);
+    if (!kq::json::AddMember(root.get(), "dhcps", dhcps)) {
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
 
     for (KQ_LIST_HEAD *link = sg_KqCtrlDynamicHead.next; link != &sg_KqCtrlDynamicHead; link = link->next) {
         const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = &NodeOf(link)->DynamicConf;
@@ -242,28 +245,22 @@ KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
         if (conf->DynamicServerConf.NetAddrType == 0 && conf->DynamicRelayConf.NetAddrType == 0)
             continue;
 
+        // Every value is attached as soon as it exists, so releasing the root releases all.
         json_object *item = json_object_new_object();
-        if (item == nullptr) {
+        if (!kq::json::AppendElement(dhcps, item)) {
             KQ_LOG(kq::log::Error, "new object failed.\n");
             return -ENOMEM;
         }
-        json_object_array_add(dhcps, item);
-
-        json_object *ifName = json_object_new_string(conf->IfName);
-        if (ifName == nullptr) {
+        if (!kq::json::AddMember(item, "ifname", json_object_new_string(conf->IfName))) {
             KQ_LOG(kq::log::Error, "Can't new ifname\n");
             return -ENOMEM;
         }
-        json_object_object_add(item, "ifname", ifName);
-
         // The service-level zone, which the add paths leave 0: the halves' own zones are
         // deliberately not persisted, so a restored configuration runs in zone 0.
-        json_object *vpnId = json_object_new_int(static_cast<int32_t>(conf->SecurityZoneId));
-        if (vpnId == nullptr) {
+        if (!kq::json::AddMember(item, "vpnId", json_object_new_int(static_cast<int32_t>(conf->SecurityZoneId)))) {
             KQ_LOG(kq::log::Error, "Can't new securityZoneId\n");
             return -ENOMEM;
         }
-        json_object_object_add(item, "vpnId", vpnId);
 
         if (conf->DynamicServerConf.NetAddrType != 0) {
             KQ_ERR_T ret = KQCtrl_ConfToJsonDynamicServer(&conf->DynamicServerConf, item);
