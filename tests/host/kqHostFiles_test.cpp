@@ -88,6 +88,30 @@ TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndLeaveNoTemporaries)
     EXPECT_EQ(Names(dir.path + "/agent"), (std::set<std::string>{"dhcp.conf", "dhcp.conf.bak"}));
 }
 
+// What a killed writer left for a target goes with the next write of that target; the
+// temporaries of other targets and look-alike names stay.
+TEST(HostFiles, WriteRemovesStaleTemporariesOfItsTarget)
+{
+    TempDir dir;
+    const std::string conf = dir.path + "/dhcp.conf";
+    const std::set<std::string> kept = {".dhcp.conf.bak.Ab12Cd", ".dhcp.conf.short", ".dhcp.conf.x-y_z!",
+                                        ".dhcp.conf.Ab12Cd7", "dhcp.conf.Ab12Cd"};
+    for (const std::string &name : kept)
+        std::ofstream(dir.path + "/" + name) << "kept";
+    for (const char *stale : {".dhcp.conf.Ab12Cd", ".dhcp.conf.zzzzzz"})
+        std::ofstream(dir.path + "/" + stale) << "half";
+
+    ASSERT_EQ(KQ_WriteSyncWithFilePath(conf.c_str(), "new", 3), 0);
+    std::set<std::string> expected = kept;
+    expected.insert("dhcp.conf");
+    EXPECT_EQ(Names(dir.path), expected);
+
+    std::ofstream(dir.path + "/.dhcp.conf.Q9w8E7") << "half";
+    ASSERT_EQ(KQ_FileCopy(conf.c_str(), conf.c_str()), 0);
+    EXPECT_EQ(Names(dir.path), expected);
+    EXPECT_EQ(Slurp(conf), "new");
+}
+
 TEST(HostFiles, AllocAndGetConfReadsWholeRegularFilesUpToTheLimit)
 {
     TempDir dir;

@@ -64,7 +64,7 @@ const std::map<std::string, std::string> kCommandHelp = {
      "so that an unchanged interface is left running and the shared relay keeps every relay interface.\n"
      "  --load   restore with the module's start-up load instead (restarts every dnsmasq it restores)\n"
      "\n"
-     "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see docs/kqagent.md.\n"},
+     "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see the kqagent section of README.md.\n"},
     {"check", "usage: kqagent check FILE\n\nChecks a request file exactly as apply does and applies nothing.\n"},
     {"load",
      "usage: kqagent load [PATH]\n"

@@ -2,6 +2,8 @@
 // goes to a temporary file in the same folder, which is synced and renamed over the
 // target, and the folder is synced too, so a crash at any point leaves either the old or
 // the new file whole.
+#include <ctype.h>
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -91,6 +93,31 @@ int SyncFolder(const std::string &folder)
     return dir.Close();
 }
 
+constexpr char kTempSuffix[] = "XXXXXX";
+constexpr size_t kTempSuffixLen = sizeof(kTempSuffix) - 1;
+
+// Temporary files that an earlier process, killed between mkostemp and rename, left for the
+// same target: "<prefix>" followed by exactly the six characters mkostemp picks. No other
+// target's temporary has that form, since the length fixes the name. The agent writes a file
+// from one thread, so none of them belongs to a write still in progress.
+void RemoveStaleTemps(const std::string &folder, const std::string &prefix)
+{
+    DIR *dir = opendir(folder.c_str());
+    if (dir == nullptr)
+        return;  // best effort: the write itself reports what is wrong with the folder
+    while (const dirent *e = readdir(dir)) {
+        const char *n = e->d_name;
+        if (strlen(n) != prefix.size() + kTempSuffixLen || strncmp(n, prefix.c_str(), prefix.size()) != 0)
+            continue;
+        bool random = true;
+        for (size_t i = prefix.size(); n[i] != '\0'; ++i)
+            random = random && isalnum(static_cast<unsigned char>(n[i]));
+        if (random)
+            (void)unlinkat(dirfd(dir), n, 0);
+    }
+    closedir(dir);
+}
+
 // Replaces path with what fill writes into a fresh temporary file.
 int ReplaceFile(const char *path, const std::function<int(int fd)> &fill)
 {
@@ -105,7 +132,9 @@ int ReplaceFile(const char *path, const std::function<int(int fd)> &fill)
         return ret;
 
     std::string name = target.substr(target.rfind('/') == std::string::npos ? 0 : target.rfind('/') + 1);
-    std::string temp = (folder == "/" ? "" : folder) + "/." + name + ".XXXXXX";
+    const std::string tempPrefix = "." + name + ".";
+    RemoveStaleTemps(folder, tempPrefix);
+    std::string temp = (folder == "/" ? "" : folder) + "/" + tempPrefix + kTempSuffix;
     Fd fd(mkostemp(temp.data(), O_CLOEXEC));
     if (fd.get() < 0)
         return -errno;

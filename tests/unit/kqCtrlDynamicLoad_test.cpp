@@ -1,0 +1,229 @@
+// Start-up load through the real JSON readers: which entries come back, which processes are
+// started, and what an add, a restart of the agent and a load leave in the registry.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fakehost.h"
+#include "kqCtrlDynamicInternal.h"
+#include "relayTestItem.h"
+#include "serverMsg.h"
+
+namespace {
+
+using fakehost::Host;
+using fakehost::Ip4;
+using Strings = std::vector<std::string>;
+
+std::string ServerCmd(const std::string &IfName)
+{
+    return "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_" + IfName + ".conf --dhcp-leasefile=/etc/vyr_dhcpd_" +
+           IfName + ".leases --port=0 --pid-file=/var/run/vyr_dhcpd_" + IfName + ".pid -z";
+}
+
+std::string V4Server(const std::string &IfName, const char *Start, const char *Dns)
+{
+    return "{\"ifname\": \"" + IfName + "\", \"vpnId\": 0, \"dhcpIpv4Server\": {\"ipRange\": [{\"startIp\": \"" + Start +
+           "\", \"endIp\": \"192.0.2.200\"}], \"netmask\": \"255.255.255.0\", \"gateway\": \"192.0.2.1\", "
+           "\"dnsIps\": [" + Dns + "], \"leaseTime\": 3600}}";
+}
+
+std::string Relay(const std::string &IfName, const char *LanIp, const char *Server)
+{
+    return "{\"ifname\": \"" + IfName + "\", \"vpnId\": 0, \"dhcpRelay\": {\"lanIp\": \"" + LanIp +
+           "\", \"relayServer\": [\"" + Server + "\"]}}";
+}
+
+std::string Doc(const Strings &Entries)
+{
+    std::string text = "{\"dhcps\": [";
+    for (size_t i = 0; i < Entries.size(); ++i)
+        text += (i ? ", " : "") + Entries[i];
+    return text + "]}";
+}
+
+class DynamicLoad : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fakehost::Reset();
+        fakehost::ClearRegistry();
+        Host().LogTestDump = false;
+        RemoveFiles();
+    }
+    void TearDown() override
+    {
+        fakehost::ClearRegistry();
+        RemoveFiles();
+    }
+    static void RemoveFiles()
+    {
+        relaytest::RemoveRelayFiles();
+        for (const char *f : {"eth1", "eth2", "eth3", "eth4"})
+            for (const char *kind : {"/etc/vyr_dhcpd_%s.conf", "/var/run/vyr_dhcpd_%s.pid"}) {
+                char path[64];
+                snprintf(path, sizeof(path), kind, f);
+                std::remove(path);
+            }
+        std::remove(Host().DhcpConfPath.c_str());
+        std::remove(Host().DhcpConfBakPath.c_str());
+    }
+    static KQ_ERR_T Load(const std::string &Text)
+    {
+        fakehost::WriteFile(Host().DhcpConfPath, Text);
+        return KQCtrl_LoadDynamicServiceConf(Host().DhcpConfPath.c_str());
+    }
+    // Each node as "<ifname>:<server NetAddrType>/<relay NetAddrType>", in list order.
+    static Strings Registry()
+    {
+        Strings out;
+        KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
+        for (KQ_LIST_HEAD *l = head->next; l != head; l = l->next) {
+            auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
+                reinterpret_cast<char *>(l) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
+            const KQ_CTRL_DYNAMIC_SERVICE_CONF &c = node->DynamicConf;
+            out.push_back(std::string(c.IfName) + ":" + std::to_string(c.DynamicServerConf.NetAddrType) + "/" +
+                          std::to_string(c.DynamicRelayConf.NetAddrType));
+        }
+        return out;
+    }
+    static int Count(const std::string &Message)
+    {
+        Strings m = fakehost::Messages();
+        return static_cast<int>(std::count(m.begin(), m.end(), Message));
+    }
+};
+
+TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
+{
+    const std::string eth1 = V4Server("eth1", "192.0.2.100", "\"192.0.2.53\"");
+    const std::string eth2 = Relay("eth2", "198.51.100.1", "203.0.113.10");
+    struct Row {
+        const char *Name;
+        std::string Document;
+        KQ_ERR_T Result;
+        Strings Commands;
+        Strings Registry;
+        int Skipped;  // "Json to conf dynamic failed", server and relay loads together
+        std::optional<std::string> RelayConf;
+    };
+    const Row rows[] = {
+        {"bad entries are skipped",
+         Doc({eth1,
+              // Refused by both readers: no usable name.
+              "{\"ifname\": \"bad/name\", \"dhcpRelay\": {\"lanIp\": \"198.51.100.9\", \"relayServer\": []}}",
+              "{\"dhcpIpv4Server\": {\"netmask\": \"255.255.255.0\"}}",
+              eth2,
+              // Refused by the relay reader only.
+              Relay("eth4", "198.51.100.4", "203.0.113.999")}),
+         0,
+         {ServerCmd("eth1"), relaytest::kStartCmd},
+         {"eth1:1/0", "eth2:0/0", "eth4:0/0"},
+         5,
+         "dhcp-relay=198.51.100.1,203.0.113.10\n"},
+        {"empty array restores nothing", Doc({}), -2, {}, {}, 0, std::nullopt},
+        {"relay only: started once",
+         Doc({eth2, Relay("eth3", "198.51.100.3", "203.0.113.30")}),
+         0,
+         {relaytest::kStartCmd},
+         {"eth2:0/0", "eth3:0/0"},
+         0,
+         "dhcp-relay=198.51.100.1,203.0.113.10\ndhcp-relay=198.51.100.3,203.0.113.30\n"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.Name);
+        SetUp();
+        EXPECT_EQ(Load(row.Document), row.Result);
+        EXPECT_EQ(Host().Commands, row.Commands);
+        EXPECT_EQ(Registry(), row.Registry);
+        EXPECT_EQ(Count("Json to conf dynamic failed\n"), row.Skipped);
+        EXPECT_EQ(fakehost::ReadFile(relaytest::kConfPath), row.RelayConf);
+        EXPECT_EQ(Count("load dynamic server failed\n"), row.Result == -2 ? 1 : 0);
+        EXPECT_EQ(Count("lodd dynamic relay failed\n"), 0);
+        // Both loaders read the document, unless the server load failed.
+        EXPECT_EQ(Count("agent dhcp.conf = " + row.Document + " \n"), row.Result == -2 ? 1 : 2);
+    }
+}
+
+TEST_F(DynamicLoad, SecondEntryForAnInterfaceIsRestartedButNotStored)
+{
+    ASSERT_EQ(Load(Doc({V4Server("eth1", "192.0.2.100", "\"192.0.2.53\""),
+                        V4Server("eth1", "192.0.2.150", "\"192.0.2.54\"")})),
+              0);
+    EXPECT_EQ(Host().Commands, (Strings{ServerCmd("eth1"), ServerCmd("eth1")}));
+    EXPECT_EQ(Registry(), Strings{"eth1:1/0"});
+    EXPECT_EQ(_KQCtrl_GetDynamicServerConfByName("eth1")->ServerIpv4Conf.IpRange[0].StartIp, Ip4("192.0.2.100"));
+    // The file on disk is the second one's: the last restart wrote it.
+    EXPECT_NE(fakehost::ReadFile("/etc/vyr_dhcpd_eth1.conf")->find("192.0.2.54"), std::string::npos);
+}
+
+TEST_F(DynamicLoad, PoolsWithoutDnsServeTheInterfaceAddress)
+{
+    Host().FirstIpv4["eth1"] = Ip4("192.0.2.1");
+    ASSERT_EQ(Load(Doc({V4Server("eth1", "192.0.2.100", "")})), 0);
+    ASSERT_EQ(Host().Commands, Strings{ServerCmd("eth1")});
+    const KQ_CTRL_DYNAMIC_SERVER_CONF *stored = _KQCtrl_GetDynamicServerConfByName("eth1");
+    ASSERT_NE(stored, nullptr);
+    EXPECT_EQ(stored->ServerIpv4Conf.DnsNum, 1u);
+    EXPECT_EQ(stored->ServerIpv4Conf.Dns[0], Ip4("192.0.2.1"));
+    EXPECT_NE(fakehost::ReadFile("/etc/vyr_dhcpd_eth1.conf")->find("dhcp-option=eth1,6,192.0.2.1\n"),
+              std::string::npos);
+}
+
+TEST_F(DynamicLoad, RelayOfAnInterfaceTheServerLoadRegisteredKeepsAnEmptyHalf)
+{
+    std::string both = V4Server("eth1", "192.0.2.100", "\"192.0.2.53\"");
+    both.insert(both.size() - 1, ", \"dhcpRelay\": {\"lanIp\": \"198.51.100.1\", \"relayServer\": [\"203.0.113.10\"]}");
+    ASSERT_EQ(Load(Doc({both})), 0);
+    EXPECT_EQ(Host().Commands, (Strings{ServerCmd("eth1"), relaytest::kStartCmd}));
+    EXPECT_EQ(Registry(), Strings{"eth1:1/0"});
+    EXPECT_EQ(fakehost::ReadFile(relaytest::kConfPath), "dhcp-relay=198.51.100.1,203.0.113.10\n");
+}
+
+// Add, forget the registry as an agent restart does, load: the same services come back,
+// except what the document does not hold (the zone, the IPv6 mode).
+TEST_F(DynamicLoad, AddedServicesComeBackFromTheDocument)
+{
+    Host().LanVpnId["eth1"] = 3;
+    Host().LanVpnId["eth3"] = 0;
+    ServerMsg server = ServerMsg::Ipv4();
+    server.Dns = {Ip4("192.0.2.53")};
+    server.Gateway = Ip4("192.0.2.1");
+    ServerMsg v6 = ServerMsg::Ipv6(KQ_IPV6_DHCP, KQ_IPV6_DHCP);
+    server.V6Mode = v6.V6Mode;
+    server.AddrMode = v6.AddrMode;
+    server.DnsMode = v6.DnsMode;
+    server.V6Pools = v6.V6Pools;
+    server.PrefixLen = v6.PrefixLen;
+    server.V6Lease = v6.V6Lease;
+    server.V6Dns = v6.V6Dns;
+    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(server.Build()), 0) << ::testing::PrintToString(fakehost::Messages());
+    relaytest::Item relay = relaytest::RelayItem("eth3", "198.51.100.1", {"203.0.113.10", "203.0.113.11"});
+    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(relay.get()), 0) << ::testing::PrintToString(fakehost::Messages());
+
+    KQ_CTRL_DYNAMIC_SERVICE_CONF eth1 = *_KQCtrl_GetDynamicConfByName("eth1");
+    ASSERT_EQ(eth1.DynamicServerConf.SecurityZoneId, 3u);
+    ASSERT_EQ(eth1.DynamicServerConf.ServerIpv6Conf.DynamicMode, KQ_IPV6_ADDR_AUTOCONF_DHCP);
+    eth1.DynamicServerConf.SecurityZoneId = 0;
+    eth1.DynamicServerConf.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_SLAAC;
+
+    fakehost::ClearRegistry();
+    fakehost::Reset();
+    ASSERT_EQ(KQCtrl_LoadDynamicServiceConf(Host().DhcpConfPath.c_str()), 0);
+    EXPECT_EQ(Host().Commands, (Strings{ServerCmd("eth1"), relaytest::kStartCmd}));
+    EXPECT_EQ(Registry(), (Strings{"eth1:3/0", "eth3:0/0"}));
+
+    const KQ_CTRL_DYNAMIC_SERVICE_CONF *loaded = _KQCtrl_GetDynamicConfByName("eth1");
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_EQ(memcmp(&loaded->DynamicServerConf, &eth1.DynamicServerConf, sizeof(eth1.DynamicServerConf)), 0);
+    // The relay-only entry was registered by the server load first (eth3:0/0 above), so its
+    // relay half stays empty while the relay itself runs with its lines.
+    EXPECT_EQ(fakehost::ReadFile(relaytest::kConfPath),
+              "dhcp-relay=198.51.100.1,203.0.113.10\ndhcp-relay=198.51.100.1,203.0.113.11\n");
+}
+
+}  // namespace
