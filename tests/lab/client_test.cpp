@@ -153,10 +153,15 @@ TEST_F(ClientLab, StatelessIpv6ClientGetsTheDnsOption)
 
     // ISC dhclient 4.4 ends an information-only exchange by exiting ("PRC: Done."), so the
     // pid file it leaves is stale: stop removes it and reports -ENOENT. A client still
-    // running is killed as usual.
-    bool running = lab::ProcessAlive(pid6);
+    // running is killed as usual. An exited client may linger as a zombie (empty cmdline)
+    // until it is reaped, so "running" means a process that still has its command line.
+    auto liveClient = [](pid_t pid) {
+        return !lab::ReadFile("/proc/" + std::to_string(pid) + "/cmdline").value_or("").empty();
+    };
+    lab::WaitFor([&] { return !liveClient(pid6); }, 5s);
+    bool running = liveClient(pid6);
     EXPECT_EQ(KQCtrl_DynamicClientDisableIpv6(kIf.c_str(), kZone), running ? 0 : -ENOENT);
-    EXPECT_FALSE(lab::ProcessAlive(pid6));
+    EXPECT_FALSE(liveClient(pid6));
     EXPECT_FALSE(lab::ReadFile(kPid6).has_value());
 }
 
