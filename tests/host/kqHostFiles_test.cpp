@@ -12,27 +12,17 @@
 
 #include <gtest/gtest.h>
 
+#include "hostTestUtil.h"
 #include "kqHostLinux.h"
 
 namespace {
 
-struct TempDir {
-    std::string path;
-    TempDir()
-    {
-        char pattern[] = "/etc/kq-host-XXXXXX";
-        path = mkdtemp(pattern) != nullptr ? pattern : "";
-    }
-    ~TempDir() { system(("rm -rf " + path).c_str()); }
-};
+using hosttest::Slurp;
 
-std::string Slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+// Scratch folders of these tests live under /etc.
+struct TempDir : hosttest::TempDir {
+    TempDir() : hosttest::TempDir("/etc") {}
+};
 
 std::set<std::string> Names(const std::string &dir)
 {

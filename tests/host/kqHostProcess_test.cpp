@@ -16,29 +16,19 @@
 
 #include <gtest/gtest.h>
 
+#include "hostTestUtil.h"
 #include "kqHostLinux.h"
 
 extern char **environ;
 
 namespace {
 
-struct TempDir {
-    std::string path;
-    TempDir()
-    {
-        char pattern[] = "/run/kq-host-XXXXXX";
-        path = mkdtemp(pattern) != nullptr ? pattern : "";
-    }
-    ~TempDir() { system(("rm -rf " + path).c_str()); }
-};
+using hosttest::Slurp;
 
-std::string Slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+// Scratch folders of these tests live under /run.
+struct TempDir : hosttest::TempDir {
+    TempDir() : hosttest::TempDir("/run") {}
+};
 
 // Starts argv; with ownGroup the child leads a process group of its own, so that it and
 // whatever it starts can be killed together.
