@@ -48,7 +48,9 @@ struct Outcome {
 
 Outcome Kqagent(const std::string &args)
 {
-    const std::string out = lab::ShOut(std::string(KQAGENT_PATH) + " " + args + " 2>&1; echo \"exit $?\"");
+    std::string command = KQAGENT_PATH;
+    command += " " + args + " 2>&1; echo \"exit $?\"";
+    const std::string out = lab::ShOut(command);
     const size_t at = out.rfind("exit ");
     return {at == std::string::npos ? -1 : std::atoi(out.c_str() + at + 5), out.substr(0, at)};
 }
@@ -228,9 +230,10 @@ TEST(AgentLab, ConcurrentAppliesWithAndWithoutAnAgent)
     }
     auto runAll = [&](int set) {
         std::string script;
-        for (const auto &ifname : names[set])
-            script += std::string(KQAGENT_PATH) + " apply " + dir.File(ifname + ".json") + " >" +
-                      dir.File(ifname + ".out") + " 2>&1 & ";
+        for (const auto &ifname : names[set]) {
+            script += KQAGENT_PATH;
+            script += " apply " + dir.File(ifname + ".json") + " >" + dir.File(ifname + ".out") + " 2>&1 & ";
+        }
         return lab::Sh(script + "wait");
     };
 
