@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <json-c/json.h>
 #include <sys/socket.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -203,6 +204,33 @@ TEST(AgentLab, EveryRestartRestoresZonesIpv6ModesAndRelayOnlyInterfaces)
             FAIL() << lab::ReadFile(dir.File("serve." + std::to_string(round) + ".log")).value_or("")
                    << lab::ReadFile("/var/log/morvaxel.log").value_or("");
     }
+
+    // A desired state that cannot be read: the restart says so and what it could not
+    // reconcile, dhcp.conf is still restored, and nothing overwrites the operator's file.
+    const std::string desiredPath = dir.File("desired.json");
+    const std::string good = lab::ReadFile(desiredPath).value_or("");
+    const std::string broken = good.substr(0, good.size() / 2);
+    lab::WriteFile(desiredPath, broken);
+    agent->Stop();
+    lab::KillAll("dnsmasq");
+    agent = StartAgent(dir, 4);
+    const std::string log = lab::ReadFile(dir.File("serve.4.log")).value_or("");
+    EXPECT_NE(log.find("kqagent: desired state " + desiredPath + ": not valid JSON ("), std::string::npos) << log;
+    EXPECT_NE(log.find("kqagent: could not reconcile every interface (" + desiredPath + ": not valid JSON"),
+              std::string::npos) << log;
+    EXPECT_NE(log.find("lan2: dnsmasq running, pid "), std::string::npos) << log;
+    const Outcome refused = Kqagent("apply " + dir.File("lans.json"));
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.out.find("kqagent: nothing applied; repair or move that file"), std::string::npos) << refused.out;
+    EXPECT_EQ(lab::ReadFile(desiredPath), broken);
+    EXPECT_NE(Drift().at("lan1"), "[ ]");  // nothing to compare with but dhcp.conf
+
+    // Repaired and re-read (SIGHUP): the difference is applied and lan1 is whole again.
+    lab::WriteFile(desiredPath, good);
+    kill(agent->Pid(), SIGHUP);
+    EXPECT_TRUE(lab::WaitFor([&] { return Drift() == std::map<std::string, std::string>{
+                                              {"lan1", "[ ]"}, {"lan2", "[ ]"}, {"rl3", "[ ]"}}; }, 20s))
+        << lab::ReadFile(dir.File("serve.4.log")).value_or("");
 }
 
 // Eight kqagent commands at once, first through a running agent, then each on its own:
