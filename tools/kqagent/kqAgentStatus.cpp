@@ -398,7 +398,7 @@ json_object *PolicyRulesJson()
 
 std::string RenderPolicyRules(json_object *rules)
 {
-    std::string text = "policy rules (this process's table): ";
+    std::string text = "policy rules: ";
     const size_t count = json_object_array_length(rules);
     if (count == 0)
         return text + "none\n";
