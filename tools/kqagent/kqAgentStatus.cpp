@@ -227,6 +227,40 @@ json_object *DesiredJson(const DesiredEntry &entry)
     return json_tokener_parse(entry.itemJson.c_str());
 }
 
+// "ipv4 server, ipv6 stateful DHCPv6, zone 7": what the desired item asks for, in words.
+std::string DesiredSummary(const DesiredEntry &entry, uint32_t zone)
+{
+    if (!entry.request)
+        return "unusable entry";
+    const DhcpItemV2 &item = entry.request->Item();
+    std::string text;
+    if (item.ipv4dhcpitem != nullptr) {
+        const uint32_t mode = item.ipv4dhcpitem->mode;
+        text += mode == KQ_DHCP_SERVER ? "ipv4 server" : mode == KQ_DHCP_RELAY ? "ipv4 relay" : "ipv4 off";
+    }
+    const std::string v6 = DesiredIpv6Mode(item);
+    if (v6 != "none")
+        text += (text.empty() ? "" : ", ") + std::string("ipv6 ") + v6;
+    return (text.empty() ? "nothing served" : text) + ", zone " + std::to_string(zone);
+}
+
+// The same words for what the interface's dnsmasq really serves, and where it runs.
+std::string ServedSummary(const std::string &ifname, json_object *serverProcess, uint32_t zone)
+{
+    if (!json_object_get_boolean(Member(serverProcess, "running")))
+        return "no dnsmasq of its own";
+    const std::string conf = ReadTextFile("/etc/vyr_dhcpd_" + ifname + ".conf").value_or("");
+    std::string text = conf.find("dhcp-range=" + ifname + ",") != std::string::npos ? "ipv4 server" : "";
+    const std::string v6 = RunningIpv6Mode(conf);
+    if (v6 != "none")
+        text += (text.empty() ? "" : ", ") + std::string("ipv6 ") + v6;
+    const auto inZone = InZoneNamespace(std::strtol(Field(serverProcess, "pid").c_str(), nullptr, 10), zone);
+    text += (text.empty() ? "" : ", ") + std::string(!inZone ? "namespace unknown"
+                                                     : *inZone ? "in the namespace of zone " + std::to_string(zone)
+                                                               : "outside the namespace of zone " + std::to_string(zone));
+    return text;
+}
+
 // Where what runs differs from what the desired state asks for.
 json_object *Drift(const std::string &ifname, const DesiredEntry *desired, bool inDhcpConf, uint32_t zone,
                    json_object *serverProcess, const std::string &relayLines, bool relayRunning)
@@ -514,6 +548,10 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
             if (candidate.ifname == ifname && (wanted == nullptr || candidate.request))
                 wanted = &candidate;
         json_object_object_add(entry, "desired", wanted != nullptr ? DesiredJson(*wanted) : nullptr);
+        const uint32_t zone = isLan ? lan.CommConf.VpnId : 0;
+        if (wanted != nullptr)
+            json_object_object_add(entry, "desiredSummary", Str(DesiredSummary(*wanted, zone)));
+        json_object_object_add(entry, "servedSummary", Str(ServedSummary(ifname, Member(server, "process"), zone)));
         json_object_object_add(entry, "drift",
                                Drift(ifname, wanted, item != nullptr, isLan ? lan.CommConf.VpnId : 0,
                                      Member(server, "process"), relayText, relayRunning));
@@ -660,11 +698,8 @@ std::string RenderStatus(json_object *status)
         if (!json_object_get_boolean(Member(entry, "lan")))
             text += " (not in the LAN table)";
         text += "\n";
-        if (json_object *wanted = Member(entry, "desired"))
-            text += "  desired: " + std::string(json_object_to_json_string_ext(wanted, JSON_C_TO_STRING_PLAIN |
-                                                                                     JSON_C_TO_STRING_NOSLASHESCAPE)) + "\n";
-        else
-            text += "  desired: none\n";
+        text += "  desired: " + (Member(entry, "desired") != nullptr ? Field(entry, "desiredSummary") : "none") + "\n";
+        text += "  serving: " + Field(entry, "servedSummary") + "\n";
         json_object *drift = Member(entry, "drift");
         for (size_t d = 0; d < json_object_array_length(drift); ++d)
             text += "  DRIFT: " + std::string(json_object_get_string(json_object_array_get_idx(drift, d))) + "\n";
