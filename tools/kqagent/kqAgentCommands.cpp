@@ -187,7 +187,7 @@ int Agent::Startup(const std::string &confPath, std::ostream &out, std::ostream 
     if (!unreconciled.empty())
         status = kExitFailed;
     ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
-        if (!desired_.Broken() && desired_.Find(conf.IfName) == nullptr)
+        if (!desired_.Broken() && !desired_.Lists(conf.IfName))
             err << "kqagent: " << conf.IfName << ": restored from " << confPath
                 << " but not in the desired state; left as restored\n";
     });
@@ -253,7 +253,8 @@ int Agent::Reload(std::ostream &out, std::ostream &err)
             status = kExitFailed;
     }
     for (const auto &entry : desired_.Entries()) {
-        if (!entry.request || fresh.Find(entry.ifname) != nullptr)
+        // An entry that is still there but cannot be read now is not a delete.
+        if (!entry.request || fresh.Lists(entry.ifname))
             continue;
         // Only the name matters to a delete.
         DhcpItemV2 item = DHCP_ITEM_V2__INIT;

@@ -107,20 +107,31 @@ const DesiredEntry *DesiredState::Find(const std::string &ifname) const
     return nullptr;
 }
 
+bool DesiredState::Lists(const std::string &ifname) const
+{
+    for (const auto &entry : entries_)
+        if (entry.ifname == ifname)
+            return true;
+    return false;
+}
+
 int DesiredState::RecordAdd(const Request &request)
 {
     if (Broken())
         return -EIO;
-    std::vector<DesiredEntry> next = entries_;
+    // The accepted request replaces the interface's entry in place, also one that could not
+    // be read: the module now runs what this request says.
     DesiredEntry entry{request.Item().ifname, ItemJson(request), request, ""};
-    bool replaced = false;
-    for (auto &current : next) {
-        if (current.request && current.ifname == entry.ifname) {
-            current = entry;
-            replaced = true;
-        }
+    std::vector<DesiredEntry> next;
+    bool placed = false;
+    for (const auto &current : entries_) {
+        if (current.ifname != entry.ifname)
+            next.push_back(current);
+        else if (!placed)
+            next.push_back(entry);
+        placed = placed || current.ifname == entry.ifname;
     }
-    if (!replaced)
+    if (!placed)
         next.push_back(entry);
     const int result = Save(next);
     if (result == 0)
@@ -134,7 +145,7 @@ int DesiredState::RecordDelete(const std::string &ifname)
         return -EIO;
     std::vector<DesiredEntry> next;
     for (const auto &entry : entries_)
-        if (!(entry.request && entry.ifname == ifname))
+        if (entry.ifname != ifname)
             next.push_back(entry);
     if (next.size() == entries_.size())
         return 0;

@@ -34,7 +34,10 @@ public:
     const std::string &Path() const { return path_; }
 
     const std::vector<DesiredEntry> &Entries() const { return entries_; }
+    // The usable entry of an interface, or null.
     const DesiredEntry *Find(const std::string &ifname) const;
+    // True when some entry, usable or not, names the interface.
+    bool Lists(const std::string &ifname) const;
 
     // Records the accepted add (replacing the interface's entry in place) or delete, and
     // writes the document. Returns 0 or a negative errno (the document is then as before,
