@@ -66,19 +66,23 @@ TEST_F(HostSettings, KeysAreReadAndEveryProblemFallsBackWithAMessage)
         std::string conf, bak, lans, netns5, netns6;
         uint32_t level, v6;
         std::vector<std::string> messages;  // each must appear on stderr; none when empty
+        std::string desired = "/etc/kqagent/desired.json", socket = "/run/kqagent/kqagent.sock";
     } cases[] = {
         {R"({"dhcpConf": "/etc/a/d.conf", "dhcpConfBak": "/etc/a/d.bak", "logLevel": 4, "logTo": "stderr",
              "lans": [{"ifname": "eth1", "vpnId": 3}, {"ifname": "eth2", "vpnId": 0}],
-             "netns": {"5": "zone5"}, "dhcpv6Interfaces": ["eth1", "eth4"]})",
-         "/etc/a/d.conf", "/etc/a/d.bak", "eth1=3,eth2=0", "zone5", "vpn6", 4, 2, {}},
+             "netns": {"5": "zone5"}, "dhcpv6Interfaces": ["eth1", "eth4"],
+             "desiredState": "/var/lib/a/want.json", "controlSocket": "/run/a.sock"})",
+         "/etc/a/d.conf", "/etc/a/d.bak", "eth1=3,eth2=0", "zone5", "vpn6", 4, 2, {}, "/var/lib/a/want.json", "/run/a.sock"},
+        {R"({"dhcpConf": "/srv/d.conf"})", "/srv/d.conf", defBak, "", "vpn5", "vpn6", 2, 0, {}, "/srv/desired.json"},
         {R"({"dhcpConf": 5, "dhcpConfBak": "", "lans": {}, "netns": [], "logLevel": "3",
-             "logTo": "file", "dhcpv6Interfaces": "eth1", "extra": 1})",
+             "logTo": "file", "dhcpv6Interfaces": "eth1", "extra": 1, "desiredState": 3, "controlSocket": "a.sock"})",
          defConf, defBak, "", "vpn5", "vpn6", 2, 0,
          {"\"dhcpConf\" must be a text; using \"/etc/kqagent/dhcp.conf\"",
           "\"dhcpConfBak\" must be a path of 1 to 4095 characters", "\"lans\" must be an array",
           "\"netns\" must be an object", "\"logLevel\" must be a number from 1 to 4; using 2",
           "\"logTo\" must be \"stderr\" or \"syslog\"", "\"dhcpv6Interfaces\" must be an array",
-          "unknown key \"extra\" ignored"}},
+          "unknown key \"extra\" ignored", "\"desiredState\" must be a text",
+          "\"controlSocket\" must be an absolute path of at most 107 characters"}},
         {R"({"lans": [{"ifname": "eth1", "vpnId": 3}, {"ifname": "bad/name", "vpnId": 1},
                       {"ifname": "eth2"}, 7, {"ifname": "eth1", "vpnId": 4},
                       {"ifname": "eth3", "vpnId": -1}, {"ifname": "eth5", "vpnId": 4294967295}],
@@ -100,6 +104,8 @@ TEST_F(HostSettings, KeysAreReadAndEveryProblemFallsBackWithAMessage)
         SCOPED_TRACE(c.text);
         EXPECT_EQ(KQ_AgentPathDhcpConf(), c.conf);
         EXPECT_EQ(KQ_AgentPathDhcpConfbak(), c.bak);
+        EXPECT_EQ(KQ_HostDesiredStatePath(), c.desired);
+        EXPECT_EQ(KQ_HostControlSocketPath(), c.socket);
         EXPECT_EQ(Lans(), c.lans);
         EXPECT_EQ(Netns(5), c.netns5);
         EXPECT_EQ(Netns(6), c.netns6);
@@ -109,8 +115,11 @@ TEST_F(HostSettings, KeysAreReadAndEveryProblemFallsBackWithAMessage)
         if (c.messages.empty()) {
             EXPECT_EQ(err, "");
         }
+        std::string said = "kqhost: ";
+        said += kConfig;
+        said += ": ";
         for (const std::string &m : c.messages)
-            EXPECT_NE(err.find(std::string("kqhost: ") + kConfig + ": " + m), std::string::npos)
+            EXPECT_NE(err.find(said + m), std::string::npos)
                 << m << "\nstderr:\n" << err;
     }
 

@@ -1,32 +1,26 @@
-// kqagent: a small host agent around the dynamic module. It reads requests written as JSON,
-// turns them into DhcpItemV2 messages and calls the module; it also drives the DHCP client
-// operations and shows what is configured and running.
-#include <fcntl.h>
-#include <stdio.h>
+// kqagent: the host agent around the dynamic module. `kqagent serve` is the long-running
+// agent that owns the module; every other command reaches it through its control socket,
+// or, when no agent runs, executes in this process under the agent's lock.
+#include <errno.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <chrono>
 #include <iostream>
 #include <map>
-#include <memory>
-#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "kqAgentCommands.h"
 #include "kqAgentCommon.h"
-#include "kqAgentRequests.h"
-#include "kqAgentStatus.h"
-#include "kqCtrlDynamic.h"
+#include "kqAgentControl.h"
 #include "kqHostLinux.h"
 
 namespace {
 
 using namespace kqagent;
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;  // the module or the system refused
-constexpr int kExitUsage = 2;   // bad command line or bad request file
 
 const char *kUsage =
     "usage: kqagent [--config FILE] [-v|-q] COMMAND [ARGS]\n"
@@ -34,9 +28,10 @@ const char *kUsage =
     "Configure the DHCP servers, relay and clients of this appliance through the dynamic module.\n"
     "\n"
     "commands:\n"
+    "  serve                   run as the host agent: restore everything, then take commands (see 'help serve')\n"
     "  apply FILE              check a request file, then add/delete each interface's DHCP setup in order\n"
     "  check FILE              only check a request file (nothing is applied)\n"
-    "  load [PATH]             restore every server and the relay from dhcp.conf (restarts their dnsmasq)\n"
+    "  load [PATH]             restore every server and the relay, and report what runs\n"
     "  client enable|disable ipv4|ipv6 IFNAME [--zone N] [--type slaac|stateless|stateful] [--rs]\n"
     "                          start or stop dhclient on an interface\n"
     "  rs IFNAME [--zone N]    send one router solicitation\n"
@@ -49,28 +44,44 @@ const char *kUsage =
     "  -v, --verbose   show the module's trace lines\n"
     "  -q, --quiet     show only the module's error lines\n"
     "\n"
-    "exit status: 0 done, 1 refused by the module or the system, 2 bad command line or request file\n";
+    "Every command but serve and help goes through the running agent when there is one; otherwise it\n"
+    "runs in this process under the agent's lock, with the registry rebuilt from the desired state.\n"
+    "\n"
+    "exit status: 0 done, 1 refused by the module or the system, or a service not running,\n"
+    "             2 bad command line or request file\n";
 
 const std::map<std::string, std::string> kCommandHelp = {
+    {"serve",
+     "usage: kqagent serve\n"
+     "\n"
+     "The long-running host agent, the one process that calls the module. At start it runs the module's\n"
+     "start-up load of dhcp.conf, then sends every interface of the desired state again, so that zones,\n"
+     "IPv6 modes and relay-only interfaces are whole after every restart; it reports per interface\n"
+     "whether its dnsmasq runs. Then it takes kqagent commands on its control socket (\"controlSocket\",\n"
+     "default /run/kqagent/kqagent.sock; root only), one at a time.\n"
+     "  SIGHUP            re-read the desired state and apply the difference\n"
+     "  SIGTERM, SIGINT   end the agent; every dnsmasq and dhclient keeps running\n"
+     "Readiness is reported to systemd (Type=notify); see tools/kqagent/kqagent.service.\n"},
     {"apply",
-     "usage: kqagent apply FILE [--load]\n"
+     "usage: kqagent apply FILE\n"
      "\n"
      "Checks the whole request file first: an unknown key, a wrong type, a bad address, a number out of\n"
      "range or a missing field is reported with the request index and field path, and nothing is applied.\n"
-     "Then each request is handed to the module in file order; the first refusal stops the run.\n"
-     "\n"
-     "Each kqagent run is a new process, so the module's registry starts empty. Before applying, the\n"
-     "registry is restored from dhcp.conf with the module's own readers, without touching any process,\n"
-     "so that an unchanged interface is left running and the shared relay keeps every relay interface.\n"
-     "  --load   restore with the module's start-up load instead (restarts every dnsmasq it restores)\n"
+     "Then each request is handed to the module in file order; the first refusal stops the run. Each\n"
+     "accepted request is recorded in the desired state (\"desiredState\", default desired.json beside\n"
+     "dhcp.conf), which every start of the agent sends to the module again. Exits 1 when an added\n"
+     "interface's dnsmasq does not run afterwards.\n"
      "\n"
      "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see the kqagent section of README.md.\n"},
     {"check", "usage: kqagent check FILE\n\nChecks a request file exactly as apply does and applies nothing.\n"},
     {"load",
      "usage: kqagent load [PATH]\n"
      "\n"
-     "Runs the module's start-up load on PATH (default: the host's dhcp.conf): every interface's server\n"
-     "dnsmasq is restarted and the shared relay is started once, as when the agent starts.\n"},
+     "Without a running agent: what an agent does at start, on PATH (default: the host's dhcp.conf): the\n"
+     "module's start-up load, then every interface of the desired state sent again. Through a running\n"
+     "agent: every server and the shared relay whose dnsmasq does not run is restarted from the agent's\n"
+     "own records (PATH is refused). Either way each interface's dnsmasq is checked through its pid file\n"
+     "and /proc, and the exit status is 1 when one does not run.\n"},
     {"client",
      "usage: kqagent client enable|disable ipv4|ipv6 IFNAME [--zone N] [--type T] [--rs]\n"
      "\n"
@@ -81,7 +92,7 @@ const std::map<std::string, std::string> kCommandHelp = {
      "  --type T   ipv6 enable only: stateful (dhclient -6, the default), stateless (dhclient -6 -S)\n"
      "             or slaac (no dhclient; only the policy rule)\n"
      "  --rs       ipv6 enable only: send one router solicitation first\n"
-     "The policy rule table lives in this process's memory; it is printed after an ipv6 command.\n"},
+     "The policy rule table lives in the agent's memory; it is printed after an ipv6 command.\n"},
     {"rs",
      "usage: kqagent rs IFNAME [--zone N]\n"
      "\n"
@@ -89,9 +100,11 @@ const std::map<std::string, std::string> kCommandHelp = {
     {"status",
      "usage: kqagent status [--json] [IFNAME...]\n"
      "\n"
-     "Per interface: the server and relay settings of dhcp.conf, the zone from the LAN table, whether\n"
-     "its dnsmasq and dhclient run (pid files confirmed through /proc/<pid>/cmdline) and its leases;\n"
-     "then the shared relay and the policy rule table of this process.\n"
+     "Per interface: its desired configuration and any DRIFT from it (a dnsmasq that does not run, runs\n"
+     "outside its zone's namespace or serves another IPv6 mode; an interface missing from dhcp.conf or\n"
+     "from the shared relay), the server and relay settings of dhcp.conf, the zone from the LAN table,\n"
+     "whether its dnsmasq and dhclient run (pid files confirmed through /proc/<pid>/cmdline) and its\n"
+     "leases; then the shared relay and the policy rule table of the agent (or of this process).\n"
      "  --json   print the same as one JSON document\n"},
 };
 
@@ -100,11 +113,17 @@ struct Options {
     bool quiet = false;
 };
 
-int Usage(const std::string &problem, const std::string &command = "")
+int Help(const std::string &command)
 {
-    std::cerr << "kqagent: " << problem << "\n";
-    std::cerr << "try 'kqagent help" << (command.empty() ? "" : " " + command) << "'\n";
-    return kExitUsage;
+    if (command.empty()) {
+        std::cout << kUsage;
+        return kExitOk;
+    }
+    const auto it = kCommandHelp.find(command);
+    if (it == kCommandHelp.end())
+        return Usage(std::cerr, "no such command: " + command);
+    std::cout << it->second;
+    return kExitOk;
 }
 
 bool WantsHelp(const std::vector<std::string> &args)
@@ -115,363 +134,60 @@ bool WantsHelp(const std::vector<std::string> &args)
     return false;
 }
 
-int Help(const std::string &command)
+int Print(const CommandResult &result)
 {
-    if (command.empty()) {
-        std::cout << kUsage;
-        return kExitOk;
-    }
-    const auto it = kCommandHelp.find(command);
-    if (it == kCommandHelp.end())
-        return Usage("no such command: " + command);
-    std::cout << it->second;
-    return kExitOk;
+    std::cout << result.out << std::flush;
+    std::cerr << result.err << std::flush;
+    return result.exit;
 }
 
-std::optional<uint32_t> ParseZone(const std::string &text)
+// Through the running agent, else here under the agent's lock, so that two kqagent
+// processes never call the module at the same time.
+int Run(Command command)
 {
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10)
-        return std::nullopt;
-    const unsigned long long value = std::stoull(text);
-    if (value > UINT32_MAX)
-        return std::nullopt;
-    return static_cast<uint32_t>(value);
-}
-
-std::optional<ParsedRequests> ReadRequestFile(const std::string &path)
-{
-    const auto text = ReadTextFile(path);
-    if (!text) {
-        std::cerr << "kqagent: cannot read " << path << ": " << strerror(errno) << "\n";
-        return std::nullopt;
-    }
-    ParsedRequests parsed = ParseRequests(*text);
-    if (!parsed.Ok()) {
-        std::cerr << "kqagent: " << path << ": " << parsed.error << "\n";
-        std::cerr << "kqagent: nothing applied\n";
-        return std::nullopt;
-    }
-    for (const auto &note : parsed.notes)
-        std::cerr << "kqagent: note: " << path << ": " << note << "\n";
-    return parsed;
-}
-
-// Runs fn with the module's log lines kept back unless the user asked for them: the
-// dhcp.conf readers report every optional object an item lacks, which is noise here.
-template <class Fn>
-auto Quietly(const Options &options, Fn fn)
-{
-    if (options.verbose)
-        return fn();
-    fflush(stderr);
-    const int saved = dup(STDERR_FILENO);
-    const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (saved >= 0 && devnull >= 0)
-        dup2(devnull, STDERR_FILENO);
-    auto result = fn();
-    fflush(stderr);
-    if (saved >= 0) {
-        dup2(saved, STDERR_FILENO);
-        close(saved);
-    }
-    if (devnull >= 0)
-        close(devnull);
-    return result;
-}
-
-// Fills this process's registry from dhcp.conf through the module's own readers, without
-// starting or stopping anything, so that a new kqagent process sees what an agent that had
-// kept running would hold. Two gaps of the start-up path are closed on purpose: the zone
-// comes from the LAN table (as an add sets it) and the IPv6 mode from "dynamicMode".
-int RestoreRegistry(const Options &options, size_t &restored)
-{
-    restored = 0;
-    const std::string path = KQ_AgentPathDhcpConf();
-    const auto text = ReadTextFile(path);
-    if (!text)
-        return 0;  // nothing persisted yet
-    json_object *root = json_tokener_parse(text->c_str());
-    std::unique_ptr<json_object, int (*)(json_object *)> guard(root, json_object_put);
-    json_object *items = nullptr;
-    if (root == nullptr || !json_object_object_get_ex(root, "dhcps", &items) ||
-        !json_object_is_type(items, json_type_array)) {
-        std::cerr << "kqagent: " << path << " is not a dhcp.conf document (no \"dhcps\" array); nothing applied\n";
-        return -EINVAL;
-    }
-    for (size_t i = 0; i < json_object_array_length(items); ++i) {
-        json_object *item = json_object_array_get_idx(items, i);
-        KQ_CTRL_DYNAMIC_SERVICE_CONF conf{};
-        const auto [serverResult, relayResult] = Quietly(options, [&] {
-            return std::pair{KQCtrl_JsonToConfDynamicServer(item, &conf.DynamicServerConf),
-                             KQCtrl_JsonToConfDynamicRelay(item, &conf.DynamicRelayConf)};
-        });
-        if (serverResult < 0 || relayResult < 0) {
-            std::cerr << "kqagent: warning: " << path << ": dhcps[" << i << "] cannot be read back ("
-                      << ErrnoName(serverResult < 0 ? serverResult : relayResult) << "); its "
-                      << (serverResult < 0 ? "server and relay are" : "relay is") << " not restored\n";
-            if (serverResult < 0)
-                continue;
-            conf.DynamicRelayConf = KQ_CTRL_DYNAMIC_RELAY_CONF{};
+    const std::string file = CommandFileArgument(command.argv);
+    if (!file.empty()) {
+        errno = 0;
+        const auto text = ReadTextFile(file);
+        if (!text) {
+            std::cerr << "kqagent: cannot read " << file << ": " << strerror(errno ? errno : EIO) << "\n";
+            return kExitUsage;
         }
-        memcpy(conf.IfName, conf.DynamicServerConf.IfName, sizeof(conf.IfName));
-        if (conf.IfName[0] == '\0') {
-            std::cerr << "kqagent: warning: " << path << ": dhcps[" << i << "] names no interface; not restored\n";
-            continue;
-        }
-        if (_KQCtrl_GetDynamicConfByName(conf.IfName) != nullptr)
-            continue;
-        KQ_CONF_LAN lan{};
-        const uint32_t zone = KQ_RtcNetioLanGetByName(conf.IfName, &lan) == 0 ? lan.CommConf.VpnId : 0;
-        conf.DynamicServerConf.SecurityZoneId = zone;
-        if (conf.DynamicRelayConf.IfName[0] != '\0')
-            conf.DynamicRelayConf.SecurityZoneId = zone;
-        json_object *v6 = nullptr, *mode = nullptr;
-        if (json_object_object_get_ex(item, "dhcpIpv6Server", &v6) && json_object_object_get_ex(v6, "dynamicMode", &mode) &&
-            json_object_is_type(mode, json_type_int) && json_object_get_int(mode) >= 0 &&
-            json_object_get_int(mode) < KQ_IPV6_ADDR_AUTOCONF_MAX)
-            conf.DynamicServerConf.ServerIpv6Conf.DynamicMode =
-                static_cast<KQ_IPV6_ADDR_AUTOCONF_TYPE>(json_object_get_int(mode));
-        const KQ_ERR_T result = KQCtrl_InsertDynamicConfListNode(&conf);
-        if (result < 0) {
-            std::cerr << "kqagent: restoring " << conf.IfName << " failed: " << ErrnoName(result) << "\n";
-            return result;
-        }
-        ++restored;
+        command.fileText = *text;
     }
-    return 0;
-}
-
-int CmdCheck(const std::vector<std::string> &args)
-{
-    if (args.size() != 1)
-        return Usage("check needs exactly one request file", "check");
-    const auto parsed = ReadRequestFile(args[0]);
-    if (!parsed)
-        return kExitUsage;
-    std::cout << args[0] << ": " << parsed->requests.size() << " request(s), all valid\n";
-    for (size_t i = 0; i < parsed->requests.size(); ++i)
-        std::cout << "  [" << i << "] " << parsed->requests[i].Summary() << "\n";
-    return kExitOk;
-}
-
-int CmdApply(const Options &options, const std::vector<std::string> &args)
-{
-    std::string file;
-    bool startupLoad = false;
-    for (const auto &arg : args) {
-        if (arg == "--load")
-            startupLoad = true;
-        else if (!arg.empty() && arg[0] == '-')
-            return Usage("apply: unknown option " + arg, "apply");
-        else if (file.empty())
-            file = arg;
-        else
-            return Usage("apply takes one request file", "apply");
-    }
-    if (file.empty())
-        return Usage("apply needs a request file", "apply");
-    const auto parsed = ReadRequestFile(file);
-    if (!parsed)
-        return kExitUsage;
-    const auto &requests = parsed->requests;
-    std::cout << file << ": " << requests.size() << " request(s), all valid\n";
-
-    const std::string confPath = KQ_AgentPathDhcpConf();
-    if (access(confPath.c_str(), F_OK) == 0) {
-        if (startupLoad) {
-            std::cout << "loading " << confPath << " (restarts every restored dnsmasq)\n";
-            const KQ_ERR_T result = KQCtrl_LoadDynamicServiceConf(confPath.c_str());
-            // An empty "dhcps" array is the module's ENOENT: there is simply nothing to restore.
-            if (result < 0 && result != -ENOENT) {
-                std::cerr << "kqagent: loading " << confPath << " failed: " << ErrnoName(result) << "; nothing applied\n";
-                return kExitFailed;
-            }
-        } else {
-            size_t restored = 0;
-            if (RestoreRegistry(options, restored) < 0)
-                return kExitFailed;
-            std::cout << "restored " << restored << " interface(s) from " << confPath << " (no process touched)\n";
-        }
-    }
-
-    for (size_t i = 0; i < requests.size(); ++i) {
-        const Request &request = requests[i];
-        std::cout << "[" << i << "] " << request.Summary() << ": " << std::flush;
-        const KQ_ERR_T result = request.Op() == RequestOp::Add ? KQCtrl_ConfigDynamicAdd(&request.Item())
-                                                              : KQCtrl_ConfigDynamicDel(&request.Item());
-        if (result < 0) {
-            std::cout << "refused\n";
-            std::cerr << "kqagent: request " << i << " refused by the module: " << ErrnoName(result) << " "
-                      << strerror(-result) << "\n";
-            std::cerr << "kqagent: request " << i << ": " << request.Json() << "\n";
-            if (i + 1 < requests.size())
-                std::cerr << "kqagent: stopped; request(s) " << i + 1 << ".." << requests.size() - 1 << " not applied\n";
+    const std::string socketPath = KQ_HostControlSocketPath();
+    AgentLock lock(socketPath);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    for (;;) {
+        CommandResult answer;
+        std::string problem;
+        const AskOutcome asked = AskAgent(socketPath, command, answer, problem);
+        if (asked == AskOutcome::Answered)
+            return Print(answer);
+        if (asked == AskOutcome::Failed) {
+            std::cerr << "kqagent: " << problem << "\n";
             return kExitFailed;
         }
-        std::cout << "ok\n";
+        const int taken = lock.TryLock();
+        if (taken < 0) {
+            std::cerr << "kqagent: " << lock.Path() << ": " << strerror(-taken) << "\n";
+            return kExitFailed;
+        }
+        if (taken == 1)
+            break;
+        // Another kqagent command, or an agent that is starting and will listen soon.
+        if (std::chrono::steady_clock::now() > deadline) {
+            std::cerr << "kqagent: " << lock.Path() << " is held by another kqagent process; nothing done\n";
+            return kExitFailed;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    return kExitOk;
-}
-
-int CmdLoad(const std::vector<std::string> &args)
-{
-    if (args.size() > 1)
-        return Usage("load takes at most one path", "load");
-    const std::string path = args.empty() ? KQ_AgentPathDhcpConf() : args[0];
-    const KQ_ERR_T result = KQCtrl_LoadDynamicServiceConf(path.c_str());
-    if (result < 0) {
-        std::cerr << "kqagent: load " << path << " failed: " << ErrnoName(result) << " " << strerror(-result) << "\n";
+    Agent agent(false);
+    if (!command.argv.empty() && command.argv[0] == "apply" && agent.RebuildRegistry(std::cerr) != kExitOk) {
+        std::cerr << "kqagent: nothing applied\n";
         return kExitFailed;
     }
-    std::cout << "loaded " << path << "\n";
-    return kExitOk;
-}
-
-// The zone of an interface: --zone when given, else its LAN's, else 0.
-std::optional<uint32_t> ZoneOf(const std::string &ifname, const std::optional<std::string> &given)
-{
-    if (given)
-        return ParseZone(*given);
-    KQ_CONF_LAN lan{};
-    return KQ_RtcNetioLanGetByName(ifname.c_str(), &lan) == 0 ? lan.CommConf.VpnId : 0;
-}
-
-// Runs fn with the calling thread inside the zone's namespace (zone 0: where we are).
-template <class Fn>
-KQ_ERR_T InZone(uint32_t zone, Fn fn)
-{
-    int saved = -1;
-    if (zone != 0) {
-        const KQ_ERR_T result = KQ_RtcNetNsSaveAndSwitch(zone, &saved);
-        if (result < 0) {
-            std::cerr << "kqagent: cannot enter the namespace of zone " << zone << ": " << ErrnoName(result) << "\n";
-            KQ_RtcNetNsSwitchToDefault(&saved);
-            return result;
-        }
-    }
-    const KQ_ERR_T result = fn();
-    KQ_RtcNetNsSwitchToDefault(&saved);
-    return result;
-}
-
-int CmdClient(const std::vector<std::string> &args)
-{
-    std::vector<std::string> positional;
-    std::optional<std::string> zoneText, type;
-    bool rs = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--zone" || args[i] == "--type") {
-            if (i + 1 >= args.size())
-                return Usage("client: " + args[i] + " needs a value", "client");
-            (args[i] == "--zone" ? zoneText : type) = args[++i];
-        } else if (args[i] == "--rs") {
-            rs = true;
-        } else if (!args[i].empty() && args[i][0] == '-') {
-            return Usage("client: unknown option " + args[i], "client");
-        } else {
-            positional.push_back(args[i]);
-        }
-    }
-    if (positional.size() != 3)
-        return Usage("client needs: enable|disable ipv4|ipv6 IFNAME", "client");
-    const std::string &action = positional[0], &family = positional[1], &ifname = positional[2];
-    if (action != "enable" && action != "disable")
-        return Usage("client: \"" + action + "\" is neither enable nor disable", "client");
-    if (family != "ipv4" && family != "ipv6")
-        return Usage("client: \"" + family + "\" is neither ipv4 nor ipv6", "client");
-    if (!IsUsableIfName(ifname))
-        return Usage("client: \"" + ifname + "\" is not a usable interface name", "client");
-    const auto zone = ZoneOf(ifname, zoneText);
-    if (!zone)
-        return Usage("client: --zone needs a number from 0 to 4294967295", "client");
-    const bool v6 = family == "ipv6", enable = action == "enable";
-    if ((type || rs) && !(v6 && enable))
-        return Usage("client: --type and --rs go with 'enable ipv6' only", "client");
-
-    KQ_ERR_T result = 0;
-    if (v6 && enable) {
-        static const std::map<std::string, KQ_IPV6_ADDR_AUTOCONF_TYPE> types = {
-            {"stateful", KQ_IPV6_ADDR_AUTOCONF_DHCP},
-            {"stateless", KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP},
-            {"slaac", KQ_IPV6_ADDR_AUTOCONF_SLAAC}};
-        const auto it = types.find(type.value_or("stateful"));
-        if (it == types.end())
-            return Usage("client: --type is slaac, stateless or stateful", "client");
-        KQCtrl_DynamicClientSetIpv6AutoConfType(it->second);
-        // The solicitation leaves from the zone's namespace, where the interface lives.
-        result = rs ? InZone(*zone, [&] { return KQCtrl_SendOneRsPktAndDynamicClientEnableIpv6(ifname.c_str(), *zone); })
-                    : KQCtrl_DynamicClientEnableIpv6(ifname.c_str(), *zone);
-    } else if (v6) {
-        result = KQCtrl_DynamicClientDisableIpv6(ifname.c_str(), *zone);
-    } else {
-        result = enable ? KQCtrl_DynamicClientEnableIpv4(ifname.c_str(), *zone)
-                        : KQCtrl_DynamicClientDisableIpv4(ifname.c_str(), *zone);
-    }
-    if (v6) {
-        json_object *rules = PolicyRulesJson();
-        std::cout << RenderPolicyRules(rules);
-        json_object_put(rules);
-    }
-    if (result < 0) {
-        std::cerr << "kqagent: client " << action << " " << family << " " << ifname << " failed: " << ErrnoName(result)
-                  << " " << strerror(-result) << "\n";
-        return kExitFailed;
-    }
-    std::cout << "client " << action << " " << family << " " << ifname << " (zone " << *zone << "): ok\n";
-    return kExitOk;
-}
-
-int CmdRs(const std::vector<std::string> &args)
-{
-    std::optional<std::string> zoneText;
-    std::string ifname;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--zone") {
-            if (i + 1 >= args.size())
-                return Usage("rs: --zone needs a value", "rs");
-            zoneText = args[++i];
-        } else if (!args[i].empty() && args[i][0] == '-') {
-            return Usage("rs: unknown option " + args[i], "rs");
-        } else if (ifname.empty()) {
-            ifname = args[i];
-        } else {
-            return Usage("rs takes one interface", "rs");
-        }
-    }
-    if (!IsUsableIfName(ifname))
-        return Usage(ifname.empty() ? "rs needs an interface" : "rs: \"" + ifname + "\" is not a usable interface name", "rs");
-    const auto zone = ZoneOf(ifname, zoneText);
-    if (!zone)
-        return Usage("rs: --zone needs a number from 0 to 4294967295", "rs");
-    const KQ_ERR_T result = InZone(*zone, [&] { return KQCtrl_SendOneRsPkt(ifname.c_str()); });
-    if (result < 0) {
-        std::cerr << "kqagent: router solicitation on " << ifname << " failed: " << ErrnoName(result) << " "
-                  << strerror(-result) << "\n";
-        return kExitFailed;
-    }
-    std::cout << "router solicitation sent on " << ifname << " (zone " << *zone << ")\n";
-    return kExitOk;
-}
-
-int CmdStatus(const std::vector<std::string> &args)
-{
-    bool json = false;
-    std::vector<std::string> only;
-    for (const auto &arg : args) {
-        if (arg == "--json")
-            json = true;
-        else if (!arg.empty() && arg[0] == '-')
-            return Usage("status: unknown option " + arg, "status");
-        else
-            only.push_back(arg);
-    }
-    json_object *status = CollectStatus(only);
-    if (json)
-        std::cout << json_object_to_json_string_ext(status, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE) << "\n";
-    else
-        std::cout << RenderStatus(status);
-    json_object_put(status);
-    return kExitOk;
+    return Print(agent.Execute(command));
 }
 
 }  // namespace
@@ -485,9 +201,9 @@ int main(int argc, char **argv)
         const std::string &arg = args[next];
         if (arg == "--config") {
             if (next + 1 >= args.size())
-                return Usage("--config needs a file");
+                return Usage(std::cerr, "--config needs a file");
             if (access(args[next + 1].c_str(), R_OK) != 0)
-                return Usage("--config: cannot read " + args[next + 1]);
+                return Usage(std::cerr, "--config: cannot read " + args[next + 1]);
             setenv("KQ_HOST_CONFIG", args[++next].c_str(), 1);
             KQ_HostReloadConfig();
         } else if (arg == "-v" || arg == "--verbose") {
@@ -497,7 +213,7 @@ int main(int argc, char **argv)
         } else if (arg == "-h" || arg == "--help") {
             return Help("");
         } else if (!arg.empty() && arg[0] == '-') {
-            return Usage("unknown option " + arg);
+            return Usage(std::cerr, "unknown option " + arg);
         } else {
             break;
         }
@@ -506,10 +222,9 @@ int main(int argc, char **argv)
         std::cerr << kUsage;
         return kExitUsage;
     }
-    if (options.verbose)
-        KQ_HostSetLogLevel(1);
-    else if (options.quiet)
-        KQ_HostSetLogLevel(4);
+    const int logLevel = options.verbose ? 1 : options.quiet ? 4 : 0;
+    if (logLevel != 0)
+        KQ_HostSetLogLevel(static_cast<uint32_t>(logLevel));
 
     const std::string command = args[next];
     const std::vector<std::string> rest(args.begin() + static_cast<long>(next) + 1, args.end());
@@ -517,17 +232,16 @@ int main(int argc, char **argv)
         return Help(rest.empty() ? "" : rest[0]);
     if (kCommandHelp.count(command) != 0 && WantsHelp(rest))
         return Help(command);
-    if (command == "apply")
-        return CmdApply(options, rest);
-    if (command == "check")
-        return CmdCheck(rest);
-    if (command == "load")
-        return CmdLoad(rest);
-    if (command == "client")
-        return CmdClient(rest);
-    if (command == "rs")
-        return CmdRs(rest);
-    if (command == "status")
-        return CmdStatus(rest);
-    return Usage("no such command: " + command);
+    if (command == "serve") {
+        if (!rest.empty())
+            return Usage(std::cerr, "serve takes no arguments", "serve");
+        return Serve();
+    }
+    if (kCommandHelp.count(command) == 0)
+        return Usage(std::cerr, "no such command: " + command);
+    Command run;
+    run.argv.push_back(command);
+    run.argv.insert(run.argv.end(), rest.begin(), rest.end());
+    run.logLevel = logLevel;
+    return Run(std::move(run));
 }

@@ -1,7 +1,9 @@
 #include "kqAgentStatus.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -167,7 +169,156 @@ json_object *Member(json_object *object, const char *key)
 
 json_object *Ref(json_object *object) { return object == nullptr ? nullptr : json_object_get(object); }
 
+const char *kIpv6ModeNames[] = {"SLAAC", "stateless DHCPv6", "stateful DHCPv6", "SLAAC and DHCPv6"};
+
+// The IPv6 service a desired item asks for, by the pair of dynamic modes.
+std::string DesiredIpv6Mode(const DhcpItemV2 &item)
+{
+    const Ipv6DhcpItem *v6 = item.ipv6dhcpitem;
+    if (v6 == nullptr || v6->mode != KQ_DHCP_SERVER || v6->dhcpserver == nullptr)
+        return "none";
+    const uint32_t address = v6->dhcpserver->ipv6dynamicmode, dns = v6->dhcpserver->dnsdynamicmode;
+    if (address == KQ_IPV6_DHCP && dns == KQ_IPV6_DHCP)
+        return kIpv6ModeNames[KQ_IPV6_ADDR_AUTOCONF_DHCP];
+    if (address == KQ_IPV6_SLAAC && dns == KQ_IPV6_DHCP)
+        return kIpv6ModeNames[KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP];
+    if (address == KQ_IPV6_SLAAC && dns == KQ_IPV6_SLAAC)
+        return kIpv6ModeNames[KQ_IPV6_ADDR_AUTOCONF_SLAAC];
+    if (address == KQ_IPV6_BOTH)
+        return kIpv6ModeNames[KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP];
+    return "none";
+}
+
+// The IPv6 service a dnsmasq configuration file of the module gives, from its range lines.
+std::string RunningIpv6Mode(const std::string &conf)
+{
+    if (conf.find(", ra-stateless\n") != std::string::npos)
+        return kIpv6ModeNames[KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP];
+    if (conf.find(", ra-only\n") != std::string::npos)
+        return kIpv6ModeNames[KQ_IPV6_ADDR_AUTOCONF_SLAAC];
+    if (conf.find(", slaac\n") != std::string::npos)
+        return kIpv6ModeNames[KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP];
+    std::istringstream lines(conf);
+    std::string line;
+    while (std::getline(lines, line))
+        if (line.rfind("dhcp-range=", 0) == 0 && line.find(':') != std::string::npos)
+            return kIpv6ModeNames[KQ_IPV6_ADDR_AUTOCONF_DHCP];
+    return "none";
+}
+
+// True when pid runs in the network namespace of zone (0: the one this process runs in).
+std::optional<bool> InZoneNamespace(long pid, uint32_t zone)
+{
+    char name[64] = {};
+    std::string expected = "/proc/self/ns/net";
+    if (zone != 0) {
+        if (KQ_HostNetnsName(zone, name, sizeof(name)) < 0)
+            return std::nullopt;
+        expected = std::string("/run/netns/") + name;
+    }
+    struct stat want {}, have {};
+    if (stat(expected.c_str(), &want) != 0 || stat(("/proc/" + std::to_string(pid) + "/ns/net").c_str(), &have) != 0)
+        return std::nullopt;
+    return want.st_dev == have.st_dev && want.st_ino == have.st_ino;
+}
+
+json_object *DesiredJson(const DesiredEntry &entry)
+{
+    return json_tokener_parse(entry.itemJson.c_str());
+}
+
+// "ipv4 server, ipv6 stateful DHCPv6, zone 7": what the desired item asks for, in words.
+std::string DesiredSummary(const DesiredEntry &entry, uint32_t zone)
+{
+    if (!entry.request)
+        return "unusable entry";
+    const DhcpItemV2 &item = entry.request->Item();
+    std::string text;
+    if (item.ipv4dhcpitem != nullptr) {
+        const uint32_t mode = item.ipv4dhcpitem->mode;
+        text += mode == KQ_DHCP_SERVER ? "ipv4 server" : mode == KQ_DHCP_RELAY ? "ipv4 relay" : "ipv4 off";
+    }
+    const std::string v6 = DesiredIpv6Mode(item);
+    if (v6 != "none")
+        text += (text.empty() ? "" : ", ") + std::string("ipv6 ") + v6;
+    return (text.empty() ? "nothing served" : text) + ", zone " + std::to_string(zone);
+}
+
+// The same words for what the interface's dnsmasq really serves, and where it runs.
+std::string ServedSummary(const std::string &ifname, json_object *serverProcess, uint32_t zone)
+{
+    if (!json_object_get_boolean(Member(serverProcess, "running")))
+        return "no dnsmasq of its own";
+    const std::string conf = ReadTextFile("/etc/vyr_dhcpd_" + ifname + ".conf").value_or("");
+    std::string text = conf.find("dhcp-range=" + ifname + ",") != std::string::npos ? "ipv4 server" : "";
+    const std::string v6 = RunningIpv6Mode(conf);
+    if (v6 != "none")
+        text += (text.empty() ? "" : ", ") + std::string("ipv6 ") + v6;
+    const auto inZone = InZoneNamespace(std::strtol(Field(serverProcess, "pid").c_str(), nullptr, 10), zone);
+    text += (text.empty() ? "" : ", ") + std::string(!inZone ? "namespace unknown"
+                                                     : *inZone ? "in the namespace of zone " + std::to_string(zone)
+                                                               : "outside the namespace of zone " + std::to_string(zone));
+    return text;
+}
+
+// Where what runs differs from what the desired state asks for.
+json_object *Drift(const std::string &ifname, const DesiredEntry *desired, bool inDhcpConf, uint32_t zone,
+                   json_object *serverProcess, const std::string &relayLines, bool relayRunning)
+{
+    json_object *drift = json_object_new_array();
+    auto add = [&](const std::string &text) { json_object_array_add(drift, Str(text)); };
+    if (desired == nullptr) {
+        if (inDhcpConf)
+            add("in dhcp.conf but not in the desired state");
+        return drift;
+    }
+    if (!desired->request) {
+        add("desired entry cannot be used: " + desired->problem);
+        return drift;
+    }
+    const DhcpItemV2 &item = desired->request->Item();
+    if (!inDhcpConf)
+        add("not in dhcp.conf");
+    const bool v4Server = item.ipv4dhcpitem != nullptr && item.ipv4dhcpitem->mode == KQ_DHCP_SERVER;
+    const std::string v6Mode = DesiredIpv6Mode(item);
+    if (v4Server || v6Mode != "none") {
+        const bool running = json_object_get_boolean(Member(serverProcess, "running"));
+        if (!running) {
+            add("dnsmasq is not running");
+        } else {
+            const long pid = std::strtol(Field(serverProcess, "pid").c_str(), nullptr, 10);
+            const auto inZone = InZoneNamespace(pid, zone);
+            if (inZone && !*inZone)
+                add("dnsmasq runs outside the namespace of zone " + std::to_string(zone));
+            const std::string conf = ReadTextFile("/etc/vyr_dhcpd_" + ifname + ".conf").value_or("");
+            const bool v4Served = conf.find("dhcp-range=" + ifname + ",") != std::string::npos;
+            if (v4Served != v4Server)
+                add(std::string("IPv4 ") + (v4Served ? "served, desired off" : "not served, desired server"));
+            const std::string served = RunningIpv6Mode(conf);
+            if (served != v6Mode)
+                add("IPv6 serves " + served + ", desired " + v6Mode);
+        }
+    }
+    if (item.ipv4dhcpitem != nullptr && item.ipv4dhcpitem->mode == KQ_DHCP_RELAY && item.ipv4dhcpitem->dhcprelay != nullptr) {
+        if (!relayRunning)
+            add("relay dnsmasq is not running");
+        else if (relayLines.find("dhcp-relay=" + FormatIpv4(item.ipv4dhcpitem->dhcprelay->lanip) + ",") == std::string::npos)
+            add("not in the shared relay");
+    }
+    return drift;
+}
+
 }  // namespace
+
+long RunningDnsmasq(const std::string &pidFile)
+{
+    json_object *process = DnsmasqProcess(pidFile);
+    const long pid = json_object_get_boolean(Member(process, "running"))
+                         ? std::strtol(Field(process, "pid").c_str(), nullptr, 10)
+                         : 0;
+    json_object_put(process);
+    return pid;
+}
 
 json_object *ParseDnsmasqLeases(const std::string &text)
 {
@@ -281,7 +432,7 @@ json_object *PolicyRulesJson()
 
 std::string RenderPolicyRules(json_object *rules)
 {
-    std::string text = "policy rules (this process's table): ";
+    std::string text = "policy rules: ";
     const size_t count = json_object_array_length(rules);
     if (count == 0)
         return text + "none\n";
@@ -305,9 +456,19 @@ std::string RenderPolicyRules(json_object *rules)
     return text;
 }
 
-json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces)
+json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const DesiredState &desired, bool fromAgent)
 {
     json_object *status = json_object_new_object();
+    json_object *agent = json_object_new_object();
+    json_object_object_add(agent, "running", json_object_new_boolean(fromAgent));
+    if (fromAgent)
+        json_object_object_add(agent, "pid", json_object_new_int64(getpid()));
+    json_object_object_add(agent, "desiredState", Str(desired.Path()));
+    if (desired.Broken())
+        json_object_object_add(agent, "problem", Str(desired.Problem()));
+    json_object_object_add(status, "agent", agent);
+    const std::string relayText = ReadTextFile(kRelayConfFile).value_or("");
+    const bool relayRunning = RunningDnsmasq(kRelayPidFile) > 0;
 
     // What dhcp.conf says, item by item.
     const std::string confPath = KQ_AgentPathDhcpConf();
@@ -331,6 +492,8 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces)
         if (!name.empty() && names.insert(name).second)
             order.push_back(name);
     };
+    for (const auto &entry : desired.Entries())
+        note(entry.ifname);
     for (size_t i = 0; items != nullptr && i < json_object_array_length(items); ++i)
         note(Field(json_object_array_get_idx(items, i), "ifname"));
     std::set<std::string> others;
@@ -380,6 +543,18 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces)
         json_object_object_add(server, "leases", LeasesOf(ServerLeaseFile(ifname), ParseDnsmasqLeases));
         json_object_object_add(entry, "server", server);
         json_object_object_add(entry, "relay", Ref(Member(item, "dhcpRelay")));
+        const DesiredEntry *wanted = nullptr;
+        for (const auto &candidate : desired.Entries())
+            if (candidate.ifname == ifname && (wanted == nullptr || candidate.request))
+                wanted = &candidate;
+        json_object_object_add(entry, "desired", wanted != nullptr ? DesiredJson(*wanted) : nullptr);
+        const uint32_t zone = isLan ? lan.CommConf.VpnId : 0;
+        if (wanted != nullptr)
+            json_object_object_add(entry, "desiredSummary", Str(DesiredSummary(*wanted, zone)));
+        json_object_object_add(entry, "servedSummary", Str(ServedSummary(ifname, Member(server, "process"), zone)));
+        json_object_object_add(entry, "drift",
+                               Drift(ifname, wanted, item != nullptr, isLan ? lan.CommConf.VpnId : 0,
+                                     Member(server, "process"), relayText, relayRunning));
         json_object_object_add(entry, "dhclient", ClientJson(ifname, false));
         json_object_object_add(entry, "dhclient6", ClientJson(ifname, true));
         json_object_array_add(interfaces, entry);
@@ -496,6 +671,14 @@ std::string LeaseLines(json_object *leases)
 std::string RenderStatus(json_object *status)
 {
     std::string text;
+    json_object *agent = Member(status, "agent");
+    text += "agent: " + std::string(json_object_get_boolean(Member(agent, "running"))
+                                         ? "running, pid " + Field(agent, "pid")
+                                         : "not running (this command ran on its own)") + "\n";
+    text += "desired state: " + Field(agent, "desiredState");
+    if (!Field(agent, "problem").empty())
+        text += " (UNREADABLE: " + Field(agent, "problem") + ")";
+    text += "\n";
     json_object *conf = Member(status, "dhcpConf");
     text += "dhcp.conf: " + Field(conf, "path");
     if (!json_object_get_boolean(Member(conf, "present")))
@@ -515,6 +698,13 @@ std::string RenderStatus(json_object *status)
         if (!json_object_get_boolean(Member(entry, "lan")))
             text += " (not in the LAN table)";
         text += "\n";
+        text += "  desired: " + (Member(entry, "desired") != nullptr ? Field(entry, "desiredSummary") : "none") + "\n";
+        text += "  serving: " + Field(entry, "servedSummary") + "\n";
+        json_object *drift = Member(entry, "drift");
+        for (size_t d = 0; d < json_object_array_length(drift); ++d)
+            text += "  DRIFT: " + std::string(json_object_get_string(json_object_array_get_idx(drift, d))) + "\n";
+        if (Member(entry, "desired") != nullptr && json_object_array_length(drift) == 0)
+            text += "  runs as desired\n";
         json_object *server = Member(entry, "server");
         json_object *v4 = Member(server, "ipv4");
         json_object *v6 = Member(server, "ipv6");

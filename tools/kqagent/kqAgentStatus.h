@@ -7,11 +7,18 @@
 #include <string>
 #include <vector>
 
+#include "kqAgentDesired.h"
+
 namespace kqagent {
 
 // The whole status as a JSON document (the caller releases it with json_object_put).
-// With names given, only those interfaces are listed.
-json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces);
+// With names given, only those interfaces are listed. Each interface shows its desired
+// configuration beside what runs, and "drift" lists where the two differ.
+json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const DesiredState &desired,
+                           bool fromAgent);
+
+// The pid of the dnsmasq that owns pidFile (confirmed through /proc), 0 when none runs.
+long RunningDnsmasq(const std::string &pidFile);
 
 // The same document as text for people.
 std::string RenderStatus(json_object *status);

@@ -77,6 +77,12 @@ extern "C" {
  * values. */
 void KQ_HostReloadConfig(void);
 
+/* The agent's own files, stable texts like the dhcp.conf paths: the desired-state document
+ * ("desiredState", default "desired.json" in dhcp.conf's folder) and the control socket
+ * ("controlSocket", default "/run/kqagent/kqagent.sock"). */
+const char *KQ_HostDesiredStatePath(void);
+const char *KQ_HostControlSocketPath(void);
+
 /* The settings file in use, "" when none. Valid until the next reload. */
 const char *KQ_HostConfigPath(void);
 

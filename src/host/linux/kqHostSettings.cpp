@@ -22,6 +22,8 @@ namespace {
 
 constexpr const char *kDefaultDhcpConf = "/etc/kqagent/dhcp.conf";
 constexpr const char *kDefaultDhcpConfBak = "/etc/kqagent/dhcp.conf.bak";
+constexpr const char *kDesiredStateName = "desired.json";  // beside dhcp.conf unless set
+constexpr const char *kDefaultControlSocket = "/run/kqagent/kqagent.sock";
 constexpr uint32_t kDefaultLogLevel = 2;
 constexpr size_t kMaxSettingsFile = 1 << 20;
 
@@ -34,6 +36,8 @@ struct Settings {
     std::string source;  // the file read, "" for none
     std::string dhcpConf = kDefaultDhcpConf;
     std::string dhcpConfBak = kDefaultDhcpConfBak;
+    std::string desiredState;  // "" = beside dhcpConf
+    std::string controlSocket = kDefaultControlSocket;
     std::vector<LanEntry> lans;
     std::map<uint32_t, std::string> netns;
     uint32_t logLevel = kDefaultLogLevel;
@@ -51,6 +55,8 @@ std::atomic<bool> sg_ToSyslog{false};
 // caller kept across a reload still reads a whole, current path.
 char sg_DhcpConfPath[PATH_MAX];
 char sg_DhcpConfBakPath[PATH_MAX];
+char sg_DesiredStatePath[PATH_MAX];
+char sg_ControlSocketPath[PATH_MAX];
 
 void Complain(const std::string &source, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void Complain(const std::string &source, const char *format, ...)
@@ -178,6 +184,18 @@ void ReadDocument(const std::string &src, json_object *doc, Settings &s)
             ReadPath(src, key, value, s.dhcpConf);
         } else if (k == "dhcpConfBak") {
             ReadPath(src, key, value, s.dhcpConfBak);
+        } else if (k == "desiredState") {
+            ReadPath(src, key, value, s.desiredState);
+        } else if (k == "controlSocket") {
+            // A Unix socket address holds at most 107 characters.
+            std::string path = s.controlSocket;
+            if (ReadPath(src, key, value, path)) {
+                if (path.size() < 108 && path[0] == '/')
+                    s.controlSocket = path;
+                else
+                    Complain(src, "\"controlSocket\" must be an absolute path of at most 107 characters; using \"%s\"",
+                             s.controlSocket.c_str());
+            }
         } else if (k == "lans") {
             ReadLans(src, value, s);
         } else if (k == "netns") {
@@ -260,6 +278,14 @@ void Publish(Settings &&s)
     sg_Settings = std::move(s);
     snprintf(sg_DhcpConfPath, sizeof(sg_DhcpConfPath), "%s", sg_Settings.dhcpConf.c_str());
     snprintf(sg_DhcpConfBakPath, sizeof(sg_DhcpConfBakPath), "%s", sg_Settings.dhcpConfBak.c_str());
+    std::string desired = sg_Settings.desiredState;
+    if (desired.empty()) {
+        const size_t slash = sg_Settings.dhcpConf.rfind('/');
+        desired = (slash == std::string::npos ? std::string() : sg_Settings.dhcpConf.substr(0, slash + 1)) +
+                  kDesiredStateName;
+    }
+    snprintf(sg_DesiredStatePath, sizeof(sg_DesiredStatePath), "%s", desired.c_str());
+    snprintf(sg_ControlSocketPath, sizeof(sg_ControlSocketPath), "%s", sg_Settings.controlSocket.c_str());
     sg_LogLevel = sg_Settings.logLevel;
     sg_ToSyslog = sg_Settings.toSyslog;
     sg_Loaded = true;
@@ -358,6 +384,20 @@ const char *KQ_AgentPathDhcpConfbak(void)
     std::lock_guard<std::mutex> lock(sg_Lock);
     Locked();
     return sg_DhcpConfBakPath;
+}
+
+const char *KQ_HostDesiredStatePath(void)
+{
+    std::lock_guard<std::mutex> lock(sg_Lock);
+    Locked();
+    return sg_DesiredStatePath;
+}
+
+const char *KQ_HostControlSocketPath(void)
+{
+    std::lock_guard<std::mutex> lock(sg_Lock);
+    Locked();
+    return sg_ControlSocketPath;
 }
 
 uint32_t KQCtrl_IfmInterfaceGetDhcpv6Count(void)

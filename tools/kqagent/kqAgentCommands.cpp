@@ -1,0 +1,541 @@
+#include "kqAgentCommands.h"
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <map>
+#include <optional>
+#include <sstream>
+
+#include "kqAgentCommon.h"
+#include "kqAgentStatus.h"
+#include "kqCtrlDynamic.h"
+#include "kqHostLinux.h"
+
+namespace kqagent {
+
+namespace {
+
+std::string Failure(int result) { return ErrnoName(result) + " " + strerror(-result); }
+
+std::optional<uint32_t> ParseZone(const std::string &text)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10)
+        return std::nullopt;
+    const unsigned long long value = std::stoull(text);
+    if (value > UINT32_MAX)
+        return std::nullopt;
+    return static_cast<uint32_t>(value);
+}
+
+// The zone of an interface: --zone when given, else its LAN's, else 0.
+std::optional<uint32_t> ZoneOf(const std::string &ifname, const std::optional<std::string> &given)
+{
+    if (given)
+        return ParseZone(*given);
+    KQ_CONF_LAN lan{};
+    return KQ_RtcNetioLanGetByName(ifname.c_str(), &lan) == 0 ? lan.CommConf.VpnId : 0;
+}
+
+// Runs fn with the calling thread inside the zone's namespace (zone 0: where we are).
+template <class Fn>
+KQ_ERR_T InZone(uint32_t zone, std::ostream &err, Fn fn)
+{
+    int saved = -1;
+    if (zone != 0) {
+        const KQ_ERR_T result = KQ_RtcNetNsSaveAndSwitch(zone, &saved);
+        if (result < 0) {
+            err << "kqagent: cannot enter the namespace of zone " << zone << ": " << ErrnoName(result) << "\n";
+            KQ_RtcNetNsSwitchToDefault(&saved);
+            return result;
+        }
+    }
+    const KQ_ERR_T result = fn();
+    KQ_RtcNetNsSwitchToDefault(&saved);
+    return result;
+}
+
+std::optional<ParsedRequests> ParseRequestText(const std::string &path, const std::string &text, std::ostream &err)
+{
+    ParsedRequests parsed = ParseRequests(text);
+    if (!parsed.Ok()) {
+        err << "kqagent: " << path << ": " << parsed.error << "\n";
+        err << "kqagent: nothing applied\n";
+        return std::nullopt;
+    }
+    for (const auto &note : parsed.notes)
+        err << "kqagent: note: " << path << ": " << note << "\n";
+    return parsed;
+}
+
+// The first argument that is not an option: the request file of apply and check.
+std::string FileArgument(const std::vector<std::string> &args)
+{
+    for (const auto &arg : args)
+        if (!arg.empty() && arg[0] != '-')
+            return arg;
+    return "";
+}
+
+template <class Fn>
+void ForEachNode(Fn fn)
+{
+    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
+    for (KQ_LIST_HEAD *link = head->next; link != head; link = link->next) {
+        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
+            reinterpret_cast<char *>(link) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
+        fn(node->DynamicConf);
+    }
+}
+
+bool RelayActive(const KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) { return (conf.DynamicRelayConf.NetAddrType & KQ_NET_ADDR_IPV4) != 0; }
+
+const char *kRelayPidFile = "/var/run/vyr_dhcpd_relay.pid";
+std::string ServerPidFile(const std::string &ifname) { return "/var/run/vyr_dhcpd_" + ifname + ".pid"; }
+
+// The shared relay rebuilt from every relay interface of the registry, as the module does
+// after a relay change.
+KQ_ERR_T RestartRelay()
+{
+    std::unique_ptr<KQ_FLEXIBLE_MSG, void (*)(KQ_FLEXIBLE_MSG *)> content(KQ_FlexMsgAlloc(), KQ_FlexMsgFree);
+    if (!content)
+        return -ENOMEM;
+    KQ_ERR_T result = 0;
+    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
+        if (result == 0 && RelayActive(conf))
+            result = KQCtrl_DynamicRelayConfAppend(content.get(), &conf.DynamicRelayConf);
+    });
+    if (result < 0)
+        return result;
+    return KQCtrl_DynamicRelayRestart(content->FlexBuf != nullptr ? content->FlexBuf : "");
+}
+
+}  // namespace
+
+int Usage(std::ostream &err, const std::string &problem, const std::string &command)
+{
+    err << "kqagent: " << problem << "\n";
+    err << "try 'kqagent help" << (command.empty() ? "" : " " + command) << "'\n";
+    return kExitUsage;
+}
+
+Agent::Agent(bool daemon) : daemon_(daemon), desired_(KQ_HostDesiredStatePath()) {}
+
+int Agent::ReportRunning(std::ostream &out, std::ostream &err)
+{
+    int status = kExitOk;
+    bool relayWanted = false;
+    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
+        const std::string ifname = conf.IfName;
+        if (RelayActive(conf)) {
+            relayWanted = true;
+            out << ifname << ": relay interface (lan ip " << FormatIpv4(conf.DynamicRelayConf.RelayConf.LanIp) << ")\n";
+        }
+        if (conf.DynamicServerConf.NetAddrType == 0)
+            return;
+        const long pid = RunningDnsmasq(ServerPidFile(ifname));
+        if (pid > 0) {
+            out << ifname << ": dnsmasq running, pid " << pid << " (zone " << conf.DynamicServerConf.SecurityZoneId << ")\n";
+        } else {
+            err << "kqagent: " << ifname << ": dnsmasq is not running (zone " << conf.DynamicServerConf.SecurityZoneId
+                << "; see its log in /var/log/morvaxel.log)\n";
+            status = kExitFailed;
+        }
+    });
+    if (relayWanted) {
+        const long pid = RunningDnsmasq(kRelayPidFile);
+        if (pid > 0) {
+            out << "relay: dnsmasq running, pid " << pid << "\n";
+        } else {
+            err << "kqagent: relay: dnsmasq is not running\n";
+            status = kExitFailed;
+        }
+    }
+    return status;
+}
+
+int Agent::Startup(const std::string &confPath, std::ostream &out, std::ostream &err)
+{
+    int status = kExitOk;
+    if (!desired_.Load())
+        err << "kqagent: desired state " << desired_.Problem() << "; dhcp.conf is restored, nothing is sent again\n";
+
+    if (access(confPath.c_str(), F_OK) == 0) {
+        const KQ_ERR_T result = KQCtrl_LoadDynamicServiceConf(confPath.c_str());
+        // An empty "dhcps" array is the module's ENOENT: nothing to restore.
+        if (result < 0 && result != -ENOENT) {
+            err << "kqagent: restoring " << confPath << " failed: " << Failure(result) << "\n";
+            status = kExitFailed;
+        }
+    }
+
+    std::vector<std::string> unreconciled;
+    if (desired_.Broken())
+        unreconciled.push_back("every interface (" + desired_.Problem() + ")");
+    for (const auto &entry : desired_.Entries()) {
+        if (!entry.request) {
+            unreconciled.push_back((entry.ifname.empty() ? "an entry" : entry.ifname) + " (" + entry.problem + ")");
+            continue;
+        }
+        const KQ_ERR_T result = KQCtrl_ConfigDynamicAdd(&entry.request->Item());
+        if (result < 0)
+            unreconciled.push_back(entry.ifname + " (refused by the module: " + ErrnoName(result) + ")");
+    }
+    for (const auto &what : unreconciled)
+        err << "kqagent: could not reconcile " << what << "\n";
+    if (!unreconciled.empty())
+        status = kExitFailed;
+    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
+        if (!desired_.Broken() && !desired_.Lists(conf.IfName))
+            err << "kqagent: " << conf.IfName << ": restored from " << confPath
+                << " but not in the desired state; left as restored\n";
+    });
+    if (ReportRunning(out, err) != kExitOk)
+        status = kExitFailed;
+    return status;
+}
+
+int Agent::RebuildRegistry(std::ostream &err)
+{
+    if (!desired_.Load()) {
+        err << "kqagent: desired state " << desired_.Problem() << "\n";
+        return kExitFailed;
+    }
+    for (const auto &entry : desired_.Entries()) {
+        if (!entry.request) {
+            err << "kqagent: warning: " << desired_.Path() << ": " << entry.problem << "; "
+                << (entry.ifname.empty() ? "this entry" : entry.ifname) << " is left out of this run\n";
+            continue;
+        }
+        KQ_CTRL_DYNAMIC_SERVICE_CONF conf{};
+        const DhcpItemV2 &item = entry.request->Item();
+        KQ_ERR_T result = KQCtrl_PbToConfDynamicServer(&item, &conf.DynamicServerConf);
+        if (result >= 0)
+            result = KQCtrl_PbToConfDynamicRelay(&item, &conf.DynamicRelayConf);
+        if (result < 0) {
+            err << "kqagent: warning: " << desired_.Path() << ": " << entry.ifname << " is refused by the module ("
+                << ErrnoName(result) << "); left out of this run\n";
+            continue;
+        }
+        snprintf(conf.IfName, sizeof(conf.IfName), "%s", item.ifname);
+        result = KQCtrl_InsertDynamicConfListNode(&conf);
+        if (result < 0) {
+            err << "kqagent: restoring " << entry.ifname << " failed: " << Failure(result) << "\n";
+            return kExitFailed;
+        }
+    }
+    return kExitOk;
+}
+
+int Agent::Reload(std::ostream &out, std::ostream &err)
+{
+    DesiredState fresh(KQ_HostDesiredStatePath());
+    if (!fresh.Load()) {
+        err << "kqagent: reload: desired state " << fresh.Problem() << "; nothing changed\n";
+        desired_ = std::move(fresh);  // never written while it stays unreadable
+        return kExitFailed;
+    }
+    int status = kExitOk;
+    for (const auto &entry : fresh.Entries()) {
+        if (!entry.request) {
+            err << "kqagent: reload: could not reconcile " << (entry.ifname.empty() ? "an entry" : entry.ifname) << " ("
+                << entry.problem << ")\n";
+            status = kExitFailed;
+            continue;
+        }
+        const DesiredEntry *before = desired_.Find(entry.ifname);
+        if (before != nullptr && before->itemJson == entry.itemJson)
+            continue;
+        const KQ_ERR_T result = KQCtrl_ConfigDynamicAdd(&entry.request->Item());
+        out << "reload: add " << entry.ifname << ": " << (result < 0 ? "refused " + ErrnoName(result) : "ok") << "\n";
+        if (result < 0)
+            status = kExitFailed;
+    }
+    for (const auto &entry : desired_.Entries()) {
+        // An entry that is still there but cannot be read now is not a delete.
+        if (!entry.request || fresh.Lists(entry.ifname))
+            continue;
+        // Only the name matters to a delete.
+        DhcpItemV2 item = DHCP_ITEM_V2__INIT;
+        std::string name = entry.ifname;
+        item.ifname = name.data();
+        const KQ_ERR_T result = KQCtrl_ConfigDynamicDel(&item);
+        out << "reload: delete " << entry.ifname << ": " << (result < 0 ? "refused " + ErrnoName(result) : "ok") << "\n";
+        if (result < 0)
+            status = kExitFailed;
+    }
+    desired_ = std::move(fresh);
+    return status;
+}
+
+int Agent::Check(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err)
+{
+    if (args.size() != 1)
+        return Usage(err, "check needs exactly one request file", "check");
+    const auto parsed = ParseRequestText(args[0], text, err);
+    if (!parsed)
+        return kExitUsage;
+    out << args[0] << ": " << parsed->requests.size() << " request(s), all valid\n";
+    for (size_t i = 0; i < parsed->requests.size(); ++i)
+        out << "  [" << i << "] " << parsed->requests[i].Summary() << "\n";
+    return kExitOk;
+}
+
+int Agent::Apply(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err)
+{
+    for (const auto &arg : args)
+        if (!arg.empty() && arg[0] == '-')
+            return Usage(err, "apply: unknown option " + arg, "apply");
+    if (args.size() != 1)
+        return Usage(err, args.empty() ? "apply needs a request file" : "apply takes one request file", "apply");
+    const std::string &file = args[0];
+    const auto parsed = ParseRequestText(file, text, err);
+    if (!parsed)
+        return kExitUsage;
+    const auto &requests = parsed->requests;
+    out << file << ": " << requests.size() << " request(s), all valid\n";
+    if (desired_.Broken()) {
+        // Applying now would leave a change nobody can restore after a restart.
+        err << "kqagent: desired state " << desired_.Problem() << "\n";
+        err << "kqagent: nothing applied; repair or move that file, then reload the agent (SIGHUP) or run the "
+               "command again\n";
+        return kExitFailed;
+    }
+
+    std::vector<std::string> added;
+    for (size_t i = 0; i < requests.size(); ++i) {
+        const Request &request = requests[i];
+        out << "[" << i << "] " << request.Summary() << ": " << std::flush;
+        const bool add = request.Op() == RequestOp::Add;
+        const KQ_ERR_T result = add ? KQCtrl_ConfigDynamicAdd(&request.Item()) : KQCtrl_ConfigDynamicDel(&request.Item());
+        const int recorded = result < 0 ? 0 : add ? desired_.RecordAdd(request) : desired_.RecordDelete(request.Item().ifname);
+        if (result < 0 || recorded < 0) {
+            out << "refused\n";
+            if (result < 0)
+                err << "kqagent: request " << i << " refused by the module: " << Failure(result) << "\n";
+            else
+                err << "kqagent: request " << i << " applied, but " << desired_.Path()
+                    << " could not be written: " << Failure(recorded) << "; a restart would not restore it\n";
+            err << "kqagent: request " << i << ": " << request.Json() << "\n";
+            if (i + 1 < requests.size())
+                err << "kqagent: stopped; request(s) " << i + 1 << ".." << requests.size() - 1 << " not applied\n";
+            return kExitFailed;
+        }
+        out << "ok\n";
+        if (add)
+            added.push_back(request.Item().ifname);
+    }
+    // An unchanged configuration is left alone by the module, also when its dnsmasq has
+    // gone meanwhile (a reboot without the agent): say so instead of a bare "ok".
+    int status = kExitOk;
+    for (const auto &ifname : added) {
+        const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str());
+        if (conf != nullptr && conf->DynamicServerConf.NetAddrType != 0 && RunningDnsmasq(ServerPidFile(ifname)) <= 0) {
+            err << "kqagent: " << ifname << ": configured, but its dnsmasq is not running"
+                << (daemon_ ? "" : " (after a reboot: start the agent, or run 'kqagent load')") << "\n";
+            status = kExitFailed;
+        }
+    }
+    return status;
+}
+
+int Agent::Load(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+{
+    if (args.size() > 1)
+        return Usage(err, "load takes at most one path", "load");
+    const std::string confPath = KQ_AgentPathDhcpConf();
+    if (!daemon_) {
+        const std::string path = args.empty() ? confPath : args[0];
+        const int status = Startup(path, out, err);
+        out << "loaded " << path << (status == kExitOk ? "" : " (with problems, see above)") << "\n";
+        return status;
+    }
+    if (!args.empty() && args[0] != confPath)
+        return Usage(err, "load: the running agent restores from its own state; PATH needs a stopped agent", "load");
+    // The registry of a running agent is whole: restart from it whatever does not run.
+    bool relayWanted = false;
+    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
+        relayWanted = relayWanted || RelayActive(conf);
+        if (conf.DynamicServerConf.NetAddrType != 0 && RunningDnsmasq(ServerPidFile(conf.IfName)) <= 0) {
+            const KQ_ERR_T result = KQCtrl_DynamicServerRestart(&conf.DynamicServerConf);
+            if (result < 0)
+                err << "kqagent: " << conf.IfName << ": restart failed: " << Failure(result) << "\n";
+        }
+    });
+    if (relayWanted && RunningDnsmasq(kRelayPidFile) <= 0) {
+        const KQ_ERR_T result = RestartRelay();
+        if (result < 0)
+            err << "kqagent: relay: restart failed: " << Failure(result) << "\n";
+    }
+    const int status = ReportRunning(out, err);
+    out << "loaded " << confPath << (status == kExitOk ? "" : " (with problems, see above)") << "\n";
+    return status;
+}
+
+int Agent::Status(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+{
+    bool json = false;
+    std::vector<std::string> only;
+    for (const auto &arg : args) {
+        if (arg == "--json")
+            json = true;
+        else if (!arg.empty() && arg[0] == '-')
+            return Usage(err, "status: unknown option " + arg, "status");
+        else
+            only.push_back(arg);
+    }
+    if (!daemon_)
+        desired_.Load();
+    json_object *status = CollectStatus(only, desired_, daemon_);
+    if (json)
+        out << json_object_to_json_string_ext(status, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE) << "\n";
+    else
+        out << RenderStatus(status);
+    json_object_put(status);
+    return kExitOk;
+}
+
+namespace {
+
+int Client(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+{
+    std::vector<std::string> positional;
+    std::optional<std::string> zoneText, type;
+    bool rs = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--zone" || args[i] == "--type") {
+            if (i + 1 >= args.size())
+                return Usage(err, "client: " + args[i] + " needs a value", "client");
+            (args[i] == "--zone" ? zoneText : type) = args[i + 1];
+            ++i;
+        } else if (args[i] == "--rs") {
+            rs = true;
+        } else if (!args[i].empty() && args[i][0] == '-') {
+            return Usage(err, "client: unknown option " + args[i], "client");
+        } else {
+            positional.push_back(args[i]);
+        }
+    }
+    if (positional.size() != 3)
+        return Usage(err, "client needs: enable|disable ipv4|ipv6 IFNAME", "client");
+    const std::string &action = positional[0], &family = positional[1], &ifname = positional[2];
+    if (action != "enable" && action != "disable")
+        return Usage(err, "client: \"" + action + "\" is neither enable nor disable", "client");
+    if (family != "ipv4" && family != "ipv6")
+        return Usage(err, "client: \"" + family + "\" is neither ipv4 nor ipv6", "client");
+    if (!IsUsableIfName(ifname))
+        return Usage(err, "client: \"" + ifname + "\" is not a usable interface name", "client");
+    const auto zone = ZoneOf(ifname, zoneText);
+    if (!zone)
+        return Usage(err, "client: --zone needs a number from 0 to 4294967295", "client");
+    const bool v6 = family == "ipv6", enable = action == "enable";
+    if ((type || rs) && !(v6 && enable))
+        return Usage(err, "client: --type and --rs go with 'enable ipv6' only", "client");
+
+    KQ_ERR_T result = 0;
+    if (v6 && enable) {
+        static const std::map<std::string, KQ_IPV6_ADDR_AUTOCONF_TYPE> types = {
+            {"stateful", KQ_IPV6_ADDR_AUTOCONF_DHCP},
+            {"stateless", KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP},
+            {"slaac", KQ_IPV6_ADDR_AUTOCONF_SLAAC}};
+        const auto it = types.find(type.value_or("stateful"));
+        if (it == types.end())
+            return Usage(err, "client: --type is slaac, stateless or stateful", "client");
+        KQCtrl_DynamicClientSetIpv6AutoConfType(it->second);
+        // The solicitation leaves from the zone's namespace, where the interface lives.
+        result = rs ? InZone(*zone, err, [&] { return KQCtrl_SendOneRsPktAndDynamicClientEnableIpv6(ifname.c_str(), *zone); })
+                    : KQCtrl_DynamicClientEnableIpv6(ifname.c_str(), *zone);
+    } else if (v6) {
+        result = KQCtrl_DynamicClientDisableIpv6(ifname.c_str(), *zone);
+    } else {
+        result = enable ? KQCtrl_DynamicClientEnableIpv4(ifname.c_str(), *zone)
+                        : KQCtrl_DynamicClientDisableIpv4(ifname.c_str(), *zone);
+    }
+    if (v6) {
+        json_object *rules = PolicyRulesJson();
+        out << RenderPolicyRules(rules);
+        json_object_put(rules);
+    }
+    if (result < 0) {
+        err << "kqagent: client " << action << " " << family << " " << ifname << " failed: " << Failure(result) << "\n";
+        return kExitFailed;
+    }
+    out << "client " << action << " " << family << " " << ifname << " (zone " << *zone << "): ok\n";
+    return kExitOk;
+}
+
+int Rs(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+{
+    std::optional<std::string> zoneText;
+    std::string ifname;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--zone") {
+            if (i + 1 >= args.size())
+                return Usage(err, "rs: --zone needs a value", "rs");
+            zoneText = args[++i];
+        } else if (!args[i].empty() && args[i][0] == '-') {
+            return Usage(err, "rs: unknown option " + args[i], "rs");
+        } else if (ifname.empty()) {
+            ifname = args[i];
+        } else {
+            return Usage(err, "rs takes one interface", "rs");
+        }
+    }
+    if (!IsUsableIfName(ifname))
+        return Usage(err, ifname.empty() ? "rs needs an interface" : "rs: \"" + ifname + "\" is not a usable interface name", "rs");
+    const auto zone = ZoneOf(ifname, zoneText);
+    if (!zone)
+        return Usage(err, "rs: --zone needs a number from 0 to 4294967295", "rs");
+    const KQ_ERR_T result = InZone(*zone, err, [&] { return KQCtrl_SendOneRsPkt(ifname.c_str()); });
+    if (result < 0) {
+        err << "kqagent: router solicitation on " << ifname << " failed: " << Failure(result) << "\n";
+        return kExitFailed;
+    }
+    out << "router solicitation sent on " << ifname << " (zone " << *zone << ")\n";
+    return kExitOk;
+}
+
+}  // namespace
+
+CommandResult Agent::Execute(const Command &command)
+{
+    CommandResult result;
+    std::ostringstream out, err;
+    const uint32_t savedLevel = KQ_HostLogLevel();
+    if (command.logLevel != 0)
+        KQ_HostSetLogLevel(static_cast<uint32_t>(command.logLevel));
+    if (command.argv.empty()) {
+        result.exit = Usage(err, "no command");
+    } else {
+        const std::string &name = command.argv[0];
+        const std::vector<std::string> args(command.argv.begin() + 1, command.argv.end());
+        if (name == "apply")
+            result.exit = Apply(args, command.fileText, out, err);
+        else if (name == "check")
+            result.exit = Check(args, command.fileText, out, err);
+        else if (name == "load")
+            result.exit = Load(args, out, err);
+        else if (name == "client")
+            result.exit = Client(args, out, err);
+        else if (name == "rs")
+            result.exit = Rs(args, out, err);
+        else if (name == "status")
+            result.exit = Status(args, out, err);
+        else
+            result.exit = Usage(err, "no such command: " + name);
+    }
+    KQ_HostSetLogLevel(savedLevel);
+    result.out = out.str();
+    result.err = err.str();
+    return result;
+}
+
+std::string CommandFileArgument(const std::vector<std::string> &argv)
+{
+    if (argv.empty() || (argv[0] != "apply" && argv[0] != "check"))
+        return "";
+    return FileArgument(std::vector<std::string>(argv.begin() + 1, argv.end()));
+}
+
+}  // namespace kqagent

@@ -1,0 +1,170 @@
+#include "kqAgentDesired.h"
+
+#include <errno.h>
+#include <json-c/json.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "kqHost.h"
+
+namespace kqagent {
+
+namespace {
+
+using JsonPtr = std::unique_ptr<json_object, int (*)(json_object *)>;
+
+std::string Plain(json_object *object)
+{
+    return json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+}
+
+// An entry through the same checks as a request file, so that what the module gets at
+// start-up is exactly what it accepted before.
+DesiredEntry ReadEntry(json_object *item, size_t index)
+{
+    DesiredEntry entry;
+    entry.itemJson = Plain(item);
+    json_object *name = nullptr;
+    if (json_object_is_type(item, json_type_object) && json_object_object_get_ex(item, "ifname", &name) &&
+        json_object_is_type(name, json_type_string))
+        entry.ifname = json_object_get_string(name);
+    ParsedRequests parsed = ParseRequests("{\"requests\":[{\"op\":\"add\",\"item\":" + entry.itemJson + "}]}");
+    if (!parsed.Ok()) {
+        // "request 0: item.x: why" -> "interfaces[i].x: why"
+        std::string where = parsed.error;
+        const std::string prefix = "request 0: item";
+        if (where.compare(0, prefix.size(), prefix) == 0)
+            where = where.substr(prefix.size());
+        entry.problem = "interfaces[" + std::to_string(index) + "]" + (where.empty() || where[0] != '.' ? ": " : "") + where;
+        return entry;
+    }
+    entry.request = std::move(parsed.requests[0]);
+    return entry;
+}
+
+}  // namespace
+
+std::string ItemJson(const Request &request)
+{
+    JsonPtr whole(json_tokener_parse(request.Json().c_str()), json_object_put);
+    json_object *item = nullptr;
+    if (!whole || !json_object_object_get_ex(whole.get(), "item", &item))
+        return "{}";
+    return Plain(item);
+}
+
+bool DesiredState::Load()
+{
+    problem_.clear();
+    entries_.clear();
+    std::ifstream in(path_, std::ios::binary);
+    if (!in) {
+        if (errno == ENOENT)
+            return true;  // nothing accepted yet
+        problem_ = path_ + ": cannot be read: " + strerror(errno);
+        return false;
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (in.bad()) {
+        problem_ = path_ + ": cannot be read: " + strerror(errno);
+        return false;
+    }
+    json_tokener *tokener = json_tokener_new();
+    const std::string body = text.str();
+    JsonPtr root(json_tokener_parse_ex(tokener, body.c_str(), static_cast<int>(body.size()) + 1), json_object_put);
+    const json_tokener_error status = json_tokener_get_error(tokener);
+    json_tokener_free(tokener);
+    json_object *items = nullptr;
+    if (!root || status != json_tokener_success) {
+        problem_ = path_ + ": not valid JSON (" +
+                   std::string(status != json_tokener_success ? json_tokener_error_desc(status) : "empty document") + ")";
+        return false;
+    }
+    if (!json_object_object_get_ex(root.get(), "interfaces", &items) || !json_object_is_type(items, json_type_array)) {
+        problem_ = path_ + ": not a desired-state document (no \"interfaces\" array)";
+        return false;
+    }
+    for (size_t i = 0; i < json_object_array_length(items); ++i) {
+        DesiredEntry entry = ReadEntry(json_object_array_get_idx(items, i), i);
+        if (entry.request && Find(entry.ifname) != nullptr)
+            entry = DesiredEntry{entry.ifname, entry.itemJson, std::nullopt,
+                                 "interfaces[" + std::to_string(i) + "]: " + entry.ifname + " is listed twice"};
+        entries_.push_back(std::move(entry));
+    }
+    return true;
+}
+
+const DesiredEntry *DesiredState::Find(const std::string &ifname) const
+{
+    for (const auto &entry : entries_)
+        if (entry.request && entry.ifname == ifname)
+            return &entry;
+    return nullptr;
+}
+
+bool DesiredState::Lists(const std::string &ifname) const
+{
+    for (const auto &entry : entries_)
+        if (entry.ifname == ifname)
+            return true;
+    return false;
+}
+
+int DesiredState::RecordAdd(const Request &request)
+{
+    if (Broken())
+        return -EIO;
+    // The accepted request replaces the interface's entry in place, also one that could not
+    // be read: the module now runs what this request says.
+    DesiredEntry entry{request.Item().ifname, ItemJson(request), request, ""};
+    std::vector<DesiredEntry> next;
+    bool placed = false;
+    for (const auto &current : entries_) {
+        if (current.ifname != entry.ifname)
+            next.push_back(current);
+        else if (!placed)
+            next.push_back(entry);
+        placed = placed || current.ifname == entry.ifname;
+    }
+    if (!placed)
+        next.push_back(entry);
+    const int result = Save(next);
+    if (result == 0)
+        entries_ = std::move(next);
+    return result;
+}
+
+int DesiredState::RecordDelete(const std::string &ifname)
+{
+    if (Broken())
+        return -EIO;
+    std::vector<DesiredEntry> next;
+    for (const auto &entry : entries_)
+        if (entry.ifname != ifname)
+            next.push_back(entry);
+    if (next.size() == entries_.size())
+        return 0;
+    const int result = Save(next);
+    if (result == 0)
+        entries_ = std::move(next);
+    return result;
+}
+
+int DesiredState::Save(const std::vector<DesiredEntry> &entries)
+{
+    // One item per line: readable, and a diff shows which interface changed. Entries that
+    // could not be read are kept as they were.
+    std::string text = "{\"interfaces\":[";
+    for (size_t i = 0; i < entries.size(); ++i)
+        text += std::string(i == 0 ? "\n  " : ",\n  ") + entries[i].itemJson;
+    text += "\n]}\n";
+    const int32_t written = KQ_WriteSyncWithFilePath(path_.c_str(), text.c_str(), text.size());
+    return written < 0 ? static_cast<int>(written) : 0;
+}
+
+}  // namespace kqagent
