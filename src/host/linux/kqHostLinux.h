@@ -18,11 +18,17 @@
  *   "kqagent: <text>"; with "logTo" "syslog" it goes to syslog (ident "kqagent", priority
  *   debug/info/warning/err for levels 1..4). The flex-log text is per thread.
  *
- * Files: KQ_WriteSyncWithFilePath and KQ_FileCopy create missing parent folders (0755),
- *   write "<folder>/.<name>.XXXXXX", fsync it, give it the mode of the file it replaces
- *   (0644 for a new one), rename it over the target and fsync the folder. A failure
- *   removes the temporary file and leaves the target as it was. KQ_AllocAndGetConf
- *   refuses (null) anything but a regular file of at most 16 MiB.
+ * Files: KQ_WriteSyncWithFilePath, KQ_FileCopy and KQ_HostWriteFile create missing parent
+ *   folders (0755), write an unnamed temporary file in the target's folder (O_TMPFILE;
+ *   where the filesystem lacks it, "<folder>/.<name>.kqtmp.XXXXXX"), give it the mode of
+ *   the file it replaces (0644 for a new one), link it as "<folder>/.<name>.kqtmp.XXXXXX"
+ *   and rename that over the target. A durable write also fsyncs the file before the
+ *   rename and the folder after it; KQ_WriteSyncWithFilePath and KQ_FileCopy are durable
+ *   for the paths of KQ_AgentPathDhcpConf and KQ_AgentPathDhcpConfbak only. A failure
+ *   removes the temporary file and leaves the target as it was. The first write into a
+ *   folder removes the ".*.kqtmp.XXXXXX" files that a writer killed between link and
+ *   rename left there. KQ_AllocAndGetConf refuses (null) anything but a regular file of at
+ *   most 16 MiB.
  *
  * Commands (KQ_CmdExec, KQ_RTCSystem): the line is split at spaces, tabs and newlines
  *   into argv (no quoting, no shell) and started with posix_spawn; a program name without
@@ -93,6 +99,11 @@ KQ_ERR_T KQ_HostLanAt(size_t Index, KQ_CONF_LAN *Lan);
 /* The network-namespace name of a VPN id into Buf: returns its length, -EOVERFLOW when it
  * does not fit (Buf then ""), -EINVAL for VPN id 0 (the agent's own namespace). */
 KQ_ERR_T KQ_HostNetnsName(uint32_t VpnId, char *Buf, size_t Size);
+
+/* Replaces Path with Len bytes of Data as KQ_WriteSyncWithFilePath does; Durable non-zero:
+ * synced with its folder before this returns (for a file a power cut must not take, such as
+ * the agent's own state), zero: atomic, not synced. */
+KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int Durable);
 
 /* The lowest level written (1..4), and a way to change it until the next reload (values
  * outside 1..4 are ignored). */
