@@ -190,9 +190,13 @@ int NameTemp(int fd, std::string &temp)
     return -EEXIST;
 }
 
-// Replaces path with what fill writes into a fresh temporary file; durable: synced with
-// its folder before this returns.
-int ReplaceFile(const char *path, bool durable, const std::function<int(int fd)> &fill)
+// How much of a replacement is on disk when it returns: nothing forced; the new file's
+// text (synced before the rename, so the rename never lands before the text it names);
+// or that and the rename too (the folder synced).
+enum class Sync { None, Text, Full };
+
+// Replaces path with what fill writes into a fresh temporary file.
+int ReplaceFile(const char *path, Sync sync, const std::function<int(int fd)> &fill)
 {
     if (path == nullptr || path[0] == '\0')
         return -EINVAL;
@@ -217,7 +221,7 @@ int ReplaceFile(const char *path, bool durable, const std::function<int(int fd)>
     ret = fill(fd.get());
     if (ret == 0 && fchmod(fd.get(), mode) != 0)
         ret = -errno;
-    if (ret == 0 && durable && fsync(fd.get()) != 0)
+    if (ret == 0 && sync != Sync::None && fsync(fd.get()) != 0)
         ret = -errno;
     if (ret == 0 && !named) {
         ret = NameTemp(fd.get(), temp);
@@ -233,18 +237,34 @@ int ReplaceFile(const char *path, bool durable, const std::function<int(int fd)>
             unlink(temp.c_str());
         return ret;
     }
-    return durable ? SyncFolder(folder) : 0;
+    return sync == Sync::Full ? SyncFolder(folder) : 0;
 }
 
 // The files a power cut must not take: dhcp.conf and its backup. Every other file the
-// module writes is derived from them.
-bool IsDurablePath(const char *path)
+// module writes is derived from them. The backup is written first and then copied to
+// dhcp.conf; when both are in one folder, the folder sync of that copy also makes the
+// backup's rename durable, so the backup's own folder sync is left out (a crash before it
+// leaves the old backup whole, next to the old dhcp.conf).
+Sync SyncFor(const char *path)
 {
     if (path == nullptr)
-        return false;
+        return Sync::None;
     const char *conf = KQ_AgentPathDhcpConf();
     const char *bak = KQ_AgentPathDhcpConfbak();
-    return (conf != nullptr && strcmp(path, conf) == 0) || (bak != nullptr && strcmp(path, bak) == 0);
+    if (conf != nullptr && strcmp(path, conf) == 0)
+        return Sync::Full;
+    if (bak == nullptr || strcmp(path, bak) != 0)
+        return Sync::None;
+    return conf != nullptr && FolderOf(conf) == FolderOf(bak) ? Sync::Text : Sync::Full;
+}
+
+int WriteText(const char *path, const char *data, size_t len, Sync sync) noexcept
+try {
+    if (data == nullptr && len != 0)
+        return -EINVAL;
+    return ReplaceFile(path, sync, [&](int fd) { return WriteAll(fd, data, len); });
+} catch (const std::bad_alloc &) {
+    return -ENOMEM;
 }
 
 }  // namespace
@@ -289,20 +309,12 @@ extern "C" {
 
 int32_t KQ_WriteSyncWithFilePath(const char *Path, const char *Data, size_t Len)
 {
-    if (Data == nullptr && Len != 0)
-        return -EINVAL;
-    return KQ_HostWriteFile(Path, Data, Len, IsDurablePath(Path));
+    return WriteText(Path, Data, Len, SyncFor(Path));
 }
 
 KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int Durable)
 {
-    if (Data == nullptr && Len != 0)
-        return -EINVAL;
-    try {
-        return ReplaceFile(Path, Durable != 0, [&](int fd) { return WriteAll(fd, Data, Len); });
-    } catch (const std::bad_alloc &) {
-        return -ENOMEM;
-    }
+    return WriteText(Path, Data, Len, Durable != 0 ? Sync::Full : Sync::None);
 }
 
 KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
@@ -317,7 +329,7 @@ KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
         return -errno;
     if (!S_ISREG(st.st_mode))
         return S_ISDIR(st.st_mode) ? -EISDIR : -EINVAL;
-    return ReplaceFile(To, IsDurablePath(To), [&](int fd) {
+    return ReplaceFile(To, SyncFor(To), [&](int fd) {
         char chunk[65536];
         for (;;) {
             ssize_t n = read(source.get(), chunk, sizeof(chunk));

@@ -23,8 +23,10 @@
  *   where the filesystem lacks it, "<folder>/.<name>.kqtmp.XXXXXX"), give it the mode of
  *   the file it replaces (0644 for a new one), link it as "<folder>/.<name>.kqtmp.XXXXXX"
  *   and rename that over the target. A durable write also fsyncs the file before the
- *   rename and the folder after it; KQ_WriteSyncWithFilePath and KQ_FileCopy are durable
- *   for the paths of KQ_AgentPathDhcpConf and KQ_AgentPathDhcpConfbak only. A failure
+ *   rename and the folder after it. KQ_WriteSyncWithFilePath and KQ_FileCopy are durable
+ *   for the path of KQ_AgentPathDhcpConf, and for that of KQ_AgentPathDhcpConfbak, whose
+ *   folder is left to the next write of dhcp.conf when both share one; other paths are
+ *   not synced. A failure
  *   removes the temporary file and leaves the target as it was. The first write into a
  *   folder removes the ".*.kqtmp.XXXXXX" files that a writer killed between link and
  *   rename left there. KQ_AllocAndGetConf refuses (null) anything but a regular file of at
