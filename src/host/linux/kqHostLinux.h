@@ -34,15 +34,23 @@
  *
  * Commands (KQ_CmdExec, KQ_RTCSystem): the line is split at spaces, tabs and newlines
  *   into argv (no quoting, no shell) and started with posix_spawn; a program name without
- *   '/' is looked up in PATH, then in /usr/sbin:/sbin:/usr/bin:/bin. The child gets
- *   /dev/null as stdin, default signal dispositions, an empty signal mask and no file
- *   descriptors above 2. Results: 0 when it exits with status 0; -EINVAL for an empty
- *   line; -errno when it cannot be started (-ENOENT: no such program); -EIO when it exits
- *   non-zero or dies by a signal; -ECHILD when it cannot be waited for (SIGCHLD ignored).
+ *   '/' is looked up in PATH, then in /usr/sbin:/sbin:/usr/bin:/bin. A line that starts
+ *   with the namespace prefix "ip netns exec <name> " runs the rest as `ip netns exec`
+ *   would, without starting `ip`: the child enters /run/netns/<name>, takes a mount
+ *   namespace of its own with a fresh /sys and the entries of /etc/netns/<name> bound over
+ *   those of /etc, then execs. The child gets /dev/null as stdin, default signal
+ *   dispositions, an empty signal mask, no file descriptors above 2 and an environment of
+ *   PATH alone (the agent's, else the list above). Results: 0 when it exits with status 0;
+ *   -EINVAL for an empty line; -errno when it cannot be started (-ENOENT: no such program
+ *   in PATH); -EIO when it exits non-zero or dies by a signal, or when a prefixed line's
+ *   namespace cannot be entered or its program not executed (as from `ip`, which exits
+ *   255 then; the reason is logged); -ECHILD when it cannot be waited for (SIGCHLD ignored).
  *
  * KQ_KillPid: -EINVAL for pid <= 0 (never a process group), -ESRCH (-3) when there is no
  *   such process, otherwise SIGTERM, up to 2 s for it to go (reaped when it is our child),
- *   then SIGKILL and up to 1 s more; 0 once it is gone, -ETIMEDOUT if it still is not.
+ *   then SIGKILL and up to 1 s more; 0 once it is gone, -ETIMEDOUT if it still is not. The
+ *   wait ends when the process exits (pidfd_open and poll; every 10 ms where the kernel
+ *   has no pidfd_open).
  *
  * KQ_IsPIDCorrectInPIDFile (Pid, IfName, DynamicStr): TRUE only when /proc/<pid>/cmdline
  *   has argv[0] with basename "dhclient", an argument equal to IfName, and for DynamicStr

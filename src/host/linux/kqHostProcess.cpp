@@ -244,8 +244,9 @@ int StartInNetns(const char *caller, const std::string &netns, const std::string
         return 0;  // exec closed the pipe: the program runs
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
-    kqhost::Log(3, "%s: cannot %s %s: %s\n", caller, kChildSteps[failure.step],
-                failure.step == 5 ? program.c_str() : netns.c_str(), strerror(failure.err));
+    const int step = failure.step >= 0 && failure.step < 6 ? failure.step : 5;
+    kqhost::Log(3, "%s: cannot %s %s: %s\n", caller, kChildSteps[step], step == 5 ? program.c_str() : netns.c_str(),
+                strerror(failure.err));
     return -EIO;
 }
 
