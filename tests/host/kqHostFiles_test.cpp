@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,6 +65,10 @@ TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndLeaveNoTemporaries)
     EXPECT_EQ(Mode(conf), 0600u) << "the replaced file's mode is kept";
     ASSERT_EQ(KQ_WriteSyncWithFilePath(conf.c_str(), "", 0), 0);
     EXPECT_EQ(Slurp(conf), "");
+    for (const char *text : {"same size A", "same size A", "same size B", "same size"}) {  // unchanged: left alone
+        ASSERT_EQ(KQ_WriteSyncWithFilePath(bak.c_str(), text, strlen(text)), 0);
+        EXPECT_EQ(Slurp(bak), text);
+    }
     EXPECT_EQ(Names(dir.path + "/agent"), (std::set<std::string>{"dhcp.conf", "dhcp.conf.bak"}));
 
     // Failures leave the target as it was and no temporary behind.

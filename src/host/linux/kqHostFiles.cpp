@@ -258,10 +258,35 @@ Sync SyncFor(const char *path)
     return conf != nullptr && FolderOf(conf) == FolderOf(bak) ? Sync::Text : Sync::Full;
 }
 
+// True when path already is a regular file holding exactly len bytes of data.
+bool HoldsAlready(const char *path, const char *data, size_t len)
+{
+    Fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    struct stat st;
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) != len)
+        return false;
+    char chunk[4096];
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = read(fd.get(), chunk, sizeof(chunk));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0 || static_cast<size_t>(n) > len - done || memcmp(chunk, data + done, static_cast<size_t>(n)) != 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
 int WriteText(const char *path, const char *data, size_t len, Sync sync) noexcept
 try {
     if (data == nullptr && len != 0)
         return -EINVAL;
+    // A derived file that is already what it should be (the dnsmasq files at a restart) is
+    // left alone: creating and renaming a file costs the filesystem far more than reading
+    // it. Durable files are always written, so that they are synced whatever wrote them.
+    if (sync == Sync::None && path != nullptr && len > 0 && HoldsAlready(path, data, len))
+        return 0;
     return ReplaceFile(path, sync, [&](int fd) { return WriteAll(fd, data, len); });
 } catch (const std::bad_alloc &) {
     return -ENOMEM;

@@ -26,7 +26,8 @@
  *   rename and the folder after it. KQ_WriteSyncWithFilePath and KQ_FileCopy are durable
  *   for the path of KQ_AgentPathDhcpConf, and for that of KQ_AgentPathDhcpConfbak, whose
  *   folder is left to the next write of dhcp.conf when both share one; other paths are
- *   not synced. A failure
+ *   not synced, and a write that would not change such a file (same bytes, a regular
+ *   file, not empty) leaves it as it is. A failure
  *   removes the temporary file and leaves the target as it was. The first write into a
  *   folder removes the ".*.kqtmp.XXXXXX" files that a writer killed between link and
  *   rename left there. KQ_AllocAndGetConf refuses (null) anything but a regular file of at
