@@ -1,8 +1,11 @@
 // Atomic file replacement, copying and whole-file reading of the reference host.
 #include <dirent.h>
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -62,6 +65,10 @@ TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndLeaveNoTemporaries)
     EXPECT_EQ(Mode(conf), 0600u) << "the replaced file's mode is kept";
     ASSERT_EQ(KQ_WriteSyncWithFilePath(conf.c_str(), "", 0), 0);
     EXPECT_EQ(Slurp(conf), "");
+    for (const char *text : {"same size A", "same size A", "same size B", "same size"}) {  // unchanged: left alone
+        ASSERT_EQ(KQ_WriteSyncWithFilePath(bak.c_str(), text, strlen(text)), 0);
+        EXPECT_EQ(Slurp(bak), text);
+    }
     EXPECT_EQ(Names(dir.path + "/agent"), (std::set<std::string>{"dhcp.conf", "dhcp.conf.bak"}));
 
     // Failures leave the target as it was and no temporary behind.
@@ -78,27 +85,42 @@ TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndLeaveNoTemporaries)
     EXPECT_EQ(Names(dir.path + "/agent"), (std::set<std::string>{"dhcp.conf", "dhcp.conf.bak"}));
 }
 
-// What a killed writer left for a target goes with the next write of that target; the
-// temporaries of other targets and look-alike names stay.
-TEST(HostFiles, WriteRemovesStaleTemporariesOfItsTarget)
+// A writer killed half-way leaves nothing behind (the temporary has no name while it is
+// written); what one killed between naming and renaming left goes with the first write into
+// that folder, whatever its target; look-alike names stay.
+TEST(HostFiles, KilledWritesLeaveNothingAndStaleTemporariesGoAtFirstWrite)
 {
     TempDir dir;
-    const std::string conf = dir.path + "/dhcp.conf";
-    const std::set<std::string> kept = {".dhcp.conf.bak.Ab12Cd", ".dhcp.conf.short", ".dhcp.conf.x-y_z!",
-                                        ".dhcp.conf.Ab12Cd7", "dhcp.conf.Ab12Cd"};
+    const std::string big = dir.path + "/big";
+    pid_t writer = fork();
+    if (writer == 0) {
+        std::string text(32 << 20, 'x');
+        for (;;)
+            KQ_HostWriteFile(big.c_str(), text.data(), text.size(), 1);
+    }
+    ASSERT_GT(writer, 0);
+    for (int i = 0; i < 1000 && access(big.c_str(), F_OK) != 0; ++i)  // killed in a later write
+        usleep(10 * 1000);
+    usleep(50 * 1000);
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    std::set<std::string> left = Names(dir.path);
+    left.erase("big");
+    EXPECT_TRUE(left.empty()) << *left.begin();
+
+    const std::string conf = dir.path + "/sub/dhcp.conf";
+    ASSERT_EQ(mkdir((dir.path + "/sub").c_str(), 0755), 0);
+    const std::set<std::string> kept = {".dhcp.conf.Ab12Cd", ".dhcp.conf.kqtmp.short", ".dhcp.conf.kqtmp.x-y_z!",
+                                        ".dhcp.conf.kqtmp.Ab12Cd7", "dhcp.conf.kqtmp.Ab12Cd"};
     for (const std::string &name : kept)
-        std::ofstream(dir.path + "/" + name) << "kept";
-    for (const char *stale : {".dhcp.conf.Ab12Cd", ".dhcp.conf.zzzzzz"})
-        std::ofstream(dir.path + "/" + stale) << "half";
+        std::ofstream(dir.path + "/sub/" + name) << "kept";
+    for (const char *stale : {".dhcp.conf.kqtmp.Ab12Cd", ".vyr_dhcpd_lan1.conf.kqtmp.zzzzzz"})
+        std::ofstream(dir.path + "/sub/" + stale) << "half";
 
     ASSERT_EQ(KQ_WriteSyncWithFilePath(conf.c_str(), "new", 3), 0);
     std::set<std::string> expected = kept;
     expected.insert("dhcp.conf");
-    EXPECT_EQ(Names(dir.path), expected);
-
-    std::ofstream(dir.path + "/.dhcp.conf.Q9w8E7") << "half";
-    ASSERT_EQ(KQ_FileCopy(conf.c_str(), conf.c_str()), 0);
-    EXPECT_EQ(Names(dir.path), expected);
+    EXPECT_EQ(Names(dir.path + "/sub"), expected);
     EXPECT_EQ(Slurp(conf), "new");
 }
 

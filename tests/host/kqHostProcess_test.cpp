@@ -1,6 +1,7 @@
 // Command execution without a shell, bounded killing and the dhclient pid check, against
 // real processes.
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -99,6 +100,53 @@ TEST(HostProcess, CommandLineIsSplitAtBlanksAndNeverSeenByAShell)
         EXPECT_EQ(KQ_RTCSystem(c.line), c.result) << c.line;
     }
     EXPECT_EQ(KQ_RTCSystem(nullptr), -EINVAL);
+}
+
+// A line with the host's zone prefix runs in that zone as `ip netns exec` would run it (its
+// network namespace, its /etc/netns files over /etc); any child gets only PATH of our
+// environment and no descriptor of ours.
+TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
+{
+    TempDir dir;
+    ASSERT_EQ(system("ip netns add kqpz && mkdir -p /etc/netns/kqpz && echo 'zone hosts' > /etc/netns/kqpz/hosts"), 0);
+    std::string script = dir.path + "/probe", out = dir.path + "/out";
+    std::ofstream(script) << "#!/bin/sh\nexec > " << out << "\nreadlink /proc/self/ns/net\nhead -n 1 /etc/hosts\n"
+                          << "ls /proc/self/fd | tr '\\n' ' '; echo\nreadlink /proc/self/fd/0\n"
+                          << "env | grep -v '^PWD=' | grep -v '^SHLVL=' | grep -v '^_='\n";
+    chmod(script.c_str(), 0755);
+    setenv("KQ_PROBE_SECRET", "ours", 1);
+    int leaked = open("/dev/null", O_RDONLY);  // no O_CLOEXEC: only the host keeps it from children
+    auto nsOf = [](const std::string &path) {
+        struct stat st {};
+        stat(path.c_str(), &st);
+        return "net:[" + std::to_string(st.st_ino) + "]";
+    };
+    const std::string hosts = Slurp("/etc/hosts").substr(0, Slurp("/etc/hosts").find('\n'));
+    struct {
+        std::string prefix, ns, hosts;
+    } cases[] = {{"ip netns exec kqpz ", nsOf("/run/netns/kqpz"), "zone hosts"},
+                 {"", nsOf("/proc/self/ns/net"), hosts}};
+    for (const auto &c : cases) {
+        std::string line = c.prefix + script;
+        ASSERT_EQ(KQ_CmdExec(line.data()), 0) << line;
+        EXPECT_EQ(Slurp(out), c.ns + "\n" + c.hosts + "\n0 1 2 3 \n/dev/null\nPATH=" + getenv("PATH") + "\n")
+            << line;
+    }
+    close(leaked);
+    unsetenv("KQ_PROBE_SECRET");
+
+    struct {
+        const char *line;
+        int result;
+    } failures[] = {
+        {"ip netns exec kqnone /bin/true", -EIO},  // no such zone: as from `ip`, which exits 255
+        {"ip netns exec kqpz /no/such/program", -EIO},
+        {"ip netns exec kqpz /bin/false", -EIO},
+        {"ip netns exec kqpz kq-no-such-program", -ENOENT},
+    };
+    for (const auto &f : failures)
+        EXPECT_EQ(KQ_RTCSystem(f.line), f.result) << f.line;
+    system("ip netns del kqpz; rm -rf /etc/netns/kqpz");
 }
 
 TEST(HostProcess, KillPidTerminatesThenForcesAndRefusesNonsense)

@@ -152,10 +152,10 @@ uint64_t FileHash(const std::string &Path, std::string *Text)
     return Hash(*text);
 }
 
-// Temporaries of one target (".<name>." and six characters) left in Dir.
+// Temporaries of one target (".<name>.kqtmp." and six characters) left in Dir.
 int CountLeftovers(const std::string &Dir, const std::string &Name)
 {
-    const std::string prefix = "." + Name + ".";
+    const std::string prefix = "." + Name + ".kqtmp.";
     int n = 0;
     if (DIR *d = opendir(Dir.c_str())) {
         while (dirent *e = readdir(d))
@@ -233,8 +233,9 @@ TEST(PersistCrash, KilledRewritesLeaveWholeDocuments)
     // Kills must have landed inside rewrites, or the test proved nothing.
     EXPECT_GT(caughtBetween, 0);
     EXPECT_GT(rewritesSeen, kRounds / 2);
-    // Each write clears what killed writes of its target left, so at most the last killed
-    // write of each file can still have its temporary there.
+    // A temporary has a name only between link and rename, and each writer's first write
+    // clears what killed ones left, so at most the last killed write of each file can still
+    // have one there.
     const int confTemps = CountLeftovers(dir.Path(), "dhcp.conf"), bakTemps = CountLeftovers(dir.Path(), "dhcp.conf.bak");
     EXPECT_LE(confTemps, 1);
     EXPECT_LE(bakTemps, 1);

@@ -1,17 +1,23 @@
 // Files of the reference host. A file is replaced, never rewritten in place: the new text
-// goes to a temporary file in the same folder, which is synced and renamed over the
-// target, and the folder is synced too, so a crash at any point leaves either the old or
-// the new file whole.
+// goes to an unnamed temporary file in the target's folder (O_TMPFILE), which is given a
+// name and renamed over the target, so a crash at any point leaves either the old or the
+// new file whole, and a write killed half-way leaves nothing behind. Only the files that
+// must survive a power cut (dhcp.conf, its backup, the agent's own state) are synced,
+// with their folder; the others are rebuilt from them at every start.
 #include <ctype.h>
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
+#include <mutex>
+#include <new>
+#include <set>
 #include <string>
 
 #include "kqHostInternal.h"
@@ -93,33 +99,104 @@ int SyncFolder(const std::string &folder)
     return dir.Close();
 }
 
-constexpr char kTempSuffix[] = "XXXXXX";
-constexpr size_t kTempSuffixLen = sizeof(kTempSuffix) - 1;
+// Temporary names: ".<name>" + kTempMark + six letters or digits. A temporary has a name
+// only between linkat and rename (or, where the filesystem has no O_TMPFILE, for the whole
+// write), so only a writer killed in that moment leaves one.
+constexpr char kTempMark[] = ".kqtmp.";
+constexpr size_t kTempMarkLen = sizeof(kTempMark) - 1;
+constexpr size_t kTempRandomLen = 6;
 
-// Temporary files that an earlier process, killed between mkostemp and rename, left for the
-// same target: "<prefix>" followed by exactly the six characters mkostemp picks. No other
-// target's temporary has that form, since the length fixes the name. The agent writes a file
-// from one thread, so none of them belongs to a write still in progress.
-void RemoveStaleTemps(const std::string &folder, const std::string &prefix)
+bool IsTempName(const char *name)
 {
+    size_t len = strlen(name);
+    if (name[0] != '.' || len < 1 + kTempMarkLen + kTempRandomLen)
+        return false;
+    const char *random = name + len - kTempRandomLen;
+    if (strncmp(random - kTempMarkLen, kTempMark, kTempMarkLen) != 0)
+        return false;
+    for (size_t i = 0; i < kTempRandomLen; ++i)
+        if (!isalnum(static_cast<unsigned char>(random[i])))
+            return false;
+    return true;
+}
+
+// Removes what writers killed in that moment left in folder, once per folder and process:
+// at start-up, not at every write. The agent is the one process that writes these files,
+// so no temporary found here belongs to a write in progress.
+void RemoveStaleTempsOnce(const std::string &folder)
+{
+    static std::mutex lock;
+    static std::set<std::string> cleaned;
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        if (!cleaned.insert(folder).second)
+            return;
+    }
     DIR *dir = opendir(folder.c_str());
     if (dir == nullptr)
         return;  // best effort: the write itself reports what is wrong with the folder
-    while (const dirent *e = readdir(dir)) {
-        const char *n = e->d_name;
-        if (strlen(n) != prefix.size() + kTempSuffixLen || strncmp(n, prefix.c_str(), prefix.size()) != 0)
-            continue;
-        bool random = true;
-        for (size_t i = prefix.size(); n[i] != '\0'; ++i)
-            random = random && isalnum(static_cast<unsigned char>(n[i]));
-        if (random)
-            (void)unlinkat(dirfd(dir), n, 0);
-    }
+    while (const dirent *e = readdir(dir))
+        if (IsTempName(e->d_name))
+            (void)unlinkat(dirfd(dir), e->d_name, 0);
     closedir(dir);
 }
 
+void RandomLetters(char *out, size_t n)
+{
+    static const char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    unsigned char bytes[kTempRandomLen];
+    if (getrandom(bytes, sizeof(bytes), GRND_NONBLOCK) != static_cast<ssize_t>(sizeof(bytes))) {
+        // No entropy yet (early boot): a name clash only costs another attempt.
+        static uint32_t state = static_cast<uint32_t>(getpid()) * 2654435761u | 1u;
+        for (unsigned char &b : bytes) {
+            state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+            b = static_cast<unsigned char>(state);
+        }
+    }
+    for (size_t i = 0; i < n && i < sizeof(bytes); ++i)
+        out[i] = kLetters[bytes[i] % (sizeof(kLetters) - 1)];
+}
+
+// A new temporary file in folder: an unnamed one, or a named one (temp then holds its
+// name) where the filesystem cannot make unnamed files.
+int OpenTemp(const std::string &folder, std::string &temp, bool &named)
+{
+    int fd = open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        named = false;
+        return fd;
+    }
+    if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)
+        return -errno;
+    temp.replace(temp.size() - kTempRandomLen, kTempRandomLen, kTempRandomLen, 'X');
+    fd = mkostemp(temp.data(), O_CLOEXEC);
+    if (fd < 0)
+        return -errno;
+    named = true;
+    return fd;
+}
+
+// Gives the unnamed file fd a free temporary name (temp), ready to be renamed.
+int NameTemp(int fd, std::string &temp)
+{
+    std::string self = "/proc/self/fd/" + std::to_string(fd);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        RandomLetters(&temp[temp.size() - kTempRandomLen], kTempRandomLen);
+        if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, temp.c_str(), AT_SYMLINK_FOLLOW) == 0)
+            return 0;
+        if (errno != EEXIST)
+            return -errno;
+    }
+    return -EEXIST;
+}
+
+// How much of a replacement is on disk when it returns: nothing forced; the new file's
+// text (synced before the rename, so the rename never lands before the text it names);
+// or that and the rename too (the folder synced).
+enum class Sync { None, Text, Full };
+
 // Replaces path with what fill writes into a fresh temporary file.
-int ReplaceFile(const char *path, const std::function<int(int fd)> &fill)
+int ReplaceFile(const char *path, Sync sync, const std::function<int(int fd)> &fill)
 {
     if (path == nullptr || path[0] == '\0')
         return -EINVAL;
@@ -130,32 +207,89 @@ int ReplaceFile(const char *path, const std::function<int(int fd)> &fill)
     int ret = MakeFolders(folder);
     if (ret < 0)
         return ret;
+    RemoveStaleTempsOnce(folder);
 
     std::string name = target.substr(target.rfind('/') == std::string::npos ? 0 : target.rfind('/') + 1);
-    const std::string tempPrefix = "." + name + ".";
-    RemoveStaleTemps(folder, tempPrefix);
-    std::string temp = (folder == "/" ? "" : folder) + "/" + tempPrefix + kTempSuffix;
-    Fd fd(mkostemp(temp.data(), O_CLOEXEC));
+    std::string temp = (folder == "/" ? "" : folder) + "/." + name + kTempMark + std::string(kTempRandomLen, 'X');
+    bool named = false;
+    Fd fd(OpenTemp(folder, temp, named));
     if (fd.get() < 0)
-        return -errno;
+        return fd.get();
 
     struct stat old;
     mode_t mode = stat(path, &old) == 0 && S_ISREG(old.st_mode) ? (old.st_mode & 07777) : 0644;
     ret = fill(fd.get());
     if (ret == 0 && fchmod(fd.get(), mode) != 0)
         ret = -errno;
-    if (ret == 0 && fsync(fd.get()) != 0)
+    if (ret == 0 && sync != Sync::None && fsync(fd.get()) != 0)
         ret = -errno;
+    if (ret == 0 && !named) {
+        ret = NameTemp(fd.get(), temp);
+        named = ret == 0;
+    }
     int closed = fd.Close();
     if (ret == 0)
         ret = closed;
     if (ret == 0 && rename(temp.c_str(), path) != 0)
         ret = -errno;
     if (ret < 0) {
-        unlink(temp.c_str());
+        if (named)
+            unlink(temp.c_str());
         return ret;
     }
-    return SyncFolder(folder);
+    return sync == Sync::Full ? SyncFolder(folder) : 0;
+}
+
+// The files a power cut must not take: dhcp.conf and its backup. Every other file the
+// module writes is derived from them. The backup is written first and then copied to
+// dhcp.conf; when both are in one folder, the folder sync of that copy also makes the
+// backup's rename durable, so the backup's own folder sync is left out (a crash before it
+// leaves the old backup whole, next to the old dhcp.conf).
+Sync SyncFor(const char *path)
+{
+    if (path == nullptr)
+        return Sync::None;
+    const char *conf = KQ_AgentPathDhcpConf();
+    const char *bak = KQ_AgentPathDhcpConfbak();
+    if (conf != nullptr && strcmp(path, conf) == 0)
+        return Sync::Full;
+    if (bak == nullptr || strcmp(path, bak) != 0)
+        return Sync::None;
+    return conf != nullptr && FolderOf(conf) == FolderOf(bak) ? Sync::Text : Sync::Full;
+}
+
+// True when path already is a regular file holding exactly len bytes of data.
+bool HoldsAlready(const char *path, const char *data, size_t len)
+{
+    Fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    struct stat st;
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) != len)
+        return false;
+    char chunk[4096];
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = read(fd.get(), chunk, sizeof(chunk));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0 || static_cast<size_t>(n) > len - done || memcmp(chunk, data + done, static_cast<size_t>(n)) != 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+int WriteText(const char *path, const char *data, size_t len, Sync sync) noexcept
+try {
+    if (data == nullptr && len != 0)
+        return -EINVAL;
+    // A derived file that is already what it should be (the dnsmasq files at a restart) is
+    // left alone: creating and renaming a file costs the filesystem far more than reading
+    // it. Durable files are always written, so that they are synced whatever wrote them.
+    if (sync == Sync::None && path != nullptr && len > 0 && HoldsAlready(path, data, len))
+        return 0;
+    return ReplaceFile(path, sync, [&](int fd) { return WriteAll(fd, data, len); });
+} catch (const std::bad_alloc &) {
+    return -ENOMEM;
 }
 
 }  // namespace
@@ -200,9 +334,12 @@ extern "C" {
 
 int32_t KQ_WriteSyncWithFilePath(const char *Path, const char *Data, size_t Len)
 {
-    if (Data == nullptr && Len != 0)
-        return -EINVAL;
-    return ReplaceFile(Path, [&](int fd) { return WriteAll(fd, Data, Len); });
+    return WriteText(Path, Data, Len, SyncFor(Path));
+}
+
+KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int Durable)
+{
+    return WriteText(Path, Data, Len, Durable != 0 ? Sync::Full : Sync::None);
 }
 
 KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
@@ -217,7 +354,7 @@ KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
         return -errno;
     if (!S_ISREG(st.st_mode))
         return S_ISDIR(st.st_mode) ? -EISDIR : -EINVAL;
-    return ReplaceFile(To, [&](int fd) {
+    return ReplaceFile(To, SyncFor(To), [&](int fd) {
         char chunk[65536];
         for (;;) {
             ssize_t n = read(source.get(), chunk, sizeof(chunk));

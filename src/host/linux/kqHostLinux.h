@@ -18,23 +18,40 @@
  *   "kqagent: <text>"; with "logTo" "syslog" it goes to syslog (ident "kqagent", priority
  *   debug/info/warning/err for levels 1..4). The flex-log text is per thread.
  *
- * Files: KQ_WriteSyncWithFilePath and KQ_FileCopy create missing parent folders (0755),
- *   write "<folder>/.<name>.XXXXXX", fsync it, give it the mode of the file it replaces
- *   (0644 for a new one), rename it over the target and fsync the folder. A failure
- *   removes the temporary file and leaves the target as it was. KQ_AllocAndGetConf
- *   refuses (null) anything but a regular file of at most 16 MiB.
+ * Files: KQ_WriteSyncWithFilePath, KQ_FileCopy and KQ_HostWriteFile create missing parent
+ *   folders (0755), write an unnamed temporary file in the target's folder (O_TMPFILE;
+ *   where the filesystem lacks it, "<folder>/.<name>.kqtmp.XXXXXX"), give it the mode of
+ *   the file it replaces (0644 for a new one), link it as "<folder>/.<name>.kqtmp.XXXXXX"
+ *   and rename that over the target. A durable write also fsyncs the file before the
+ *   rename and the folder after it. KQ_WriteSyncWithFilePath and KQ_FileCopy are durable
+ *   for the path of KQ_AgentPathDhcpConf, and for that of KQ_AgentPathDhcpConfbak, whose
+ *   folder is left to the next write of dhcp.conf when both share one; other paths are
+ *   not synced, and a write that would not change such a file (same bytes, a regular
+ *   file, not empty) leaves it as it is. A failure
+ *   removes the temporary file and leaves the target as it was. The first write into a
+ *   folder removes the ".*.kqtmp.XXXXXX" files that a writer killed between link and
+ *   rename left there. KQ_AllocAndGetConf refuses (null) anything but a regular file of at
+ *   most 16 MiB.
  *
  * Commands (KQ_CmdExec, KQ_RTCSystem): the line is split at spaces, tabs and newlines
  *   into argv (no quoting, no shell) and started with posix_spawn; a program name without
- *   '/' is looked up in PATH, then in /usr/sbin:/sbin:/usr/bin:/bin. The child gets
- *   /dev/null as stdin, default signal dispositions, an empty signal mask and no file
- *   descriptors above 2. Results: 0 when it exits with status 0; -EINVAL for an empty
- *   line; -errno when it cannot be started (-ENOENT: no such program); -EIO when it exits
- *   non-zero or dies by a signal; -ECHILD when it cannot be waited for (SIGCHLD ignored).
+ *   '/' is looked up in PATH, then in /usr/sbin:/sbin:/usr/bin:/bin. A line that starts
+ *   with the namespace prefix "ip netns exec <name> " runs the rest as `ip netns exec`
+ *   would, without starting `ip`: the child enters /run/netns/<name>, takes a mount
+ *   namespace of its own with a fresh /sys and the entries of /etc/netns/<name> bound over
+ *   those of /etc, then execs. The child gets /dev/null as stdin, default signal
+ *   dispositions, an empty signal mask, no file descriptors above 2 and an environment of
+ *   PATH alone (the agent's, else the list above). Results: 0 when it exits with status 0;
+ *   -EINVAL for an empty line; -errno when it cannot be started (-ENOENT: no such program
+ *   in PATH); -EIO when it exits non-zero or dies by a signal, or when a prefixed line's
+ *   namespace cannot be entered or its program not executed (as from `ip`, which exits
+ *   255 then; the reason is logged); -ECHILD when it cannot be waited for (SIGCHLD ignored).
  *
  * KQ_KillPid: -EINVAL for pid <= 0 (never a process group), -ESRCH (-3) when there is no
  *   such process, otherwise SIGTERM, up to 2 s for it to go (reaped when it is our child),
- *   then SIGKILL and up to 1 s more; 0 once it is gone, -ETIMEDOUT if it still is not.
+ *   then SIGKILL and up to 1 s more; 0 once it is gone, -ETIMEDOUT if it still is not. The
+ *   wait ends when the process exits (pidfd_open and poll; every 10 ms where the kernel
+ *   has no pidfd_open).
  *
  * KQ_IsPIDCorrectInPIDFile (Pid, IfName, DynamicStr): TRUE only when /proc/<pid>/cmdline
  *   has argv[0] with basename "dhclient", an argument equal to IfName, and for DynamicStr
@@ -99,6 +116,11 @@ KQ_ERR_T KQ_HostLanAt(size_t Index, KQ_CONF_LAN *Lan);
 /* The network-namespace name of a VPN id into Buf: returns its length, -EOVERFLOW when it
  * does not fit (Buf then ""), -EINVAL for VPN id 0 (the agent's own namespace). */
 KQ_ERR_T KQ_HostNetnsName(uint32_t VpnId, char *Buf, size_t Size);
+
+/* Replaces Path with Len bytes of Data as KQ_WriteSyncWithFilePath does; Durable non-zero:
+ * synced with its folder before this returns (for a file a power cut must not take, such as
+ * the agent's own state), zero: atomic, not synced. */
+KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int Durable);
 
 /* The lowest level written (1..4), and a way to change it until the next reload (values
  * outside 1..4 are ignored). */

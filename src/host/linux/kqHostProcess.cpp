@@ -1,12 +1,19 @@
 // Processes of the reference host: command lines run without a shell, bounded killing,
 // and the check that a pid from a dhclient pid file still is that dhclient.
+#include <dirent.h>
 #include <errno.h>
+#include <sched.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <poll.h>
+#include <pthread.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -15,11 +22,10 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "kqHostInternal.h"
-
-extern char **environ;
 
 namespace {
 
@@ -91,6 +97,159 @@ public:
     posix_spawnattr_t attr;
 };
 
+// What a child gets as its environment: the search path and nothing else of the agent's,
+// so no variable of ours reaches the daemons it leaves behind.
+struct ChildEnv {
+    ChildEnv()
+    {
+        const char *path = getenv("PATH");
+        pathVar = std::string("PATH=") + (path != nullptr && path[0] != '\0' ? path : kFallbackPath);
+        envp[0] = pathVar.data();
+    }
+    std::string pathVar;
+    char *envp[2] = {nullptr, nullptr};
+};
+
+// The child starts clean: stdin from /dev/null, no inherited descriptors beyond the
+// standard three, default signal handling, nothing blocked. Daemons it leaves behind
+// then hold nothing of ours.
+int StartPlain(const std::string &program, char **argv, char **envp, pid_t &pid)
+{
+    SpawnSetup setup;
+    sigset_t all, none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
+    posix_spawnattr_setsigdefault(&setup.attr, &all);
+    posix_spawnattr_setsigmask(&setup.attr, &none);
+    posix_spawnattr_setflags(&setup.attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    return posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv, envp);
+}
+
+// The namespace of a line that starts with the host's own prefix, "ip netns exec <name> ";
+// "" for any other line.
+std::string NetnsOfPrefix(const std::vector<std::string> &words)
+{
+    if (words.size() < 5 || words[0] != "ip" || words[1] != "netns" || words[2] != "exec" ||
+        !kqhost::IsUsableName(words[3]))
+        return "";
+    return words[3];
+}
+
+// Why a child could not get as far as exec: the step and its errno, through a pipe that
+// the exec closes.
+struct ChildFailure {
+    int step;
+    int err;
+};
+const char *const kChildSteps[] = {"open the network namespace", "enter the network namespace",
+                                   "unshare the mount namespace", "make / a slave mount",
+                                   "mount /sys", "start the program"};
+
+[[noreturn]] void ChildFail(int pipeFd, int step)
+{
+    ChildFailure f = {step, errno};
+    ssize_t ignored = write(pipeFd, &f, sizeof(f));
+    (void)ignored;
+    _exit(127);
+}
+
+// Starts program inside network namespace netns as `ip netns exec` would, without running
+// `ip`: the child enters the namespace, takes a mount namespace of its own with /sys
+// describing the network namespace and the files of /etc/netns/<name> bound over those of
+// /etc, then execs. Half the time of executing `ip` for every start. Between fork and exec
+// the child makes system calls only. A failure the child meets is logged here and -EIO
+// (as from `ip`, which exits 255 then).
+int StartInNetns(const char *caller, const std::string &netns, const std::string &program, char **argv,
+                 char **envp, pid_t &pid)
+{
+    std::vector<std::pair<std::string, std::string>> binds;
+    const std::string etcDir = "/etc/netns/" + netns;
+    if (DIR *dir = opendir(etcDir.c_str())) {
+        while (const dirent *e = readdir(dir))
+            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
+                binds.emplace_back(etcDir + "/" + e->d_name, std::string("/etc/") + e->d_name);
+        closedir(dir);
+    }
+    const std::string nsPath = "/run/netns/" + netns;
+    int nsFd = open(nsPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (nsFd < 0) {
+        kqhost::Log(3, "%s: cannot %s %s: %s\n", caller, kChildSteps[0], netns.c_str(), strerror(errno));
+        return -EIO;
+    }
+    int nullFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int pipeFds[2] = {-1, -1};
+    if (nullFd < 0 || pipe2(pipeFds, O_CLOEXEC) != 0) {
+        int err = errno;
+        close(nsFd);
+        if (nullFd >= 0)
+            close(nullFd);
+        return -err;
+    }
+    struct statvfs sys;
+    const unsigned long sysFlags = statvfs("/sys", &sys) == 0 && (sys.f_flag & ST_RDONLY) ? MS_RDONLY : 0;
+    const long openMax = sysconf(_SC_OPEN_MAX);
+
+    // Signals stay blocked across fork, so no handler of ours runs in the child before it
+    // has put every disposition back to the default.
+    sigset_t all, none, old;
+    sigfillset(&all);
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    pid = fork();
+    if (pid == 0) {
+        struct sigaction dfl = {};
+        dfl.sa_handler = SIG_DFL;
+        for (int sig = 1; sig < NSIG; ++sig)
+            sigaction(sig, &dfl, nullptr);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        if (setns(nsFd, CLONE_NEWNET) != 0)
+            ChildFail(pipeFds[1], 1);
+        if (unshare(CLONE_NEWNS) != 0)
+            ChildFail(pipeFds[1], 2);
+        if (mount("", "/", "none", MS_SLAVE | MS_REC, nullptr) != 0)
+            ChildFail(pipeFds[1], 3);
+        // The /sys of this network namespace; a read-only one cannot be shadowed read-write.
+        unsigned long flags = umount2("/sys", MNT_DETACH) == 0 ? 0 : sysFlags;
+        if (mount(netns.c_str(), "/sys", "sysfs", flags, nullptr) != 0)
+            ChildFail(pipeFds[1], 4);
+        for (const auto &bind : binds)
+            (void)mount(bind.first.c_str(), bind.second.c_str(), "none", MS_BIND, nullptr);  // as ip: best effort
+        if (dup2(nullFd, STDIN_FILENO) < 0 || (pipeFds[1] > 3 && close_range(3, pipeFds[1] - 1, 0) != 0) ||
+            close_range(pipeFds[1] + 1, ~0U, 0) != 0) {
+            for (long fd = 3; fd < openMax; ++fd)
+                if (fd != pipeFds[1])
+                    close(static_cast<int>(fd));
+        }
+        execve(program.c_str(), argv, envp);
+        ChildFail(pipeFds[1], 5);
+    }
+    int forkErr = errno;
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    close(nsFd);
+    close(nullFd);
+    close(pipeFds[1]);
+    if (pid < 0) {
+        close(pipeFds[0]);
+        return -forkErr;
+    }
+    ChildFailure failure = {0, 0};
+    ssize_t got;
+    do
+        got = read(pipeFds[0], &failure, sizeof(failure));
+    while (got < 0 && errno == EINTR);
+    close(pipeFds[0]);
+    if (got <= 0)
+        return 0;  // exec closed the pipe: the program runs
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    const int step = failure.step >= 0 && failure.step < 6 ? failure.step : 5;
+    kqhost::Log(3, "%s: cannot %s %s: %s\n", caller, kChildSteps[step], step == 5 ? program.c_str() : netns.c_str(),
+                strerror(failure.err));
+    return -EIO;
+}
+
 // Runs the line and waits for the process it started.
 int RunCommand(const char *caller, const char *line) noexcept
 try {
@@ -101,32 +260,25 @@ try {
         kqhost::Log(3, "%s: empty command line\n", caller);
         return -EINVAL;
     }
-    std::string program = ResolveProgram(words[0]);
+    const std::string netns = NetnsOfPrefix(words);
+    const size_t first = netns.empty() ? 0 : 4;
+    std::string program = ResolveProgram(words[first]);
     if (program.empty()) {
-        kqhost::Log(3, "%s: %s: program not found\n", caller, words[0].c_str());
+        kqhost::Log(3, "%s: %s: program not found\n", caller, words[first].c_str());
         return -ENOENT;
     }
     std::vector<char *> argv;
-    for (std::string &w : words)
-        argv.push_back(w.data());
+    for (size_t i = first; i < words.size(); ++i)
+        argv.push_back(words[i].data());
     argv.push_back(nullptr);
 
-    // The child starts clean: stdin from /dev/null, no inherited descriptors beyond the
-    // standard three, default signal handling, nothing blocked. Daemons it leaves behind
-    // then hold nothing of ours.
-    SpawnSetup setup;
-    sigset_t all, none;
-    sigfillset(&all);
-    sigemptyset(&none);
-    posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
-    posix_spawnattr_setsigdefault(&setup.attr, &all);
-    posix_spawnattr_setsigmask(&setup.attr, &none);
-    posix_spawnattr_setflags(&setup.attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-
+    ChildEnv env;
     pid_t pid = -1;
-    int err = posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), environ);
-    if (err != 0) {
+    if (!netns.empty()) {
+        int ret = StartInNetns(caller, netns, program, argv.data(), env.envp, pid);
+        if (ret < 0)
+            return ret;
+    } else if (int err = StartPlain(program, argv.data(), env.envp, pid); err != 0) {
         kqhost::Log(3, "%s: cannot start %s: %s\n", caller, program.c_str(), strerror(err));
         return -err;
     }
@@ -166,15 +318,37 @@ bool Gone(pid_t pid)
     return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] == 'Z' && reaped < 0;
 }
 
-bool WaitGone(pid_t pid, std::chrono::steady_clock::duration limit)
+// The old way, for kernels without pidfd_open: look every kPoll.
+bool PollGone(pid_t pid, std::chrono::steady_clock::time_point deadline)
 {
-    auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
         if (Gone(pid))
             return true;
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
         std::this_thread::sleep_for(kPoll);
+    }
+}
+
+// Waits up to limit for pid to go: a pidfd becomes readable the moment the process exits,
+// so a stop costs the process's own exit time, not a polling step.
+bool WaitGone(pid_t pid, std::chrono::steady_clock::duration limit)
+{
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd < 0)
+        return errno == ESRCH ? true : PollGone(pid, deadline);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p = {pidfd, POLLIN, 0};
+        int n = poll(&p, 1, left.count() > 0 ? static_cast<int>(left.count()) + 1 : 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        close(pidfd);
+        if (n < 0)
+            return PollGone(pid, deadline);
+        // Exited, or still there at the deadline; reaped when it is our child.
+        return Gone(pid);
     }
 }
 
