@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "kqHost.h"
+#include "kqHostLinux.h"
 
 namespace kqagent {
 
@@ -163,7 +164,8 @@ int DesiredState::Save(const std::vector<DesiredEntry> &entries)
     for (size_t i = 0; i < entries.size(); ++i)
         text += std::string(i == 0 ? "\n  " : ",\n  ") + entries[i].itemJson;
     text += "\n]}\n";
-    const int32_t written = KQ_WriteSyncWithFilePath(path_.c_str(), text.c_str(), text.size());
+    // Durable: after a power cut this document is the only whole copy of the configuration.
+    const int32_t written = KQ_HostWriteFile(path_.c_str(), text.c_str(), text.size(), 1);
     return written < 0 ? static_cast<int>(written) : 0;
 }
 
