@@ -78,20 +78,39 @@ void ClearRegistry()
     }
 }
 
-KQ_IN6_ADDR Ip6(const char *Text)
+std::vector<std::string> Lines()
 {
-    KQ_IN6_ADDR a{};
-    if (inet_pton(AF_INET6, Text, a.In6.U6Addr8) != 1)
-        abort();
-    return a;
+    std::vector<std::string> out;
+    for (const auto &m : Messages())
+        if (m.rfind("dump flexlog:", 0) != 0)
+            out.push_back(m);
+    return out;
 }
 
-uint32_t Ip4(const char *Text)
+std::vector<std::string> ErrorLines()
 {
-    in_addr a{};
-    if (inet_pton(AF_INET, Text, &a) != 1)
-        abort();
-    return ntohl(a.s_addr);
+    std::vector<std::string> out;
+    for (const auto &l : Host().Logs) {
+        size_t pos = l.Text.find("] ");
+        std::string m = pos == std::string::npos ? l.Text : l.Text.substr(pos + 2);
+        if (l.Level == 4 && m.rfind("dump flexlog:", 0) != 0)
+            out.push_back(m);
+    }
+    return out;
+}
+
+void RemoveModuleFiles()
+{
+    std::remove(Host().DhcpConfPath.c_str());
+    std::remove(Host().DhcpConfBakPath.c_str());
+    std::remove(kqtest::kRelayConfPath);
+    std::remove(kqtest::kRelayPidPath);
+    for (const char *name : {"eth1", "eth2", "eth3", "eth4", "eth5", "eth9", "lan0", "lan1"})
+        for (const char *kind : {"/etc/vyr_dhcpd_%s.conf", "/etc/vyr_dhcpd_%s.leases", "/var/run/vyr_dhcpd_%s.pid"}) {
+            char path[64];
+            snprintf(path, sizeof(path), kind, name);
+            std::remove(path);
+        }
 }
 
 std::optional<std::string> ReadFile(const std::string &Path)

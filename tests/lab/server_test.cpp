@@ -3,14 +3,16 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
-#include "../unit/serverMsg.h"
+#include "kqtest.h"
 #include "kqHostLinux.h"
 #include "labutil.h"
 
 using namespace std::chrono_literals;
-using servermsg::Ip4;
+using kqtest::Ip4;
 
 namespace {
+
+using kqtest::ServerMsg;
 
 const std::string kPidFile = "/var/run/vyr_dhcpd_lan0.pid";
 const std::string kConfFile = "/etc/vyr_dhcpd_lan0.conf";

@@ -18,19 +18,13 @@ const std::string kConf = "/etc/vyr_dhcpd_eth1.conf";
 const std::string kPid = "/var/run/vyr_dhcpd_eth1.pid";
 const std::string kLogLine = "log-facility=/var/log/morvaxel.log\n";
 
-class ServerManager : public ::testing::Test {
+class ServerManager : public fakehost::ModuleTest {
 protected:
     void SetUp() override
     {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
+        ModuleTest::SetUp();
         Host().LogTestDump = false;
         strcpy(Conf.IfName, "eth1");
-    }
-    void TearDown() override
-    {
-        remove(kConf.c_str());
-        remove(kPid.c_str());
     }
     std::string Written() { return fakehost::ReadFile(kConf).value_or("<no file>"); }
 
