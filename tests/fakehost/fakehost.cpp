@@ -70,12 +70,9 @@ std::string Message(size_t Index)
 
 void ClearRegistry()
 {
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    while (head->next != head) {
-        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-            reinterpret_cast<char *>(head->next) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-        _KQCtrl_DeleteDynamicConfListNode(node->DynamicConf.IfName);
-    }
+    // Each delete removes the first node of that name, so a repeated name is named again.
+    for (const std::string &name : kqtest::RegistryNames())
+        _KQCtrl_DeleteDynamicConfListNode(name.c_str());
 }
 
 std::vector<std::string> Lines()
