@@ -7,13 +7,10 @@
 //                                      rs0  198.51.100.1
 //                                       |
 //   server netns "rs-srv"  srv0 198.51.100.2 (lab dnsmasq with the pool of rl1's LAN)
-#include <dirent.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <climits>
-#include <cstring>
 #include <map>
 #include <string>
 
@@ -55,46 +52,6 @@ struct ProcessSweep {
     }
 };
 
-// The live dnsmasq processes in this test's own network namespace, by pid, with their
-// command lines.
-std::map<pid_t, std::string> OwnDnsmasq()
-{
-    std::map<pid_t, std::string> found;
-    char self[PATH_MAX] = {0};
-    if (readlink("/proc/self/ns/net", self, sizeof(self) - 1) < 0)
-        return found;
-    DIR *proc = opendir("/proc");
-    if (proc == nullptr)
-        return found;
-    while (struct dirent *e = readdir(proc)) {
-        pid_t pid = atoi(e->d_name);
-        std::string base = std::string("/proc/") + e->d_name;
-        char ns[PATH_MAX] = {0};
-        if (pid <= 0 || readlink((base + "/ns/net").c_str(), ns, sizeof(ns) - 1) < 0 || strcmp(ns, self) != 0)
-            continue;
-        std::string cmdline = lab::ReadFile(base + "/cmdline").value_or("");
-        for (char &c : cmdline)
-            if (c == '\0')
-                c = ' ';
-        if (cmdline.rfind("/usr/sbin/dnsmasq ", 0) == 0 && lab::ProcessAlive(pid))
-            found[pid] = cmdline;
-    }
-    closedir(proc);
-    return found;
-}
-
-bool WaitV4(const std::string &Ns, const std::string &IfName, const char *First, const char *Last)
-{
-    return lab::WaitFor(
-        [&] {
-            for (const auto &a : lab::Addresses(Ns, IfName))
-                if (a.family == AF_INET && lab::AddrInRange(a.address, First, Last))
-                    return true;
-            return false;
-        },
-        30s);
-}
-
 TEST(RestoreLab, FreshAgentRestartsEveryDnsmasqFromDhcpConf)
 {
     LAB_REQUIRE_PREREQUISITES();
@@ -132,7 +89,7 @@ TEST(RestoreLab, FreshAgentRestartsEveryDnsmasqFromDhcpConf)
     ASSERT_EQ(Agent(dir, "apply " + dir.File("requests.json")), 0) << lab::ReadFile(dir.File("agent.log")).value_or("");
     ASSERT_TRUE(lab::WaitFor([] { return lab::ReadPidFile(kServerPid) && lab::ReadPidFile(kRelayPid); }, 5s));
     const pid_t oldServer = *lab::ReadPidFile(kServerPid), oldRelay = *lab::ReadPidFile(kRelayPid);
-    ASSERT_EQ(OwnDnsmasq().size(), 2u);
+    ASSERT_EQ(lab::OwnDnsmasq().size(), 2u);
     const auto serverConf = lab::ReadFile(kServerConf), relayConf = lab::ReadFile(kRelayConf);
 
     // A fresh agent restores from dhcp.conf: new processes, the old ones gone, one each.
@@ -149,7 +106,7 @@ TEST(RestoreLab, FreshAgentRestartsEveryDnsmasqFromDhcpConf)
         << lab::ReadFile(dir.File("agent.log")).value_or("");
     EXPECT_FALSE(lab::ProcessAlive(oldServer));
     EXPECT_FALSE(lab::ProcessAlive(oldRelay));
-    const std::map<pid_t, std::string> running = OwnDnsmasq();
+    const std::map<pid_t, std::string> running = lab::OwnDnsmasq();
     ASSERT_EQ(running.size(), 2u);
     EXPECT_NE(running.at(*newServer).find(kServerConf), std::string::npos);
     EXPECT_NE(running.at(*newRelay).find(kRelayConf), std::string::npos);
@@ -164,12 +121,12 @@ TEST(RestoreLab, FreshAgentRestartsEveryDnsmasqFromDhcpConf)
     // Clients obtain their addresses from the restored server and through the restored relay.
     {
         lab::Dhclient dh(client.Name(), "c0", lab::Dhclient::Mode::V4, dir);
-        EXPECT_TRUE(WaitV4(client.Name(), "c0", "192.0.2.100", "192.0.2.119"))
+        EXPECT_TRUE(lab::WaitIpv4InRange(client.Name(), "c0", "192.0.2.100", "192.0.2.119"))
             << lab::ReadFile(dh.LogFile()).value_or("") << lab::ReadFile("/var/log/morvaxel.log").value_or("");
     }
     {
         lab::Dhclient dh(relayClient.Name(), "c1", lab::Dhclient::Mode::V4, dir);
-        EXPECT_TRUE(WaitV4(relayClient.Name(), "c1", "203.0.113.100", "203.0.113.150"))
+        EXPECT_TRUE(lab::WaitIpv4InRange(relayClient.Name(), "c1", "203.0.113.100", "203.0.113.150"))
             << lab::ReadFile(dh.LogFile()).value_or("") << "\nremote log:\n" << remote.Log();
     }
 }
