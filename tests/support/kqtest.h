@@ -211,13 +211,14 @@ private:
     std::vector<std::array<uint8_t, 16>> Bytes;
 };
 
-// A relay request.
+// The shared relay's files and the command that starts it.
 inline constexpr char kRelayConfPath[] = "/etc/vyr_dhcpd_relay.conf";
 inline constexpr char kRelayPidPath[] = "/var/run/vyr_dhcpd_relay.pid";
 inline constexpr char kRelayStartCmd[] =
     "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_relay.conf --port=0 "
     "--pid-file=/var/run/vyr_dhcpd_relay.pid -z";
 
+// A relay request (or, with ModeItem, an IPv4 item in another mode without a relay part).
 struct RelayMsg {
     std::string IfName;
     uint32_t Mode = KQ_DHCP_RELAY;
