@@ -177,6 +177,8 @@ TEST_F(RegistryTest, DeleteRemovesTheNodeOnlyWhenServerAndRelayStepsPass)
     EXPECT_EQ(KQCtrl_ConfigDynamicDel(&plain.item), 0);
     EXPECT_TRUE(RegistryNames().empty());
     EXPECT_EQ(fakehost::ReadFile(Host().DhcpConfPath), std::optional<std::string>("{ \"dhcps\": [ ] }"));
+    for (const std::string &line : fakehost::Lines())
+        EXPECT_EQ(line.find("Update dynamic conf file"), std::string::npos) << line;  // success says nothing
 
     // A failing server step stops everything.
     fakehost::Reset();

@@ -170,6 +170,7 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
         EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath), row.RelayConf);
         EXPECT_EQ(Count("load dynamic server failed\n"), row.Result == -2 ? 1 : 0);
         EXPECT_EQ(Count("lodd dynamic relay failed\n"), 0);
+        EXPECT_EQ(Count("Restart dynamic relay failed\n"), 0);
         // Both loaders read the document, unless the server load failed.
         EXPECT_EQ(Count("agent dhcp.conf = " + row.Document + " \n"), row.Result == -2 ? 1 : 2);
     }
