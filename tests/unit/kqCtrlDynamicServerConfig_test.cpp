@@ -39,9 +39,14 @@ TEST_F(ServerConfig, SameIpv4AgainInAnotherOrderIsNotRestarted)
     EXPECT_EQ(Restarts(), 1u);
     EXPECT_TRUE(fakehost::HasMessage("Dynamic ipv4service for eth1 is same to current configuration\n"));
     EXPECT_EQ(Stored()->ServerIpv4Conf.IpRange[0].StartIp, Ip4("192.0.2.100"));  // registry untouched
+
+    // As many pools, one of them another: restarted.
+    m.Pools[1] = {"192.0.2.160", 10};
+    ASSERT_EQ(KQCtrl_ConfigDynamicServerAdd(m.Build()), 0);
+    EXPECT_EQ(Restarts(), 2u);
 }
 
-TEST_F(ServerConfig, Ipv6DnsListsCompareByPosition)
+TEST_F(ServerConfig, Ipv6PoolsCompareWholeAndDnsListsByPosition)
 {
     ServerMsg m = ServerMsg::Ipv6(1, 1);
     m.V6Dns = {"2001:db8::a", "2001:db8::b"};
@@ -55,6 +60,9 @@ TEST_F(ServerConfig, Ipv6DnsListsCompareByPosition)
     EXPECT_EQ(Restarts(), 2u);
     EXPECT_TRUE(fakehost::HasMessage("Dhcp server dns ipv6 is not same\n"));
     EXPECT_TRUE(kqtest::SameIp6(Stored()->ServerIpv6Conf.DhcpConf.Ipv6Dns[0], "2001:db8::b"));
+    m.V6Pools[0].second = "2001:db8:1::1fe";  // the same start, another end
+    ASSERT_EQ(KQCtrl_ConfigDynamicServerAdd(m.Build()), 0);
+    EXPECT_EQ(Restarts(), 3u);
 }
 
 TEST_F(ServerConfig, DefaultDnsForBothFamiliesAndUnchangedRepeat)

@@ -212,6 +212,8 @@ TEST_F(ServerJsonTest, ReaderEdgeCases)
         {"empty netmask", R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"",)" + range + "}}", 0,
          [](const Conf &c) { EXPECT_EQ(c.NetAddrType, 0); EXPECT_EQ(c.ServerIpv4Conf.IpRangeNum, 0u); },
          "Not found vaild mode from Json object\n"},
+        {"one-character netmask", R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"x",)" + range + "}}", 0, nullptr,
+         "Get netmask ip number failed\n"},
         {"65 ranges", R"({"ifname":"eth1","dhcpIpv4Server":{)" + v4 + ",\"ipRange\":" + ranges(65) + "}}", 0,
          [](const Conf &c) { EXPECT_EQ(c.ServerIpv4Conf.IpRangeNum, 65u); EXPECT_EQ(c.NetAddrType, 1); },
          "Ip range number in dhcp.conf is overflow\n"},
