@@ -248,6 +248,10 @@ TEST_F(ServerJsonTest, ReaderEdgeCases)
         {"ipv6 start not address", R"({"ifname":"eth1","dhcpIpv6Server":{"dynamicMode":2,"prefixlengthdhcp":64,)"
                                    R"("leaseTimeIpv6":60,"ipv6Range":[{"startIpv6":"2001:db8:::1","endIpv6":"2001:db8::2"}]}})",
          0, nullptr, "Get ip number failed\n"},
+        {"combined mode, broken pool", R"({"ifname":"eth1","dhcpIpv6Server":{"dynamicMode":3,"prefixlengthdhcp":64,"leaseTimeIpv6":60,)"
+                                       R"("ipv6Range":[{"startIpv6":"2001:db8:::1","endIpv6":"2001:db8::2"}],"prefix":"2001:db8::","prefixlengthslaac":64}})",
+         0, [](const Conf &c) { EXPECT_TRUE(KQ_Ipv6AddrZero(&c.ServerIpv6Conf.SlaacConf.Prefix)); },  // SLAAC part not read
+         "Json to stateless dhcp ipv6 server failed\n"},
         {"slaac without prefix length", R"({"ifname":"eth1","dhcpIpv6Server":{"dynamicMode":0,"prefixlengthslaac":0,"prefix":"2001:db8::"}})",
          0, [](const Conf &c) { EXPECT_EQ(c.NetAddrType, 0); EXPECT_TRUE(KQ_Ipv6AddrZero(&c.ServerIpv6Conf.SlaacConf.Prefix)); },
          ""},
