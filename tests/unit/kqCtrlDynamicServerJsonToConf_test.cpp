@@ -311,6 +311,8 @@ TEST_F(ServerJsonTest, ReaderFillsBothIpv6DnsListsFromOneKeyAndLogsAsEachReader)
         ASSERT_EQ(v6.DhcpConf.Ipv6DnsNum, 2u);
         ASSERT_EQ(v6.SlaacConf.Ipv6DnsNum, 2u);
         EXPECT_EQ(memcmp(v6.DhcpConf.Ipv6Dns, v6.SlaacConf.Ipv6Dns, 2 * sizeof(KQ_IN6_ADDR)), 0);
+        for (const std::string &line : Lines())
+            EXPECT_EQ(line.find("failed"), std::string::npos) << line;
     }
 
     // The three DNS readers share one body but log under their own names.
@@ -361,6 +363,8 @@ TEST_F(ServerJsonTest, RoundTripsAndTheirKnownAsymmetries)
     expected.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_SLAAC;
     expected.ServerIpv6Conf.SlaacConf = KQ_SLAAC_IPV6_SERVER_CONF{};  // mode 2 writes no SLAAC part
     EXPECT_EQ(memcmp(&read, &expected, sizeof(read)), 0);
+    for (const std::string &line : Lines())
+        EXPECT_EQ(line.find("failed"), std::string::npos) << line;  // a good document reads without complaint
 
     // No IPv4 DNS: written without "dnsIps", and the IPv4 part then fails to read back.
     written.ServerIpv4Conf.DnsNum = 0;
