@@ -123,7 +123,9 @@ TEST_F(ServerJsonTest, WriterProducesExactObjectsForEachIpv6Mode)
         c.ServerIpv6Conf.DynamicMode = static_cast<KQ_IPV6_ADDR_AUTOCONF_TYPE>(row.Mode);
         c.ServerIpv6Conf.SlaacConf.Ipv6DnsNum = row.SlaacDnsNum;
         c.ServerIpv6Conf.SlaacConf.Ipv6Dns[0] = slaacDns;
+        fakehost::Reset();
         EXPECT_EQ(Write(c), std::string("{ ") + kEth1Ipv4 + ", \"dhcpIpv6Server\": " + row.Ipv6 + " }");
+        EXPECT_TRUE(fakehost::Messages().empty()) << ::testing::PrintToString(fakehost::Messages());
     }
 }
 
