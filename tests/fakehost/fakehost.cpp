@@ -70,28 +70,44 @@ std::string Message(size_t Index)
 
 void ClearRegistry()
 {
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    while (head->next != head) {
-        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-            reinterpret_cast<char *>(head->next) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-        _KQCtrl_DeleteDynamicConfListNode(node->DynamicConf.IfName);
+    // Each delete removes the first node of that name, so a repeated name is named again.
+    for (const std::string &name : kqtest::RegistryNames())
+        _KQCtrl_DeleteDynamicConfListNode(name.c_str());
+}
+
+std::vector<std::string> Lines()
+{
+    std::vector<std::string> out;
+    for (const auto &m : Messages())
+        if (m.rfind("dump flexlog:", 0) != 0)
+            out.push_back(m);
+    return out;
+}
+
+std::vector<std::string> ErrorLines()
+{
+    std::vector<std::string> out;
+    for (const auto &l : Host().Logs) {
+        size_t pos = l.Text.find("] ");
+        std::string m = pos == std::string::npos ? l.Text : l.Text.substr(pos + 2);
+        if (l.Level == 4 && m.rfind("dump flexlog:", 0) != 0)
+            out.push_back(m);
     }
+    return out;
 }
 
-KQ_IN6_ADDR Ip6(const char *Text)
+void RemoveModuleFiles()
 {
-    KQ_IN6_ADDR a{};
-    if (inet_pton(AF_INET6, Text, a.In6.U6Addr8) != 1)
-        abort();
-    return a;
-}
-
-uint32_t Ip4(const char *Text)
-{
-    in_addr a{};
-    if (inet_pton(AF_INET, Text, &a) != 1)
-        abort();
-    return ntohl(a.s_addr);
+    std::remove(Host().DhcpConfPath.c_str());
+    std::remove(Host().DhcpConfBakPath.c_str());
+    std::remove(kqtest::kRelayConfPath);
+    std::remove(kqtest::kRelayPidPath);
+    for (const char *name : {"eth1", "eth2", "eth3", "eth4", "eth5", "eth9", "lan0", "lan1"})
+        for (const char *kind : {"/etc/vyr_dhcpd_%s.conf", "/etc/vyr_dhcpd_%s.leases", "/var/run/vyr_dhcpd_%s.pid"}) {
+            char path[64];
+            snprintf(path, sizeof(path), kind, name);
+            std::remove(path);
+        }
 }
 
 std::optional<std::string> ReadFile(const std::string &Path)

@@ -15,7 +15,9 @@
 #include <tuple>
 #include <vector>
 
-#include "kqCtrlDynamic.h"
+#include <gtest/gtest.h>
+
+#include "kqtest.h"
 
 namespace fakehost {
 
@@ -107,12 +109,40 @@ std::string Message(size_t Index);
 // The module's registry helpers for tests: empties the registry (frees every node).
 void ClearRegistry();
 
-// A small parser for tests: "2001:db8::1" -> KQ_IN6_ADDR; "192.0.2.1" -> host-order number.
-KQ_IN6_ADDR Ip6(const char *Text);
-uint32_t Ip4(const char *Text);
+using kqtest::Ip4;
+using kqtest::Ip6;
+
+// The messages without the flex-log dump lines that follow each error; ErrorLines: only
+// the error lines (level 4).
+std::vector<std::string> Lines();
+std::vector<std::string> ErrorLines();
+
+// Removes dhcp.conf, its backup and every conf, lease and pid file of the test interfaces
+// (eth1-eth9, lan0-lan1) and of the relay.
+void RemoveModuleFiles();
 
 // Reads a whole file; nullopt when missing.
 std::optional<std::string> ReadFile(const std::string &Path);
 void WriteFile(const std::string &Path, const std::string &Data);
+
+// The usual unit-test fixture: a fresh fake host, an empty registry, no files left by
+// another test, and every host allocation given back once the registry is cleared.
+class ModuleTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        Reset();
+        ClearRegistry();
+        RemoveModuleFiles();
+        Live = Host().LiveAllocations;
+    }
+    void TearDown() override
+    {
+        ClearRegistry();
+        RemoveModuleFiles();
+        EXPECT_EQ(Host().LiveAllocations, Live) << "host allocations not given back";
+    }
+    long Live = 0;
+};
 
 }  // namespace fakehost

@@ -88,12 +88,6 @@ protected:
         lab::WaitFor([&] { pid = lab::ReadPidFile(PidFile).value_or(0); return pid > 0; }, 5s);
         return pid;
     }
-    std::string WaitLeaseField(const std::string &LeaseFile, const std::string &Field)
-    {
-        std::string value;
-        lab::WaitFor([&] { value = lab::LeaseField(LeaseFile, Field).value_or(""); return !value.empty(); }, 20s);
-        return value;
-    }
 
     std::unique_ptr<lab::TempDir> dir;
     std::unique_ptr<lab::Netns> near, far;
@@ -112,9 +106,9 @@ TEST_F(ClientLab, Ipv4AndIpv6ClientsGetLeasesAndStopIndependently)
     pid_t pid4 = WaitPid(kPid4), pid6 = WaitPid(kPid6);
     ASSERT_GT(pid4, 0);
     ASSERT_GT(pid6, 0);
-    std::string address4 = WaitLeaseField(kLease4, "fixed-address");
+    std::string address4 = lab::WaitLeaseField(kLease4, "fixed-address").value_or("");
     EXPECT_TRUE(lab::AddrInRange(address4, "192.0.2.100", "192.0.2.150")) << address4 << "\n" << server->Log();
-    std::string address6 = WaitLeaseField(kLease6, "iaaddr");
+    std::string address6 = lab::WaitLeaseField(kLease6, "iaaddr").value_or("");
     EXPECT_TRUE(lab::AddrInRange(address6, "2001:db8:1::100", "2001:db8:1::1ff")) << address6 << "\n" << server->Log();
 
     // Stopping the IPv4 client leaves the IPv6 one alone.

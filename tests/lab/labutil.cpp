@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -628,6 +629,53 @@ void HostConfig::Apply()
     WriteFile(path_, text + "\n");
     setenv("KQ_HOST_CONFIG", path_.c_str(), 1);
     KQ_HostReloadConfig();
+}
+
+std::map<pid_t, std::string> OwnDnsmasq()
+{
+    std::map<pid_t, std::string> found;
+    char self[PATH_MAX] = {0};
+    if (readlink("/proc/self/ns/net", self, sizeof(self) - 1) < 0)
+        return found;
+    DIR *proc = opendir("/proc");
+    if (proc == nullptr)
+        return found;
+    while (struct dirent *e = readdir(proc)) {
+        pid_t pid = atoi(e->d_name);
+        std::string base = std::string("/proc/") + e->d_name;
+        char ns[PATH_MAX] = {0};
+        if (pid <= 0 || readlink((base + "/ns/net").c_str(), ns, sizeof(ns) - 1) < 0 || strcmp(ns, self) != 0)
+            continue;
+        std::string cmdline = ReadFile(base + "/cmdline").value_or("");
+        for (char &c : cmdline)
+            if (c == '\0')
+                c = ' ';
+        if (cmdline.rfind("/usr/sbin/dnsmasq ", 0) == 0 && ProcessAlive(pid))
+            found[pid] = cmdline;
+    }
+    closedir(proc);
+    return found;
+}
+
+bool WaitIpv4InRange(const std::string &ns, const std::string &ifname, const std::string &first,
+                     const std::string &last, std::chrono::milliseconds timeout)
+{
+    return WaitFor(
+        [&] {
+            for (const auto &a : Addresses(ns, ifname))
+                if (a.family == AF_INET && AddrInRange(a.address, first, last))
+                    return true;
+            return false;
+        },
+        timeout);
+}
+
+std::optional<std::string> WaitLeaseField(const std::string &leaseFile, const std::string &field,
+                                          std::chrono::milliseconds timeout)
+{
+    std::optional<std::string> value;
+    WaitFor([&] { return (value = LeaseField(leaseFile, field)).has_value(); }, timeout);
+    return value;
 }
 
 }  // namespace lab

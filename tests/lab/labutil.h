@@ -153,6 +153,13 @@ bool ProcessAlive(pid_t pid);
 // touches the machine's processes. Reaps our own children. Returns how many it killed.
 int KillAll(const char *comm);
 
+// The live dnsmasq processes in this test's own network namespace, by pid, with their
+// command lines (arguments joined by blanks).
+std::map<pid_t, std::string> OwnDnsmasq();
+// Waits until ifname inside ns has an IPv4 address in [first, last].
+bool WaitIpv4InRange(const std::string &ns, const std::string &ifname, const std::string &first,
+                     const std::string &last, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
 // A child process started with argv inside ns ("" = current), stdout and stderr going to
 // logFile (appended; "" = inherited). The destructor sends SIGTERM, waits up to 2 s, then
 // SIGKILL, and reaps it. Stop() does the same earlier.
@@ -218,6 +225,10 @@ private:
 // The value of the last "<field> value;" statement in a dhclient lease file ("fixed-address",
 // "iaaddr", "option domain-name-servers", ...), without the ';', or nullopt.
 std::optional<std::string> LeaseField(const std::string &leaseFile, const std::string &field);
+
+// Waits up to timeout for LeaseField(leaseFile, field) and returns it.
+std::optional<std::string> WaitLeaseField(const std::string &leaseFile, const std::string &field,
+                                          std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 // ---- Settings of the reference host -------------------------------------------------
 

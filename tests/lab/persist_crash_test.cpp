@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "kqCtrlDynamic.h"
+#include "kqtest.h"
 #include "labutil.h"
 
 namespace {
@@ -42,12 +42,7 @@ uint64_t Hash(const std::string &Text)
     return h == kMissing ? 1 : h;
 }
 
-KQ_IN6_ADDR Ip6(const std::string &Text)
-{
-    KQ_IN6_ADDR a{};
-    inet_pton(AF_INET6, Text.c_str(), a.In6.U6Addr8);
-    return a;
-}
+using kqtest::Ip6;
 
 // A server record of random size and IPv6 mode, in documentation addresses.
 void FillServer(KQ_CTRL_DYNAMIC_SERVER_CONF &Server, std::mt19937 &Rng)
@@ -86,11 +81,8 @@ std::string ExpectedDocument(const char *Skip)
     json_object *root = json_object_new_object();
     json_object *dhcps = json_object_new_array();
     json_object_object_add(root, "dhcps", dhcps);
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    for (KQ_LIST_HEAD *link = head->next; link != head; link = link->next) {
-        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-            reinterpret_cast<char *>(link) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-        const KQ_CTRL_DYNAMIC_SERVICE_CONF &conf = node->DynamicConf;
+    for (const KQ_CTRL_DYNAMIC_SERVICE_CONF *node : kqtest::Registry()) {
+        const KQ_CTRL_DYNAMIC_SERVICE_CONF &conf = *node;
         if ((Skip != nullptr && strcmp(conf.IfName, Skip) == 0) ||
             (conf.DynamicServerConf.NetAddrType == 0 && conf.DynamicRelayConf.NetAddrType == 0))
             continue;

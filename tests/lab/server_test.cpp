@@ -3,14 +3,16 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
-#include "../unit/serverMsg.h"
+#include "kqtest.h"
 #include "kqHostLinux.h"
 #include "labutil.h"
 
 using namespace std::chrono_literals;
-using servermsg::Ip4;
+using kqtest::Ip4;
 
 namespace {
+
+using kqtest::ServerMsg;
 
 const std::string kPidFile = "/var/run/vyr_dhcpd_lan0.pid";
 const std::string kConfFile = "/etc/vyr_dhcpd_lan0.conf";
@@ -53,14 +55,6 @@ protected:
                inZone.st_ino == ofPid.st_ino;
     }
 
-    // Waits for a lease-file field and returns it.
-    static std::optional<std::string> WaitLease(lab::Dhclient &Dh, const std::string &Field)
-    {
-        std::optional<std::string> value;
-        lab::WaitFor([&] { return (value = lab::LeaseField(Dh.LeaseFile(), Field)).has_value(); }, 20s);
-        return value;
-    }
-
     std::unique_ptr<lab::TempDir> Dir;
     std::unique_ptr<lab::HostConfig> Config;
     std::unique_ptr<lab::Netns> Zone, Client;
@@ -80,7 +74,7 @@ TEST_F(ServerLab, Ipv4InZoneLeasesRepeatsRefusesAndDeletes)
 
     {
         lab::Dhclient dh("lab-cli", "cli0", lab::Dhclient::Mode::V4, *Dir);
-        std::optional<std::string> address = WaitLease(dh, "fixed-address");
+        std::optional<std::string> address = lab::WaitLeaseField(dh.LeaseFile(), "fixed-address");
         ASSERT_TRUE(address) << lab::ReadFile(dh.LogFile()).value_or("") << ServerLog();
         EXPECT_TRUE(lab::AddrInRange(*address, "192.0.2.100", "192.0.2.150")) << *address;
         EXPECT_EQ(lab::LeaseField(dh.LeaseFile(), "option routers"), "192.0.2.1");
@@ -117,7 +111,7 @@ TEST_F(ServerLab, Ipv6StatefulSlaacAndStateless)
     {
         ASSERT_EQ(KQCtrl_ConfigDynamicAdd(m.Build()), 0);
         lab::Dhclient dh("lab-cli", "cli0", lab::Dhclient::Mode::V6, *Dir);
-        std::optional<std::string> address = WaitLease(dh, "iaaddr");
+        std::optional<std::string> address = lab::WaitLeaseField(dh.LeaseFile(), "iaaddr");
         ASSERT_TRUE(address) << lab::ReadFile(dh.LogFile()).value_or("") << ServerLog();
         EXPECT_TRUE(lab::AddrInRange(*address, "2001:db8:1::100", "2001:db8:1::1ff")) << *address;
         EXPECT_EQ(lab::LeaseField(dh.LeaseFile(), "option dhcp6.name-servers"), "2001:db8::53");

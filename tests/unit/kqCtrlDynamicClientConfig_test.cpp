@@ -25,18 +25,18 @@ const std::string kLease6 = "/var/lib/dhclient/dhclient6.eth1.leases";
 
 bool Exists(const std::string &Path) { return fakehost::ReadFile(Path).has_value(); }
 
-class ClientConfig : public ::testing::Test {
+class ClientConfig : public fakehost::ModuleTest {
 protected:
     void SetUp() override
     {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
+        ModuleTest::SetUp();
         KQCtrl_DynamicClientSetIpv6AutoConfType(KQ_IPV6_ADDR_AUTOCONF_SLAAC);
     }
     void TearDown() override
     {
         for (const auto &p : {kPid4, kPid6, kLease4, kLease6, kLease4 + ".bak", kLease6 + ".bak"})
             std::remove(p.c_str());
+        ModuleTest::TearDown();
     }
 };
 

@@ -6,6 +6,7 @@
 
 #include "fakehost.h"
 #include "kqCtrlDynamicInternal.h"
+#include "kqtest.h"
 
 namespace {
 
@@ -25,22 +26,8 @@ const char kExampleDocument[] =
     "{ \"ifname\": \"eth2\", \"vpnId\": 0, \"dhcpRelay\": { \"lanIp\": \"198.51.100.1\", "
     "\"relayServer\": [ \"203.0.113.10\", \"203.0.113.11\" ] } } ] }";
 
-class PersistTest : public ::testing::Test {
+class PersistTest : public fakehost::ModuleTest {
 protected:
-    void SetUp() override
-    {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
-        std::remove(fakehost::Host().DhcpConfPath.c_str());
-        std::remove(fakehost::Host().DhcpConfBakPath.c_str());
-    }
-    void TearDown() override
-    {
-        fakehost::ClearRegistry();
-        std::remove(fakehost::Host().DhcpConfPath.c_str());
-        std::remove(fakehost::Host().DhcpConfBakPath.c_str());
-    }
-
     static std::string DhcpConf() { return fakehost::ReadFile(fakehost::Host().DhcpConfPath).value_or("<missing>"); }
     static std::string DhcpConfBak() { return fakehost::ReadFile(fakehost::Host().DhcpConfBakPath).value_or("<missing>"); }
 
@@ -144,66 +131,16 @@ TEST_F(PersistTest, EndToEndAddWritesTheExampleDocument)
     fakehost::Host().LanVpnId["eth1"] = 3;
     fakehost::Host().LanVpnId["eth2"] = 4;
 
-    Range pool = RANGE__INIT;
-    pool.begin = Ip4("192.0.2.100");
-    pool.has_len = 1;
-    pool.len = 101;
-    Range *pools[] = {&pool};
-    uint32_t dns[] = {Ip4("192.0.2.1"), Ip4("192.0.2.2")};
-    Ipv4DhcpServer v4Server = IPV4_DHCP_SERVER__INIT;
-    v4Server.n_dhcpiprange = 1;
-    v4Server.dhcpiprange = pools;
-    v4Server.netmask = Ip4("255.255.255.0");
-    v4Server.n_dns = 2;
-    v4Server.dns = dns;
-    v4Server.has_gateway = 1;
-    v4Server.gateway = Ip4("192.0.2.1");
-    v4Server.leasetime = 86400;
-    Ipv4DhcpItem v4Item = IPV4_DHCP_ITEM__INIT;
-    v4Item.mode = KQ_DHCP_SERVER;
-    v4Item.dhcpserver = &v4Server;
-
-    KQ_IN6_ADDR start = Ip6("2001:db8:1::100"), end = Ip6("2001:db8:1::1ff"), dns6 = Ip6("2001:db8:1::1");
-    Ipv6Range range6 = IPV6_RANGE__INIT;
-    range6.ipv6begin = {16, start.In6.U6Addr8};
-    range6.ipv6end = {16, end.In6.U6Addr8};
-    Ipv6Range *ranges6[] = {&range6};
-    ProtobufCBinaryData dnsList6[] = {{16, dns6.In6.U6Addr8}};
-    Ipv6DhcpServer v6Server = IPV6_DHCP_SERVER__INIT;
-    v6Server.n_dhcpiprange = 1;
-    v6Server.dhcpiprange = ranges6;
-    v6Server.has_prefixlength = 1;
-    v6Server.prefixlength = 64;
-    v6Server.n_dns = 1;
-    v6Server.dns = dnsList6;
-    v6Server.has_leasetime = 1;
-    v6Server.leasetime = 86400;
-    v6Server.has_ipv6dynamicmode = 1;
-    v6Server.ipv6dynamicmode = KQ_IPV6_DHCP;
-    v6Server.has_dnsdynamicmode = 1;
-    v6Server.dnsdynamicmode = KQ_IPV6_DHCP;
-    Ipv6DhcpItem v6Item = IPV6_DHCP_ITEM__INIT;
-    v6Item.mode = KQ_DHCP_SERVER;
-    v6Item.dhcpserver = &v6Server;
-
-    DhcpItemV2 eth1 = DHCP_ITEM_V2__INIT;
-    eth1.ifname = const_cast<char *>("eth1");
-    eth1.ipv4dhcpitem = &v4Item;
-    eth1.ipv6dhcpitem = &v6Item;
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(&eth1), 0) << ::testing::PrintToString(fakehost::Messages());
-
-    uint32_t relayServers[] = {Ip4("203.0.113.10"), Ip4("203.0.113.11")};
-    Ipv4DhcpRelay relay = IPV4_DHCP_RELAY__INIT;
-    relay.n_relayserver = 2;
-    relay.relayserver = relayServers;
-    relay.lanip = Ip4("198.51.100.1");
-    Ipv4DhcpItem relayItem = IPV4_DHCP_ITEM__INIT;
-    relayItem.mode = KQ_DHCP_RELAY;
-    relayItem.dhcprelay = &relay;
-    DhcpItemV2 eth2 = DHCP_ITEM_V2__INIT;
-    eth2.ifname = const_cast<char *>("eth2");
-    eth2.ipv4dhcpitem = &relayItem;
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(&eth2), 0) << ::testing::PrintToString(fakehost::Messages());
+    kqtest::ServerMsg eth1 = kqtest::ServerMsg::DualStack(KQ_IPV6_DHCP, KQ_IPV6_DHCP);
+    eth1.Pools = {{"192.0.2.100", 101}};
+    eth1.Lease = 86400;
+    eth1.Dns = {Ip4("192.0.2.1"), Ip4("192.0.2.2")};
+    eth1.Gateway = Ip4("192.0.2.1");
+    eth1.V6Lease = 86400;
+    eth1.V6Dns = {"2001:db8:1::1"};
+    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(eth1.Build()), 0) << ::testing::PrintToString(fakehost::Messages());
+    kqtest::RelayMsg eth2 = kqtest::RelayItem("eth2", "198.51.100.1", {"203.0.113.10", "203.0.113.11"});
+    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(eth2.get()), 0) << ::testing::PrintToString(fakehost::Messages());
 
     EXPECT_EQ(DhcpConf(), kExampleDocument);
 

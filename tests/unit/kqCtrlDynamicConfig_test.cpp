@@ -10,17 +10,7 @@ namespace {
 
 using fakehost::Host;
 
-std::vector<std::string> RegistryNames()
-{
-    std::vector<std::string> names;
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    for (KQ_LIST_HEAD *l = head->next; l != head; l = l->next) {
-        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-            reinterpret_cast<char *>(l) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-        names.push_back(node->DynamicConf.IfName);
-    }
-    return names;
-}
+using kqtest::RegistryNames;
 
 KQ_CTRL_DYNAMIC_SERVICE_CONF Service(const char *IfName, uint32_t Zone)
 {
@@ -52,17 +42,7 @@ struct RelayItem {
     }
 };
 
-class RegistryTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        fakehost::ClearRegistry();
-        fakehost::Reset();
-        remove(Host().DhcpConfPath.c_str());
-        remove(Host().DhcpConfBakPath.c_str());
-    }
-    void TearDown() override { fakehost::ClearRegistry(); }
-};
+class RegistryTest : public fakehost::ModuleTest {};
 
 TEST_F(RegistryTest, KeepsInsertionOrderAndFindsTheFirstMatch)
 {
@@ -197,6 +177,8 @@ TEST_F(RegistryTest, DeleteRemovesTheNodeOnlyWhenServerAndRelayStepsPass)
     EXPECT_EQ(KQCtrl_ConfigDynamicDel(&plain.item), 0);
     EXPECT_TRUE(RegistryNames().empty());
     EXPECT_EQ(fakehost::ReadFile(Host().DhcpConfPath), std::optional<std::string>("{ \"dhcps\": [ ] }"));
+    for (const std::string &line : fakehost::Lines())
+        EXPECT_EQ(line.find("Update dynamic conf file"), std::string::npos) << line;  // success says nothing
 
     // A failing server step stops everything.
     fakehost::Reset();

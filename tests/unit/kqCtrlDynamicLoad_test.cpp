@@ -10,20 +10,20 @@
 
 #include "fakehost.h"
 #include "kqCtrlDynamicInternal.h"
-#include "relayTestItem.h"
-#include "serverMsg.h"
+#include "kqtest.h"
 
 namespace {
+
+using kqtest::ServerMsg;
 
 using fakehost::Host;
 using fakehost::Ip4;
 using Strings = std::vector<std::string>;
 
-std::string ServerCmd(const std::string &IfName)
-{
-    return "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_" + IfName + ".conf --dhcp-leasefile=/etc/vyr_dhcpd_" +
-           IfName + ".leases --port=0 --pid-file=/var/run/vyr_dhcpd_" + IfName + ".pid -z";
-}
+// What the agent runs for eth1's server; the same for every interface but the name.
+const char kEth1Start[] =
+    "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_eth1.conf --dhcp-leasefile=/etc/vyr_dhcpd_eth1.leases "
+    "--port=0 --pid-file=/var/run/vyr_dhcpd_eth1.pid -z";
 
 std::string V4Server(const std::string &IfName, const char *Start, const char *Dns)
 {
@@ -46,31 +46,12 @@ std::string Doc(const Strings &Entries)
     return text + "]}";
 }
 
-class DynamicLoad : public ::testing::Test {
+class DynamicLoad : public fakehost::ModuleTest {
 protected:
     void SetUp() override
     {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
+        ModuleTest::SetUp();
         Host().LogTestDump = false;
-        RemoveFiles();
-    }
-    void TearDown() override
-    {
-        fakehost::ClearRegistry();
-        RemoveFiles();
-    }
-    static void RemoveFiles()
-    {
-        relaytest::RemoveRelayFiles();
-        for (const char *f : {"eth1", "eth2", "eth3", "eth4"})
-            for (const char *kind : {"/etc/vyr_dhcpd_%s.conf", "/var/run/vyr_dhcpd_%s.pid"}) {
-                char path[64];
-                snprintf(path, sizeof(path), kind, f);
-                std::remove(path);
-            }
-        std::remove(Host().DhcpConfPath.c_str());
-        std::remove(Host().DhcpConfBakPath.c_str());
     }
     static KQ_ERR_T Load(const std::string &Text)
     {
@@ -81,14 +62,9 @@ protected:
     static Strings Registry()
     {
         Strings out;
-        KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-        for (KQ_LIST_HEAD *l = head->next; l != head; l = l->next) {
-            auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-                reinterpret_cast<char *>(l) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-            const KQ_CTRL_DYNAMIC_SERVICE_CONF &c = node->DynamicConf;
-            out.push_back(std::string(c.IfName) + ":" + std::to_string(c.DynamicServerConf.NetAddrType) + "/" +
-                          std::to_string(c.DynamicRelayConf.NetAddrType));
-        }
+        for (const auto *c : kqtest::Registry())
+            out.push_back(std::string(c->IfName) + ":" + std::to_string(c->DynamicServerConf.NetAddrType) + "/" +
+                          std::to_string(c->DynamicRelayConf.NetAddrType));
         return out;
     }
     static int Count(const std::string &Message)
@@ -97,6 +73,56 @@ protected:
         return static_cast<int>(std::count(m.begin(), m.end(), Message));
     }
 };
+
+// Both loaders read the same document and refuse the same unusable ones, each in its own
+// words; a refused document starts and stops nothing and its text is released.
+TEST_F(DynamicLoad, BothLoadersRefuseUnusableDocuments)
+{
+    struct Row {
+        std::optional<std::string> Doc;
+        KQ_ERR_T Result;
+        const char *ServerLine, *RelayLine;  // what each logs
+    } rows[] = {
+        {std::nullopt, -22, "invalid dhcp.conf\n", "invalid dhcp.conf\n"},
+        {"{\"dhcps\": [", -22, "invalid dynamic conf, not json\n", "invalid dhcp conf, not json\n"},
+        {"{\"other\": []}", -22, "invalid dhcp.conf, not complete dhcp type is invaild\n",
+         "invalid dhcp.conf, not complete dynamic type is invaild\n"},
+        {"{\"dhcps\": {}}", -22, "invalid dhcp.conf, not complete dhcp type is invaild\n",
+         "invalid dhcp.conf, not complete dynamic type is invaild\n"},
+        {"{\"dhcps\": []}", -2, "empty dhcp.conf\n", "empty dhcp.conf\n"},
+        {"{\"dhcps\": [null, null]}", 0, "dynamic 1 is null\n", "dhcp 1 is null\n"},
+    };
+    const std::string path = Host().DhcpConfPath;
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.Doc.value_or("<missing>"));
+        for (bool server : {true, false}) {
+            fakehost::Reset();
+            std::remove(path.c_str());
+            if (row.Doc)
+                fakehost::WriteFile(path, *row.Doc);
+            fakehost::WriteFile(kqtest::kRelayPidPath, "4242\n");
+            long live = Host().LiveAllocations;
+            EXPECT_EQ(server ? KQCtrl_LoadDynamicServerConf(path.c_str()) : KQCtrl_LoadDynamicRelayConf(path.c_str()),
+                      row.Result);
+            Strings lines = fakehost::Lines();
+            ASSERT_FALSE(lines.empty());
+            EXPECT_EQ(std::count(lines.begin(), lines.end(), server ? row.ServerLine : row.RelayLine), 1);
+            EXPECT_TRUE(!row.Doc || lines.front() == "agent dhcp.conf = " + *row.Doc + " \n");
+            EXPECT_EQ(Host().LiveAllocations, live);
+            EXPECT_EQ(fakehost::CallCount("KQ_FreeConf"), 1);
+            EXPECT_TRUE(Host().Commands.empty());
+            EXPECT_EQ(Host().Killed.size(), !server && row.Result == 0 ? 1u : 0u);  // a leftover relay is stopped
+            EXPECT_TRUE(kqtest::Registry().empty());
+        }
+    }
+    EXPECT_TRUE(fakehost::HasMessage("dhcp 0 is null\n"));
+
+    fakehost::Reset();
+    fakehost::WriteFile(path, "{\"dhcps\": [null]}");
+    Host().Fail["KQ_FlexMsgAlloc"] = 0;
+    EXPECT_EQ(KQCtrl_LoadDynamicRelayConf(path.c_str()), -12);
+    EXPECT_EQ(fakehost::ErrorLines(), Strings{"Apply memory for dynamic relay content failed\n"});
+}
 
 TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
 {
@@ -121,7 +147,7 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
               // Refused by the relay reader only.
               Relay("eth4", "198.51.100.4", "203.0.113.999")}),
          0,
-         {ServerCmd("eth1"), relaytest::kStartCmd},
+         {kEth1Start, kqtest::kRelayStartCmd},
          {"eth1:1/0", "eth2:0/0", "eth4:0/0"},
          5,
          "dhcp-relay=198.51.100.1,203.0.113.10\n"},
@@ -129,7 +155,7 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
         {"relay only: started once",
          Doc({eth2, Relay("eth3", "198.51.100.3", "203.0.113.30")}),
          0,
-         {relaytest::kStartCmd},
+         {kqtest::kRelayStartCmd},
          {"eth2:0/0", "eth3:0/0"},
          0,
          "dhcp-relay=198.51.100.1,203.0.113.10\ndhcp-relay=198.51.100.3,203.0.113.30\n"},
@@ -141,9 +167,10 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
         EXPECT_EQ(Host().Commands, row.Commands);
         EXPECT_EQ(Registry(), row.Registry);
         EXPECT_EQ(Count("Json to conf dynamic failed\n"), row.Skipped);
-        EXPECT_EQ(fakehost::ReadFile(relaytest::kConfPath), row.RelayConf);
+        EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath), row.RelayConf);
         EXPECT_EQ(Count("load dynamic server failed\n"), row.Result == -2 ? 1 : 0);
         EXPECT_EQ(Count("lodd dynamic relay failed\n"), 0);
+        EXPECT_EQ(Count("Restart dynamic relay failed\n"), 0);
         // Both loaders read the document, unless the server load failed.
         EXPECT_EQ(Count("agent dhcp.conf = " + row.Document + " \n"), row.Result == -2 ? 1 : 2);
     }
@@ -154,7 +181,7 @@ TEST_F(DynamicLoad, SecondEntryForAnInterfaceIsRestartedButNotStored)
     ASSERT_EQ(Load(Doc({V4Server("eth1", "192.0.2.100", "\"192.0.2.53\""),
                         V4Server("eth1", "192.0.2.150", "\"192.0.2.54\"")})),
               0);
-    EXPECT_EQ(Host().Commands, (Strings{ServerCmd("eth1"), ServerCmd("eth1")}));
+    EXPECT_EQ(Host().Commands, (Strings{kEth1Start, kEth1Start}));
     EXPECT_EQ(Registry(), Strings{"eth1:1/0"});
     EXPECT_EQ(_KQCtrl_GetDynamicServerConfByName("eth1")->ServerIpv4Conf.IpRange[0].StartIp, Ip4("192.0.2.100"));
     // The file on disk is the second one's: the last restart wrote it.
@@ -165,7 +192,7 @@ TEST_F(DynamicLoad, PoolsWithoutDnsServeTheInterfaceAddress)
 {
     Host().FirstIpv4["eth1"] = Ip4("192.0.2.1");
     ASSERT_EQ(Load(Doc({V4Server("eth1", "192.0.2.100", "")})), 0);
-    ASSERT_EQ(Host().Commands, Strings{ServerCmd("eth1")});
+    ASSERT_EQ(Host().Commands, Strings{kEth1Start});
     const KQ_CTRL_DYNAMIC_SERVER_CONF *stored = _KQCtrl_GetDynamicServerConfByName("eth1");
     ASSERT_NE(stored, nullptr);
     EXPECT_EQ(stored->ServerIpv4Conf.DnsNum, 1u);
@@ -179,9 +206,9 @@ TEST_F(DynamicLoad, RelayOfAnInterfaceTheServerLoadRegisteredKeepsAnEmptyHalf)
     std::string both = V4Server("eth1", "192.0.2.100", "\"192.0.2.53\"");
     both.insert(both.size() - 1, ", \"dhcpRelay\": {\"lanIp\": \"198.51.100.1\", \"relayServer\": [\"203.0.113.10\"]}");
     ASSERT_EQ(Load(Doc({both})), 0);
-    EXPECT_EQ(Host().Commands, (Strings{ServerCmd("eth1"), relaytest::kStartCmd}));
+    EXPECT_EQ(Host().Commands, (Strings{kEth1Start, kqtest::kRelayStartCmd}));
     EXPECT_EQ(Registry(), Strings{"eth1:1/0"});
-    EXPECT_EQ(fakehost::ReadFile(relaytest::kConfPath), "dhcp-relay=198.51.100.1,203.0.113.10\n");
+    EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath), "dhcp-relay=198.51.100.1,203.0.113.10\n");
 }
 
 // Add, forget the registry as an agent restart does, load: the same services come back,
@@ -190,19 +217,12 @@ TEST_F(DynamicLoad, AddedServicesComeBackFromTheDocument)
 {
     Host().LanVpnId["eth1"] = 3;
     Host().LanVpnId["eth3"] = 0;
-    ServerMsg server = ServerMsg::Ipv4();
+    ServerMsg server = ServerMsg::DualStack(KQ_IPV6_DHCP, KQ_IPV6_DHCP);
     server.Dns = {Ip4("192.0.2.53")};
     server.Gateway = Ip4("192.0.2.1");
-    ServerMsg v6 = ServerMsg::Ipv6(KQ_IPV6_DHCP, KQ_IPV6_DHCP);
-    server.V6Mode = v6.V6Mode;
-    server.AddrMode = v6.AddrMode;
-    server.DnsMode = v6.DnsMode;
-    server.V6Pools = v6.V6Pools;
-    server.PrefixLen = v6.PrefixLen;
-    server.V6Lease = v6.V6Lease;
-    server.V6Dns = v6.V6Dns;
+    server.Prefix.reset();
     ASSERT_EQ(KQCtrl_ConfigDynamicAdd(server.Build()), 0) << ::testing::PrintToString(fakehost::Messages());
-    relaytest::Item relay = relaytest::RelayItem("eth3", "198.51.100.1", {"203.0.113.10", "203.0.113.11"});
+    kqtest::RelayMsg relay = kqtest::RelayItem("eth3", "198.51.100.1", {"203.0.113.10", "203.0.113.11"});
     ASSERT_EQ(KQCtrl_ConfigDynamicAdd(relay.get()), 0) << ::testing::PrintToString(fakehost::Messages());
 
     KQ_CTRL_DYNAMIC_SERVICE_CONF eth1 = *_KQCtrl_GetDynamicConfByName("eth1");
@@ -214,7 +234,7 @@ TEST_F(DynamicLoad, AddedServicesComeBackFromTheDocument)
     fakehost::ClearRegistry();
     fakehost::Reset();
     ASSERT_EQ(KQCtrl_LoadDynamicServiceConf(Host().DhcpConfPath.c_str()), 0);
-    EXPECT_EQ(Host().Commands, (Strings{ServerCmd("eth1"), relaytest::kStartCmd}));
+    EXPECT_EQ(Host().Commands, (Strings{kEth1Start, kqtest::kRelayStartCmd}));
     EXPECT_EQ(Registry(), (Strings{"eth1:3/0", "eth3:0/0"}));
 
     const KQ_CTRL_DYNAMIC_SERVICE_CONF *loaded = _KQCtrl_GetDynamicConfByName("eth1");
@@ -222,7 +242,7 @@ TEST_F(DynamicLoad, AddedServicesComeBackFromTheDocument)
     EXPECT_EQ(memcmp(&loaded->DynamicServerConf, &eth1.DynamicServerConf, sizeof(eth1.DynamicServerConf)), 0);
     // The relay-only entry was registered by the server load first (eth3:0/0 above), so its
     // relay half stays empty while the relay itself runs with its lines.
-    EXPECT_EQ(fakehost::ReadFile(relaytest::kConfPath),
+    EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath),
               "dhcp-relay=198.51.100.1,203.0.113.10\ndhcp-relay=198.51.100.1,203.0.113.11\n");
 }
 

@@ -20,10 +20,7 @@ void LogAt(uint32_t Level)
     }
 }
 
-class LogTest : public ::testing::Test {
-protected:
-    void SetUp() override { fakehost::Reset(); }
-};
+class LogTest : public fakehost::ModuleTest {};
 
 TEST_F(LogTest, EachLevelWritesOneLineWithThePrefix)
 {

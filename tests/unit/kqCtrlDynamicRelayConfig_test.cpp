@@ -4,11 +4,13 @@
 
 #include "fakehost.h"
 #include "kqCtrlDynamicInternal.h"
-#include "relayTestItem.h"
 
-using namespace relaytest;
+using namespace kqtest;
 
 namespace {
+
+using fakehost::ErrorLines;
+using fakehost::Lines;
 
 using Write = std::pair<std::string, std::string>;
 
@@ -17,34 +19,16 @@ const char kEth2Lines[] =
     "dhcp-relay=203.0.113.1,198.51.100.20\ndhcp-relay=203.0.113.1,198.51.100.22\n"
     "dhcp-relay=203.0.113.1,198.51.100.21\n";
 
-class RelayConfig : public ::testing::Test {
+class RelayConfig : public fakehost::ModuleTest {
 protected:
-    void SetUp() override
-    {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
-        RemoveRelayFiles();
-        std::remove(fakehost::Host().DhcpConfPath.c_str());
-        Live = fakehost::Host().LiveAllocations;
-    }
-    void TearDown() override
-    {
-        fakehost::ClearRegistry();
-        RemoveRelayFiles();
-        std::remove(fakehost::Host().DhcpConfPath.c_str());
-        EXPECT_EQ(fakehost::Host().LiveAllocations, Live);
-    }
-
-    static Item Eth1() { return RelayItem("eth1", "192.0.2.1", {"198.51.100.10", "198.51.100.11"}); }
-    static Item Eth2()
+    static RelayMsg Eth1() { return RelayItem("eth1", "192.0.2.1", {"198.51.100.10", "198.51.100.11"}); }
+    static RelayMsg Eth2()
     {
         return RelayItem("eth2", "203.0.113.1", {"198.51.100.20", "198.51.100.22", "198.51.100.21"});
     }
 
     // What the relay dnsmasq leaves behind once it runs.
-    static void RelayRunning(const char *Pid = "4242\n") { fakehost::WriteFile(kPidPath, Pid); }
-
-    long Live = 0;
+    static void RelayRunning(const char *Pid = "4242\n") { fakehost::WriteFile(kRelayPidPath, Pid); }
 };
 
 TEST_F(RelayConfig, TwoRelayInterfacesShareOneFileInRegistryOrder)
@@ -62,9 +46,9 @@ TEST_F(RelayConfig, TwoRelayInterfacesShareOneFileInRegistryOrder)
     ASSERT_EQ(KQCtrl_ConfigDynamicRelayAdd(second.get()), 0);
 
     EXPECT_EQ(fakehost::Host().Writes,
-              (std::vector<Write>{{kConfPath, kEth1Lines}, {kConfPath, std::string(kEth2Lines) + kEth1Lines}}));
-    EXPECT_EQ(fakehost::ReadFile(kConfPath), std::string(kEth2Lines) + kEth1Lines);
-    EXPECT_EQ(fakehost::Host().Commands, (std::vector<std::string>{kStartCmd, kStartCmd}));
+              (std::vector<Write>{{kRelayConfPath, kEth1Lines}, {kRelayConfPath, std::string(kEth2Lines) + kEth1Lines}}));
+    EXPECT_EQ(fakehost::ReadFile(kRelayConfPath), std::string(kEth2Lines) + kEth1Lines);
+    EXPECT_EQ(fakehost::Host().Commands, (std::vector<std::string>{kRelayStartCmd, kRelayStartCmd}));
     EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});  // the second add restarted it
 
     // One node per interface: the relay half went into the node that already existed.
@@ -81,7 +65,7 @@ TEST_F(RelayConfig, UnchangedRelayNeitherWritesNorRestarts)
     auto swapped = RelayItem("eth1", "192.0.2.1", {"198.51.100.11", "198.51.100.10"});
     // The comparison runs one way: every current server is among the new ones.
     auto duplicated = RelayItem("eth1", "192.0.2.1", {"198.51.100.10", "198.51.100.11"});
-    Item unchanged[] = {Eth1(), std::move(swapped)};
+    RelayMsg unchanged[] = {Eth1(), std::move(swapped)};
     for (auto &item : unchanged) {
         fakehost::Reset();
         EXPECT_EQ(KQCtrl_ConfigDynamicRelayAdd(item.get()), 0);
@@ -102,7 +86,7 @@ TEST_F(RelayConfig, UnchangedRelayNeitherWritesNorRestarts)
 
     // A changed LAN address, server count or server restarts with the new text.
     struct Change {
-        Item Msg;
+        RelayMsg Msg;
         std::string Trace;
     };
     Change changes[] = {
@@ -114,10 +98,10 @@ TEST_F(RelayConfig, UnchangedRelayNeitherWritesNorRestarts)
         fakehost::Reset();
         RelayRunning();
         EXPECT_EQ(KQCtrl_ConfigDynamicRelayAdd(c.Msg.get()), 0);
-        EXPECT_EQ(fakehost::Host().Commands, std::vector<std::string>{kStartCmd});
+        EXPECT_EQ(fakehost::Host().Commands, std::vector<std::string>{kRelayStartCmd});
         EXPECT_TRUE(c.Trace.empty() || fakehost::HasMessage(c.Trace)) << c.Trace;
     }
-    EXPECT_EQ(fakehost::ReadFile(kConfPath), "dhcp-relay=192.0.2.2,198.51.100.12\n");
+    EXPECT_EQ(fakehost::ReadFile(kRelayConfPath), "dhcp-relay=192.0.2.2,198.51.100.12\n");
 }
 
 TEST_F(RelayConfig, LeavingRelayModeClearsHalfAndStopsWithTheLast)
@@ -136,8 +120,8 @@ TEST_F(RelayConfig, LeavingRelayModeClearsHalfAndStopsWithTheLast)
     ASSERT_NE(half, nullptr);
     EXPECT_EQ(half->NetAddrType, 0);
     EXPECT_EQ(half->RelayConf.RelayServerNum, 0u);
-    EXPECT_EQ(fakehost::ReadFile(kConfPath), kEth2Lines);
-    EXPECT_EQ(fakehost::Host().Commands, std::vector<std::string>{kStartCmd});
+    EXPECT_EQ(fakehost::ReadFile(kRelayConfPath), kEth2Lines);
+    EXPECT_EQ(fakehost::Host().Commands, std::vector<std::string>{kRelayStartCmd});
 
     // eth2 deleted: no relay interface is left, so the process and both files go.
     fakehost::Reset();
@@ -145,8 +129,8 @@ TEST_F(RelayConfig, LeavingRelayModeClearsHalfAndStopsWithTheLast)
     ASSERT_EQ(KQCtrl_ConfigDynamicRelayDel(eth2.get()), 0);
     EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{5151});
     EXPECT_TRUE(fakehost::Host().Commands.empty());
-    EXPECT_FALSE(fakehost::ReadFile(kPidPath).has_value());
-    EXPECT_FALSE(fakehost::ReadFile(kConfPath).has_value());
+    EXPECT_FALSE(fakehost::ReadFile(kRelayPidPath).has_value());
+    EXPECT_FALSE(fakehost::ReadFile(kRelayConfPath).has_value());
     half = _KQCtrl_GetDynamicRelayConfByName("eth2");
     ASSERT_NE(half, nullptr);  // the node itself goes with the whole interface
     EXPECT_EQ(half->IfName[0], '\0');
@@ -198,7 +182,7 @@ TEST_F(RelayConfig, FailuresLeaveTheRightThingsBehind)
           "Relaod dynamic relay failed(5:Input/output error)\n"}},
         // Any executor failure is reported as -EINVAL.
         {"KQ_CmdExec", -22,
-         {std::string("cmd:") + kStartCmd + " exec failed\n", "Start dynamic relay failed(22:Invalid argument)\n",
+         {std::string("cmd:") + kRelayStartCmd + " exec failed\n", "Start dynamic relay failed(22:Invalid argument)\n",
           "Restart dynamic relay failed(22:Invalid argument)\n", "Relaod dynamic relay failed(22:Invalid argument)\n"}},
         {"KQ_WriteSyncWithFilePath", -5,
          {"Write conf file /etc/vyr_dhcpd_relay.conf failed(5:Input/output error)\n",
@@ -213,7 +197,7 @@ TEST_F(RelayConfig, FailuresLeaveTheRightThingsBehind)
         SCOPED_TRACE(c.Op);
         fakehost::Reset();
         fakehost::ClearRegistry();
-        RemoveRelayFiles();
+        fakehost::RemoveModuleFiles();
         RelayRunning();
         fakehost::Host().Fail[c.Op] = -5;
         EXPECT_EQ(KQCtrl_ConfigDynamicRelayAdd(eth1.get()), c.Result);
@@ -236,56 +220,17 @@ TEST_F(RelayConfig, FailuresLeaveTheRightThingsBehind)
                                                       "Relaod dynamic relay failed(1:Operation not permitted)\n"}));
 }
 
-// The load's own flow; the relay items themselves are read by the JSON reader.
-TEST_F(RelayConfig, LoadRefusesUnusableDocuments)
-{
-    const std::string path = fakehost::Host().DhcpConfPath;
-    struct Case {
-        const char *Name;
-        std::optional<std::string> Text;
-        KQ_ERR_T Result;
-        std::string Line;
-    };
-    const Case cases[] = {
-        {"missing", std::nullopt, -22, "invalid dhcp.conf\n"},
-        {"not json", "{\"dhcps\": [", -22, "invalid dhcp conf, not json\n"},
-        {"no dhcps", "{\"dhcp\": []}", -22, "invalid dhcp.conf, not complete dynamic type is invaild\n"},
-        {"dhcps not array", "{\"dhcps\": {}}", -22, "invalid dhcp.conf, not complete dynamic type is invaild\n"},
-        {"empty", "{\"dhcps\": []}", -2, "empty dhcp.conf\n"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.Name);
-        fakehost::Reset();
-        std::remove(path.c_str());
-        if (c.Text)
-            fakehost::WriteFile(path, *c.Text);
-        RelayRunning();
-        EXPECT_EQ(KQCtrl_LoadDynamicRelayConf(path.c_str()), c.Result);
-        EXPECT_EQ(ErrorLines(), std::vector<std::string>{c.Line});
-        EXPECT_TRUE(fakehost::Host().Killed.empty());  // neither started nor stopped
-        EXPECT_TRUE(fakehost::Host().Commands.empty());
-        EXPECT_TRUE(!c.Text || fakehost::HasMessage("agent dhcp.conf = " + *c.Text + " \n"));
-        EXPECT_EQ(fakehost::CallCount("KQ_FreeConf"), 1);
-    }
-
-    fakehost::Reset();
-    fakehost::WriteFile(path, "{\"dhcps\": [null]}");
-    fakehost::Host().Fail["KQ_FlexMsgAlloc"] = 0;
-    EXPECT_EQ(KQCtrl_LoadDynamicRelayConf(path.c_str()), -12);
-    EXPECT_EQ(ErrorLines(), std::vector<std::string>{"Apply memory for dynamic relay content failed\n"});
-}
-
 TEST_F(RelayConfig, LoadWithoutRelayStopsLeftoverRelay)
 {
     const std::string path = fakehost::Host().DhcpConfPath;
     fakehost::WriteFile(path, "{\"dhcps\": [null, null]}");
-    fakehost::WriteFile(kConfPath, kEth1Lines);
+    fakehost::WriteFile(kRelayConfPath, kEth1Lines);
     RelayRunning();
     EXPECT_EQ(KQCtrl_LoadDynamicRelayConf(path.c_str()), 0);
     EXPECT_EQ(ErrorLines(), (std::vector<std::string>{"dhcp 0 is null\n", "dhcp 1 is null\n"}));
     EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});
-    EXPECT_FALSE(fakehost::ReadFile(kPidPath).has_value());
-    EXPECT_FALSE(fakehost::ReadFile(kConfPath).has_value());
+    EXPECT_FALSE(fakehost::ReadFile(kRelayPidPath).has_value());
+    EXPECT_FALSE(fakehost::ReadFile(kRelayConfPath).has_value());
     EXPECT_TRUE(fakehost::Host().Commands.empty());
 
     // A stop that fails is a warning: the agent's start goes on.

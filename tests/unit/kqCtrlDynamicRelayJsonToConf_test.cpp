@@ -16,14 +16,8 @@ struct JsonPut {
 };
 using Json = std::unique_ptr<json_object, JsonPut>;
 
-class RelayJsonTest : public ::testing::Test {
+class RelayJsonTest : public fakehost::ModuleTest {
 protected:
-    void SetUp() override
-    {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
-    }
-
     static KQ_ERR_T Read(const std::string &Text, KQ_CTRL_DYNAMIC_RELAY_CONF *Conf)
     {
         *Conf = KQ_CTRL_DYNAMIC_RELAY_CONF{};
@@ -119,41 +113,6 @@ TEST_F(RelayJsonTest, ReaderEdgeCases)
         }
         if (row.Result < 0 && std::string(row.Name).find("name") == std::string::npos) {
             EXPECT_TRUE(fakehost::HasMessage("Json to dynamic relay failed\n"));
-        }
-    }
-}
-
-// Every value of a good item replaced by something hostile: no crash, never more than
-// four servers, and a result from the documented set.
-TEST_F(RelayJsonTest, HostileItemsNeverCrash)
-{
-    std::string huge = "[";
-    for (int i = 0; i < 100000; ++i)
-        huge += i ? ",\"203.0.113.1\"" : "\"203.0.113.1\"";
-    huge += "]";
-    const std::string hostile[] = {"null", "true", "1e300", "NaN", "-1", "\"" + std::string(1 << 20, 'x') + "\"",
-                                   "[]", "{}", huge, std::string(25, '[') + std::string(25, ']')};
-    const char *templates[] = {
-        R"({"ifname":@,"vpnId":1,"mode":2,"dhcpRelay":{"lanIp":"198.51.100.1","relayServer":["203.0.113.1"]}})",
-        R"({"ifname":"eth2","vpnId":@,"mode":2,"dhcpRelay":{"lanIp":"198.51.100.1","relayServer":["203.0.113.1"]}})",
-        R"({"ifname":"eth2","vpnId":1,"mode":@,"dhcpRelay":{"lanIp":"198.51.100.1","relayServer":["203.0.113.1"]}})",
-        R"({"ifname":"eth2","vpnId":1,"mode":2,"dhcpRelay":@})",
-        R"({"ifname":"eth2","vpnId":1,"mode":2,"dhcpRelay":{"lanIp":@,"relayServer":["203.0.113.1"]}})",
-        R"({"ifname":"eth2","vpnId":1,"mode":2,"dhcpRelay":{"lanIp":"198.51.100.1","relayServer":@}})",
-        R"({"ifname":"eth2","vpnId":1,"mode":2,"dhcpRelay":{"lanIp":"198.51.100.1","relayServer":["203.0.113.1",@]}})",
-    };
-    for (const char *tmpl : templates) {
-        for (const auto &value : hostile) {
-            std::string text = tmpl;
-            text.replace(text.find('@'), 1, value);
-            SCOPED_TRACE(text.substr(0, 120));
-            fakehost::Reset();
-            KQ_CTRL_DYNAMIC_RELAY_CONF c;
-            KQ_ERR_T ret = Read(text, &c);
-            EXPECT_TRUE(ret == 0 || ret == -EINVAL || ret == -EOVERFLOW) << ret;
-            EXPECT_LE(c.RelayConf.RelayServerNum, 4u);
-            Json item(json_object_new_object());
-            EXPECT_EQ(KQCtrl_ConfToJsonDynamicRelay(&c, item.get()), 0);
         }
     }
 }

@@ -3,27 +3,16 @@
 #include <cstring>
 
 #include "fakehost.h"
-#include "relayTestItem.h"
 
-using namespace relaytest;
+using namespace kqtest;
 
 namespace {
 
-class RelayManager : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
-        RemoveRelayFiles();
-        Live = fakehost::Host().LiveAllocations;
-    }
-    void TearDown() override
-    {
-        RemoveRelayFiles();
-        EXPECT_EQ(fakehost::Host().LiveAllocations, Live);
-    }
+using fakehost::ErrorLines;
+using fakehost::Lines;
 
+class RelayManager : public fakehost::ModuleTest {
+protected:
     static KQ_CTRL_DYNAMIC_RELAY_CONF Relay(const char *LanIp, std::vector<const char *> Servers)
     {
         KQ_CTRL_DYNAMIC_RELAY_CONF conf;
@@ -44,8 +33,6 @@ protected:
         KQ_FlexMsgFree(msg);
         return text;
     }
-
-    long Live = 0;
 };
 
 TEST_F(RelayManager, AppendWritesOneLinePerServerAndOnlyTheLastAppendDecides)
@@ -93,13 +80,13 @@ TEST_F(RelayManager, StopWithoutUsablePidFileKillsNothingAndKeepsConf)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.Name);
         fakehost::Reset();
-        RemoveRelayFiles();
-        fakehost::WriteFile(kConfPath, "dhcp-relay=192.0.2.1,198.51.100.10\n");
+        fakehost::RemoveModuleFiles();
+        fakehost::WriteFile(kRelayConfPath, "dhcp-relay=192.0.2.1,198.51.100.10\n");
         if (c.PidText)
-            fakehost::WriteFile(kPidPath, *c.PidText);
+            fakehost::WriteFile(kRelayPidPath, *c.PidText);
         EXPECT_EQ(KQCtrl_DynamicRelayStop(), 0);
         EXPECT_TRUE(fakehost::Host().Killed.empty());
-        EXPECT_EQ(fakehost::ReadFile(kConfPath), "dhcp-relay=192.0.2.1,198.51.100.10\n");
+        EXPECT_EQ(fakehost::ReadFile(kRelayConfPath), "dhcp-relay=192.0.2.1,198.51.100.10\n");
         ASSERT_FALSE(Lines().empty());
         EXPECT_EQ(Lines().back(), "Dynamic Relay is not exist\n");
         EXPECT_EQ(fakehost::Host().Logs.back().Level, 1u);
@@ -122,13 +109,13 @@ TEST_F(RelayManager, StopKillsRecordedPidAndRemovesBothFiles)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.KillResult);
         fakehost::Reset();
-        fakehost::WriteFile(kConfPath, "dhcp-relay=192.0.2.1,198.51.100.10\n");
-        fakehost::WriteFile(kPidPath, "4242\n");
+        fakehost::WriteFile(kRelayConfPath, "dhcp-relay=192.0.2.1,198.51.100.10\n");
+        fakehost::WriteFile(kRelayPidPath, "4242\n");
         fakehost::Host().KillResult = c.KillResult;
         EXPECT_EQ(KQCtrl_DynamicRelayStop(), c.Result);
         EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});
-        EXPECT_EQ(fakehost::ReadFile(kPidPath).has_value(), !c.FilesRemoved);
-        EXPECT_EQ(fakehost::ReadFile(kConfPath).has_value(), !c.FilesRemoved);
+        EXPECT_EQ(fakehost::ReadFile(kRelayPidPath).has_value(), !c.FilesRemoved);
+        EXPECT_EQ(fakehost::ReadFile(kRelayConfPath).has_value(), !c.FilesRemoved);
         EXPECT_EQ(Lines(), c.Lines);
     }
 }

@@ -3,24 +3,18 @@
 #include <cstring>
 
 #include "fakehost.h"
-#include "relayTestItem.h"
+#include "kqtest.h"
 
-using relaytest::Item;
-using relaytest::Lines;
-using relaytest::ModeItem;
-using relaytest::RelayItem;
+using kqtest::RelayMsg;
+using fakehost::Lines;
+using kqtest::ModeItem;
+using kqtest::RelayItem;
 
 namespace {
 
-class RelayPbToConf : public ::testing::Test {
+class RelayPbToConf : public fakehost::ModuleTest {
 protected:
-    void SetUp() override
-    {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
-        memset(&Conf, 0, sizeof(Conf));
-    }
-    KQ_CTRL_DYNAMIC_RELAY_CONF Conf;
+    KQ_CTRL_DYNAMIC_RELAY_CONF Conf{};
 };
 
 TEST_F(RelayPbToConf, RefusesBadItemsInFixedOrderWithExactLines)
@@ -28,7 +22,7 @@ TEST_F(RelayPbToConf, RefusesBadItemsInFixedOrderWithExactLines)
     enum Shape { Whole, NullMessage, NullName };
     struct Case {
         const char *Name;
-        Item Msg;
+        RelayMsg Msg;
         Shape Form;
         KQ_ERR_T Result;
         std::vector<std::string> Lines;
@@ -93,9 +87,9 @@ TEST_F(RelayPbToConf, CopiesRelayServersAsReceivedWithZoneOfLan)
 
 TEST_F(RelayPbToConf, NonRelayItemsKeepOnlyNameAndZone)
 {
-    Item absent = ModeItem("eth2", KQ_DHCP_RELAY);
+    RelayMsg absent = ModeItem("eth2", KQ_DHCP_RELAY);
     absent.HasIpv4 = false;
-    Item items[] = {std::move(absent), ModeItem("eth2", KQ_DHCP_OFF), ModeItem("eth2", KQ_DHCP_SERVER)};
+    RelayMsg items[] = {std::move(absent), ModeItem("eth2", KQ_DHCP_OFF), ModeItem("eth2", KQ_DHCP_SERVER)};
     for (auto &item : items) {
         SCOPED_TRACE(item.Mode);
         // A relay block in a non-relay item is ignored, even an invalid one.

@@ -2,30 +2,24 @@
 
 #include "fakehost.h"
 #include "kqCtrlDynamicInternal.h"
-#include "serverMsg.h"
+#include "kqtest.h"
 
 using fakehost::Host;
 using fakehost::Ip4;
 
 namespace {
 
+using kqtest::ServerMsg;
+
 const std::string kConf = "/etc/vyr_dhcpd_eth1.conf";
 const std::string kPid = "/var/run/vyr_dhcpd_eth1.pid";
-const std::string kDoc = "/etc/kqagent/dhcp.conf";
 
-class ServerConfig : public ::testing::Test {
+class ServerConfig : public fakehost::ModuleTest {
 protected:
     void SetUp() override
     {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
+        ModuleTest::SetUp();
         Host().LogTestDump = false;
-    }
-    void TearDown() override
-    {
-        fakehost::ClearRegistry();
-        for (const std::string &f : {kConf, kPid, kDoc})
-            remove(f.c_str());
     }
     static const KQ_CTRL_DYNAMIC_SERVER_CONF *Stored() { return _KQCtrl_GetDynamicServerConfByName("eth1"); }
     static size_t Restarts() { return Host().Commands.size(); }
@@ -45,9 +39,14 @@ TEST_F(ServerConfig, SameIpv4AgainInAnotherOrderIsNotRestarted)
     EXPECT_EQ(Restarts(), 1u);
     EXPECT_TRUE(fakehost::HasMessage("Dynamic ipv4service for eth1 is same to current configuration\n"));
     EXPECT_EQ(Stored()->ServerIpv4Conf.IpRange[0].StartIp, Ip4("192.0.2.100"));  // registry untouched
+
+    // As many pools, one of them another: restarted.
+    m.Pools[1] = {"192.0.2.160", 10};
+    ASSERT_EQ(KQCtrl_ConfigDynamicServerAdd(m.Build()), 0);
+    EXPECT_EQ(Restarts(), 2u);
 }
 
-TEST_F(ServerConfig, Ipv6DnsListsCompareByPosition)
+TEST_F(ServerConfig, Ipv6PoolsCompareWholeAndDnsListsByPosition)
 {
     ServerMsg m = ServerMsg::Ipv6(1, 1);
     m.V6Dns = {"2001:db8::a", "2001:db8::b"};
@@ -60,7 +59,10 @@ TEST_F(ServerConfig, Ipv6DnsListsCompareByPosition)
     ASSERT_EQ(KQCtrl_ConfigDynamicServerAdd(m.Build()), 0);
     EXPECT_EQ(Restarts(), 2u);
     EXPECT_TRUE(fakehost::HasMessage("Dhcp server dns ipv6 is not same\n"));
-    EXPECT_TRUE(SameIp6(Stored()->ServerIpv6Conf.DhcpConf.Ipv6Dns[0], "2001:db8::b"));
+    EXPECT_TRUE(kqtest::SameIp6(Stored()->ServerIpv6Conf.DhcpConf.Ipv6Dns[0], "2001:db8::b"));
+    m.V6Pools[0].second = "2001:db8:1::1fe";  // the same start, another end
+    ASSERT_EQ(KQCtrl_ConfigDynamicServerAdd(m.Build()), 0);
+    EXPECT_EQ(Restarts(), 3u);
 }
 
 TEST_F(ServerConfig, DefaultDnsForBothFamiliesAndUnchangedRepeat)
@@ -161,42 +163,6 @@ TEST_F(ServerConfig, RefusedAddsAndDeletesChangeNothing)
     EXPECT_FALSE(fakehost::ReadFile(kPid));
     EXPECT_FALSE(fakehost::ReadFile(kConf));
     EXPECT_EQ(memcmp(Stored(), &before, sizeof(before)), 0);
-}
-
-TEST_F(ServerConfig, LoadRefusesBadDocumentsAndSkipsNullEntries)
-{
-    struct Row {
-        std::optional<std::string> Doc;
-        int Result;
-        std::string Message;  // the last line
-    };
-    const std::vector<Row> rows = {
-        {std::nullopt, -22, "invalid dhcp.conf\n"},
-        {"{\"dhcps\": [", -22, "invalid dynamic conf, not json\n"},
-        {"{\"other\": []}", -22, "invalid dhcp.conf, not complete dhcp type is invaild\n"},
-        {"{\"dhcps\": {}}", -22, "invalid dhcp.conf, not complete dhcp type is invaild\n"},
-        {"{\"dhcps\": []}", -2, "empty dhcp.conf\n"},
-        {"{\"dhcps\": [null, null]}", 0, "dynamic 1 is null\n"},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.Doc.value_or("<missing>"));
-        fakehost::Reset();
-        Host().LogTestDump = false;
-        remove(kDoc.c_str());
-        if (row.Doc)
-            fakehost::WriteFile(kDoc, *row.Doc);
-        long live = Host().LiveAllocations;
-        EXPECT_EQ(KQCtrl_LoadDynamicServerConf(kDoc.c_str()), row.Result);
-        auto messages = fakehost::Messages();
-        if (row.Doc) {
-            EXPECT_EQ(messages.front(), "agent dhcp.conf = " + *row.Doc + " \n");
-        }
-        EXPECT_EQ(messages.back(), row.Message);
-        EXPECT_EQ(Host().LiveAllocations, live);  // the text was released
-        KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-        EXPECT_EQ(head->next, head);
-    }
-    EXPECT_TRUE(fakehost::HasMessage("dynamic 0 is null\n"));
 }
 
 }  // namespace

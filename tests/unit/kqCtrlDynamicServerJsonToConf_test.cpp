@@ -28,15 +28,7 @@ Json Parse(const std::string &Text)
     return doc;
 }
 
-// The logged messages without the flex-log dumps that follow each error line.
-std::vector<std::string> Lines()
-{
-    std::vector<std::string> out;
-    for (const auto &m : fakehost::Messages())
-        if (m.rfind("dump flexlog:", 0) != 0)
-            out.push_back(m);
-    return out;
-}
+using fakehost::Lines;
 
 std::string Print(json_object *Obj) { return json_object_to_json_string(Obj); }
 
@@ -49,14 +41,8 @@ bool LoggedBy(const std::string &Function, const std::string &Message)
     return false;
 }
 
-class ServerJsonTest : public ::testing::Test {
+class ServerJsonTest : public fakehost::ModuleTest {
 protected:
-    void SetUp() override
-    {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
-    }
-
     // The record of eth1 in the document example: IPv4 pools and a stateful DHCPv6 server.
     static KQ_CTRL_DYNAMIC_SERVER_CONF Eth1()
     {
@@ -137,7 +123,9 @@ TEST_F(ServerJsonTest, WriterProducesExactObjectsForEachIpv6Mode)
         c.ServerIpv6Conf.DynamicMode = static_cast<KQ_IPV6_ADDR_AUTOCONF_TYPE>(row.Mode);
         c.ServerIpv6Conf.SlaacConf.Ipv6DnsNum = row.SlaacDnsNum;
         c.ServerIpv6Conf.SlaacConf.Ipv6Dns[0] = slaacDns;
+        fakehost::Reset();
         EXPECT_EQ(Write(c), std::string("{ ") + kEth1Ipv4 + ", \"dhcpIpv6Server\": " + row.Ipv6 + " }");
+        EXPECT_TRUE(fakehost::Messages().empty()) << ::testing::PrintToString(fakehost::Messages());
     }
 }
 
@@ -226,6 +214,8 @@ TEST_F(ServerJsonTest, ReaderEdgeCases)
         {"empty netmask", R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"",)" + range + "}}", 0,
          [](const Conf &c) { EXPECT_EQ(c.NetAddrType, 0); EXPECT_EQ(c.ServerIpv4Conf.IpRangeNum, 0u); },
          "Not found vaild mode from Json object\n"},
+        {"one-character netmask", R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"x",)" + range + "}}", 0, nullptr,
+         "Get netmask ip number failed\n"},
         {"65 ranges", R"({"ifname":"eth1","dhcpIpv4Server":{)" + v4 + ",\"ipRange\":" + ranges(65) + "}}", 0,
          [](const Conf &c) { EXPECT_EQ(c.ServerIpv4Conf.IpRangeNum, 65u); EXPECT_EQ(c.NetAddrType, 1); },
          "Ip range number in dhcp.conf is overflow\n"},
@@ -260,6 +250,10 @@ TEST_F(ServerJsonTest, ReaderEdgeCases)
         {"ipv6 start not address", R"({"ifname":"eth1","dhcpIpv6Server":{"dynamicMode":2,"prefixlengthdhcp":64,)"
                                    R"("leaseTimeIpv6":60,"ipv6Range":[{"startIpv6":"2001:db8:::1","endIpv6":"2001:db8::2"}]}})",
          0, nullptr, "Get ip number failed\n"},
+        {"combined mode, broken pool", R"({"ifname":"eth1","dhcpIpv6Server":{"dynamicMode":3,"prefixlengthdhcp":64,"leaseTimeIpv6":60,)"
+                                       R"("ipv6Range":[{"startIpv6":"2001:db8:::1","endIpv6":"2001:db8::2"}],"prefix":"2001:db8::","prefixlengthslaac":64}})",
+         0, [](const Conf &c) { EXPECT_TRUE(KQ_Ipv6AddrZero(&c.ServerIpv6Conf.SlaacConf.Prefix)); },  // SLAAC part not read
+         "Json to stateless dhcp ipv6 server failed\n"},
         {"slaac without prefix length", R"({"ifname":"eth1","dhcpIpv6Server":{"dynamicMode":0,"prefixlengthslaac":0,"prefix":"2001:db8::"}})",
          0, [](const Conf &c) { EXPECT_EQ(c.NetAddrType, 0); EXPECT_TRUE(KQ_Ipv6AddrZero(&c.ServerIpv6Conf.SlaacConf.Prefix)); },
          ""},
@@ -319,6 +313,8 @@ TEST_F(ServerJsonTest, ReaderFillsBothIpv6DnsListsFromOneKeyAndLogsAsEachReader)
         ASSERT_EQ(v6.DhcpConf.Ipv6DnsNum, 2u);
         ASSERT_EQ(v6.SlaacConf.Ipv6DnsNum, 2u);
         EXPECT_EQ(memcmp(v6.DhcpConf.Ipv6Dns, v6.SlaacConf.Ipv6Dns, 2 * sizeof(KQ_IN6_ADDR)), 0);
+        for (const std::string &line : Lines())
+            EXPECT_EQ(line.find("failed"), std::string::npos) << line;
     }
 
     // The three DNS readers share one body but log under their own names.
@@ -369,6 +365,8 @@ TEST_F(ServerJsonTest, RoundTripsAndTheirKnownAsymmetries)
     expected.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_SLAAC;
     expected.ServerIpv6Conf.SlaacConf = KQ_SLAAC_IPV6_SERVER_CONF{};  // mode 2 writes no SLAAC part
     EXPECT_EQ(memcmp(&read, &expected, sizeof(read)), 0);
+    for (const std::string &line : Lines())
+        EXPECT_EQ(line.find("failed"), std::string::npos) << line;  // a good document reads without complaint
 
     // No IPv4 DNS: written without "dnsIps", and the IPv4 part then fails to read back.
     written.ServerIpv4Conf.DnsNum = 0;
@@ -385,68 +383,6 @@ TEST_F(ServerJsonTest, RoundTripsAndTheirKnownAsymmetries)
     EXPECT_TRUE(fakehost::HasMessage("Json to dynamic ipv4 server failed\n"));
     EXPECT_TRUE(fakehost::HasMessage("Get start ipv6 string from json failed(75:Value too large for defined data type)\n"));
     EXPECT_TRUE(fakehost::HasMessage("Json to stateful dhcp ipv6 server failed\n"));
-}
-
-// Documents no writer made: every value of a good document replaced by something
-// hostile. The reader never crashes or overruns, always accepts a usable name, and what
-// it leaves behind can be written again without reading past an array.
-TEST_F(ServerJsonTest, HostileDocumentsNeverCrash)
-{
-    const std::string good =
-        R"({"ifname":"eth1","vpnId":1,"mode":3,"dhcpIpv4Server":{"ipRange":[{"startIp":"192.0.2.1","endIp":"192.0.2.9"}],)"
-        R"("netmask":"255.255.255.0","gateway":"192.0.2.1","dnsIps":["192.0.2.53"],"leaseTime":60},)"
-        R"("dhcpIpv6Server":{"dynamicMode":3,"ipv6Range":[{"startIpv6":"2001:db8::1","endIpv6":"2001:db8::9"}],)"
-        R"("prefixlengthdhcp":64,"dnsIpv6s":["2001:db8::53"],"leaseTimeIpv6":60,"prefix":"2001:db8::","prefixlengthslaac":64}})";
-    std::string huge = "[";
-    for (int i = 0; i < 100000; ++i)
-        huge += i ? ",{}" : "{}";
-    huge += "]";
-    std::string deep = std::string(25, '[') + std::string(25, ']');
-    const std::string hostile[] = {"null", "true", "-1", "1e300", "-1e300", "NaN", "2147483648", "\"2147483647\"",
-                                   "\"" + std::string(1 << 20, 'a') + "\"", "[]", "{}", huge, deep, "[null,1,\"x\"]"};
-    const std::string keys[] = {"\"ifname\"", "\"vpnId\"", "\"dhcpIpv4Server\"", "\"ipRange\"", "\"startIp\"", "\"netmask\"",
-                                "\"gateway\"", "\"dnsIps\"", "\"leaseTime\"", "\"dhcpIpv6Server\"", "\"dynamicMode\"",
-                                "\"ipv6Range\"", "\"endIpv6\"", "\"prefixlengthdhcp\"", "\"dnsIpv6s\"", "\"prefix\"",
-                                "\"prefixlengthslaac\""};
-    int documents = 0;
-    for (const auto &key : keys) {
-        size_t at = good.find(key);
-        ASSERT_NE(at, std::string::npos);
-        size_t valueStart = at + key.size() + 1;
-        // The value ends where its own nesting closes.
-        int depth = 0;
-        size_t valueEnd = valueStart;
-        bool inString = false;
-        for (; valueEnd < good.size(); ++valueEnd) {
-            char ch = good[valueEnd];
-            if (ch == '"')
-                inString = !inString;
-            else if (!inString && (ch == '[' || ch == '{'))
-                ++depth;
-            else if (!inString && (ch == ']' || ch == '}') && depth-- == 0)
-                break;
-            else if (!inString && ch == ',' && depth == 0)
-                break;
-        }
-        for (const auto &value : hostile) {
-            std::string text = good.substr(0, valueStart) + value + good.substr(valueEnd);
-            SCOPED_TRACE(key + " = " + value.substr(0, 40));
-            fakehost::Reset();
-            Json doc = Parse(text);
-            ASSERT_TRUE(doc);
-            KQ_CTRL_DYNAMIC_SERVER_CONF c{};
-            KQ_ERR_T ret = KQCtrl_JsonToConfDynamicServer(doc.get(), &c);
-            if (key == "\"ifname\"")
-                EXPECT_TRUE(ret == -EINVAL || ret == -EOVERFLOW || (ret == 0 && kq::IsUsableIfName(c.IfName))) << ret;
-            else
-                EXPECT_EQ(ret, 0);
-            Json item(json_object_new_object());
-            ret = KQCtrl_ConfToJsonDynamicServer(&c, item.get());
-            EXPECT_TRUE(ret == 0 || ret == -EOVERFLOW) << ret;
-            ++documents;
-        }
-    }
-    EXPECT_EQ(documents, 17 * 14);
 }
 
 TEST_F(ServerJsonTest, SafeGettersFollowJsonCConversions)

@@ -18,19 +18,13 @@ const std::string kConf = "/etc/vyr_dhcpd_eth1.conf";
 const std::string kPid = "/var/run/vyr_dhcpd_eth1.pid";
 const std::string kLogLine = "log-facility=/var/log/morvaxel.log\n";
 
-class ServerManager : public ::testing::Test {
+class ServerManager : public fakehost::ModuleTest {
 protected:
     void SetUp() override
     {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
+        ModuleTest::SetUp();
         Host().LogTestDump = false;
         strcpy(Conf.IfName, "eth1");
-    }
-    void TearDown() override
-    {
-        remove(kConf.c_str());
-        remove(kPid.c_str());
     }
     std::string Written() { return fakehost::ReadFile(kConf).value_or("<no file>"); }
 
@@ -140,6 +134,14 @@ TEST_F(ServerManager, WriterFailuresWriteNothing)
              Host().Fail["KQ_SafeStrFormatIp6Addr"] = 50;
          },
          -75, {"Ipv6 string is overflow\n", "Set slaac mode conf failed(75:Value too large for defined data type)\n"}},
+        {"combined mode, dns text overflow",
+         [](auto &c) {
+             c.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP;
+             c.ServerIpv6Conf.SlaacConf.Ipv6DnsNum = 1;
+             c.ServerIpv6Conf.SlaacConf.Ipv6Dns[0] = Ip6("2001:db8::53");
+             Host().Fail["KQ_SafeStrFormatIp6Addr"] = 50;
+         },
+         -75, {"Ipv6 string is overflow\n", "Set dhcpv6 and slaac mode conf failed(75:Value too large for defined data type)\n"}},
         {"buffer", [](auto &) { Host().Fail["KQ_AgentMemZeroAlloc"] = 0; }, -12, {"Apply memory failed\n"}},
         {"too long",
          [](auto &c) {

@@ -3,19 +3,20 @@
 #include <gtest/gtest.h>
 
 #include "fakehost.h"
-#include "serverMsg.h"
+#include "kqtest.h"
 
 using fakehost::Host;
 using fakehost::Ip4;
 
 namespace {
 
-class ServerPbToConf : public ::testing::Test {
+using kqtest::ServerMsg;
+
+class ServerPbToConf : public fakehost::ModuleTest {
 protected:
     void SetUp() override
     {
-        fakehost::Reset();
-        fakehost::ClearRegistry();
+        ModuleTest::SetUp();
         Host().LogTestDump = false;  // one line per message
     }
 };
@@ -127,7 +128,7 @@ TEST_F(ServerPbToConf, ModePairsAndPartsTheyFill)
     EXPECT_EQ(conf.NetAddrType, KQ_NET_ADDR_IPV46);
     EXPECT_EQ(conf.SecurityZoneId, 7u);
     EXPECT_EQ(conf.ServerIpv4Conf.IpRange[0].EndIp, Ip4("192.0.2.199"));
-    EXPECT_TRUE(SameIp6(conf.ServerIpv6Conf.SlaacConf.Ipv6Dns[0], "2001:db8::53"));
+    EXPECT_TRUE(kqtest::SameIp6(conf.ServerIpv6Conf.SlaacConf.Ipv6Dns[0], "2001:db8::53"));
 }
 
 TEST_F(ServerPbToConf, NonServerModesLeaveOnlyNameAndZone)

@@ -1,20 +1,24 @@
-// Builds DhcpItemV2 requests for the server unit and lab tests from plain values; the message points
-// into this object, so keep it alive (and unmoved) while the message is in use.
+// What the unit and lab tests share: address parsing, the registry walk, and requests
+// built from plain values (each request owns what its pointers reach, so keep it alive and
+// unmoved while the message is in use).
 #pragma once
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <arpa/inet.h>
-#include <cstdlib>
 
-#include "kqCtrlDynamic.h"
+#include "kqCtrlDynamicInternal.h"
 
-namespace servermsg {
+namespace kqtest {
 
+// "192.0.2.1" -> host-order number; "2001:db8::1" -> KQ_IN6_ADDR. Test data only: aborts on typos.
 inline uint32_t Ip4(const char *Text)
 {
     in_addr a{};
@@ -30,15 +34,35 @@ inline KQ_IN6_ADDR Ip6(const char *Text)
         abort();
     return a;
 }
-
-}  // namespace servermsg
+inline KQ_IN6_ADDR Ip6(const std::string &Text) { return Ip6(Text.c_str()); }
 
 inline bool SameIp6(const KQ_IN6_ADDR &Addr, const char *Text)
 {
-    KQ_IN6_ADDR other = servermsg::Ip6(Text);
+    KQ_IN6_ADDR other = Ip6(Text);
     return memcmp(&Addr, &other, sizeof(Addr)) == 0;
 }
 
+// The registry's nodes in list order.
+inline std::vector<KQ_CTRL_DYNAMIC_SERVICE_CONF *> Registry()
+{
+    std::vector<KQ_CTRL_DYNAMIC_SERVICE_CONF *> out;
+    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
+    for (KQ_LIST_HEAD *l = head->next; l != head; l = l->next)
+        out.push_back(&reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
+                           reinterpret_cast<char *>(l) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List))
+                           ->DynamicConf);
+    return out;
+}
+
+inline std::vector<std::string> RegistryNames()
+{
+    std::vector<std::string> names;
+    for (const auto *c : Registry())
+        names.push_back(c->IfName);
+    return names;
+}
+
+// A server request (DhcpItemV2 with IPv4 and/or IPv6 server parts).
 struct ServerMsg {
     std::optional<std::string> IfName = "eth1";
 
@@ -64,7 +88,7 @@ struct ServerMsg {
         ServerMsg m;
         m.V4Mode = 3;
         m.Pools = {{"192.0.2.100", 100}};
-        m.Netmask = servermsg::Ip4("255.255.255.0");
+        m.Netmask = Ip4("255.255.255.0");
         m.Lease = 3600;
         return m;
     }
@@ -84,6 +108,18 @@ struct ServerMsg {
         return m;
     }
 
+    // Both families on one interface: Ipv4() plus Ipv6() in the given modes.
+    static ServerMsg DualStack(uint32_t Addr, uint32_t Dns)
+    {
+        ServerMsg m = Ipv6(Addr, Dns);
+        ServerMsg v4 = Ipv4();
+        m.V4Mode = v4.V4Mode;
+        m.Pools = v4.Pools;
+        m.Netmask = v4.Netmask;
+        m.Lease = v4.Lease;
+        return m;
+    }
+
     const DhcpItemV2 *Build()
     {
         Item = DHCP_ITEM_V2__INIT;
@@ -97,7 +133,7 @@ struct ServerMsg {
             Ranges.assign(Pools.size(), RANGE__INIT);
             RangePtrs.clear();
             for (size_t i = 0; i < Pools.size(); ++i) {
-                Ranges[i].begin = servermsg::Ip4(Pools[i].first);
+                Ranges[i].begin = Ip4(Pools[i].first);
                 Ranges[i].has_len = 1;
                 Ranges[i].len = Pools[i].second;
                 RangePtrs.push_back(int(i) == NullPoolAt ? nullptr : &Ranges[i]);
@@ -157,7 +193,7 @@ private:
         Bytes.emplace_back();
         if (strcmp(Text, "short") == 0)
             return {4, Bytes.back().data()};
-        KQ_IN6_ADDR a = servermsg::Ip6(Text);
+        KQ_IN6_ADDR a = Ip6(Text);
         memcpy(Bytes.back().data(), a.In6.U6Addr8, 16);
         return {16, Bytes.back().data()};
     }
@@ -174,3 +210,58 @@ private:
     std::vector<ProtobufCBinaryData> V6DnsPb;
     std::vector<std::array<uint8_t, 16>> Bytes;
 };
+
+// The shared relay's files and the command that starts it.
+inline constexpr char kRelayConfPath[] = "/etc/vyr_dhcpd_relay.conf";
+inline constexpr char kRelayPidPath[] = "/var/run/vyr_dhcpd_relay.pid";
+inline constexpr char kRelayStartCmd[] =
+    "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_relay.conf --port=0 "
+    "--pid-file=/var/run/vyr_dhcpd_relay.pid -z";
+
+// A relay request (or, with ModeItem, an IPv4 item in another mode without a relay part).
+struct RelayMsg {
+    std::string IfName;
+    uint32_t Mode = KQ_DHCP_RELAY;
+    uint32_t LanIp = 0;
+    std::vector<uint32_t> Servers;
+    bool HasIpv4 = true;
+    bool HasRelay = true;
+
+    DhcpItemV2 Msg = DHCP_ITEM_V2__INIT;
+    Ipv4DhcpItem Ipv4 = IPV4_DHCP_ITEM__INIT;
+    Ipv4DhcpRelay Relay = IPV4_DHCP_RELAY__INIT;
+
+    // Wires the message to the fields above; call after changing them.
+    const DhcpItemV2 *get()
+    {
+        Msg.ifname = IfName.data();
+        Msg.ipv4dhcpitem = HasIpv4 ? &Ipv4 : nullptr;
+        Ipv4.mode = Mode;
+        Ipv4.dhcprelay = HasRelay ? &Relay : nullptr;
+        Relay.lanip = LanIp;
+        Relay.n_relayserver = Servers.size();
+        Relay.relayserver = Servers.data();
+        return &Msg;
+    }
+};
+
+inline RelayMsg RelayItem(const char *IfName, const char *LanIp, std::vector<const char *> Servers)
+{
+    RelayMsg item;
+    item.IfName = IfName;
+    item.LanIp = Ip4(LanIp);
+    for (const char *s : Servers)
+        item.Servers.push_back(Ip4(s));
+    return item;
+}
+
+inline RelayMsg ModeItem(const char *IfName, uint32_t Mode)
+{
+    RelayMsg item;
+    item.IfName = IfName;
+    item.Mode = Mode;
+    item.HasRelay = false;
+    return item;
+}
+
+}  // namespace kqtest
