@@ -14,7 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
+#include "kqAgentMessages.h"
+#include "kqAgentPlan.h"
 #include "kqAgentRequests.h"
 #include "kqAgentStatus.h"
 #include "kqCtrlDynamic.h"
@@ -30,12 +33,14 @@ constexpr int kExitUsage = 2;   // bad command line or bad request file
 
 const char *kUsage =
     "usage: kqagent [--config FILE] [-v|-q] COMMAND [ARGS]\n"
+    "       kqagent --version\n"
     "\n"
     "Configure the DHCP servers, relay and clients of this appliance through the dynamic module.\n"
     "\n"
     "commands:\n"
-    "  apply FILE              check a request file, then add/delete each interface's DHCP setup in order\n"
-    "  check FILE              only check a request file (nothing is applied)\n"
+    "  apply FILE [--dry-run]  check a request file, then add/delete each interface's DHCP setup in order\n"
+    "  check FILE [--strict]   only check a request file (nothing is applied)\n"
+    "  plan FILE               what apply would do per interface: new, unchanged, restart, stop (nothing is touched)\n"
     "  load [PATH]             restore every server and the relay from dhcp.conf (restarts their dnsmasq)\n"
     "  client enable|disable ipv4|ipv6 IFNAME [--zone N] [--type slaac|stateless|stateful] [--rs]\n"
     "                          start or stop dhclient on an interface\n"
@@ -46,14 +51,15 @@ const char *kUsage =
     "\n"
     "options:\n"
     "  --config FILE   host settings file (default: $KQ_HOST_CONFIG; without one, built-in defaults)\n"
-    "  -v, --verbose   show the module's trace lines\n"
+    "  -v, --verbose   also show the module's trace and notice lines (default: its warnings and errors)\n"
     "  -q, --quiet     show only the module's error lines\n"
+    "  --version       print kqagent's version\n"
     "\n"
     "exit status: 0 done, 1 refused by the module or the system, 2 bad command line or request file\n";
 
 const std::map<std::string, std::string> kCommandHelp = {
     {"apply",
-     "usage: kqagent apply FILE [--load]\n"
+     "usage: kqagent apply FILE [--load] [--dry-run] [--strict]\n"
      "\n"
      "Checks the whole request file first: an unknown key, a wrong type, a bad address, a number out of\n"
      "range or a missing field is reported with the request index and field path, and nothing is applied.\n"
@@ -62,10 +68,28 @@ const std::map<std::string, std::string> kCommandHelp = {
      "Each kqagent run is a new process, so the module's registry starts empty. Before applying, the\n"
      "registry is restored from dhcp.conf with the module's own readers, without touching any process,\n"
      "so that an unchanged interface is left running and the shared relay keeps every relay interface.\n"
-     "  --load   restore with the module's start-up load instead (restarts every dnsmasq it restores)\n"
+     "  --load      restore with the module's start-up load instead (restarts every dnsmasq it restores)\n"
+     "  --dry-run   print the plan (see 'kqagent help plan') and stop; nothing is touched\n"
+     "  --strict    treat warnings (settings a restart would lose) as errors\n"
      "\n"
      "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see the kqagent section of README.md.\n"},
-    {"check", "usage: kqagent check FILE\n\nChecks a request file exactly as apply does and applies nothing.\n"},
+    {"check",
+     "usage: kqagent check FILE [--strict]\n"
+     "\n"
+     "Checks a request file exactly as apply does and applies nothing. Besides the form of each request:\n"
+     "an add must name ipv4dhcpitem or ipv6dhcpitem; pools must not overlap and must lie in the subnet of\n"
+     "the netmask, with the gateway; the JSON must be strict (no trailing commas, no key given twice); the\n"
+     "interface's dnsmasq file must stay below 10240 bytes and each of its lines within 1024 characters; and\n"
+     "dhcp.conf must stay within the 16 MiB its loader reads. Settings that run but that dhcp.conf cannot\n"
+     "hold across a restart are warnings.\n"
+     "  --strict   treat those warnings as errors\n"},
+    {"plan",
+     "usage: kqagent plan FILE [--strict]\n"
+     "\n"
+     "Checks the request file as check does, then prints per request what the module would do, judged\n"
+     "against the configuration dhcp.conf holds: new server, server unchanged, server restart (with the\n"
+     "fields that differ), server stop, new/changed/removed relay, and when the shared relay is rebuilt.\n"
+     "Nothing is started, stopped or written.\n"},
     {"load",
      "usage: kqagent load [PATH]\n"
      "\n"
@@ -99,6 +123,10 @@ struct Options {
     bool verbose = false;
     bool quiet = false;
 };
+
+#ifndef KQ_VERSION
+#define KQ_VERSION "unknown"
+#endif
 
 int Usage(const std::string &problem, const std::string &command = "")
 {
@@ -179,6 +207,61 @@ auto Quietly(const Options &options, Fn fn)
     return result;
 }
 
+// The request file, parsed and checked against what the module, dnsmasq and dhcp.conf can hold.
+// Prints the refusal or the warnings; nullopt means: nothing may be applied (exit 2).
+std::optional<ParsedRequests> CheckedRequests(const Options &options, const std::string &path, bool strict,
+                                              std::vector<Request> *current = nullptr)
+{
+    auto parsed = ReadRequestFile(path);
+    if (!parsed)
+        return std::nullopt;
+    std::vector<std::string> problems;
+    std::vector<Request> configured = Quietly(options, [&] { return CurrentConfiguration(problems); });
+    const CheckReport report = CheckRequests(parsed->requests, configured, strict);
+    for (const auto &warning : report.warnings)
+        std::cerr << "kqagent: warning: " << path << ": " << warning << "\n";
+    if (!report.Ok()) {
+        for (const auto &error : report.errors)
+            std::cerr << "kqagent: " << path << ": " << error << "\n";
+        std::cerr << "kqagent: nothing applied\n";
+        return std::nullopt;
+    }
+    if (current != nullptr) {
+        for (const auto &problem : problems)
+            std::cerr << "kqagent: note: " << KQ_AgentPathDhcpConf() << ": " << problem << "\n";
+        *current = std::move(configured);
+    }
+    return parsed;
+}
+
+// The module's default DNS server for an interface: its first address, read as the module does.
+DefaultDns HostDefaultDns()
+{
+    DefaultDns defaults;
+    defaults.ipv4 = [](const std::string &ifname) -> std::optional<uint32_t> {
+        uint32_t address = 0;
+        uint8_t length = 0;
+        if (KQ_RtcNetioInterfaceGetFirstIpv4(ifname.c_str(), &address, &length) < 0 || address == 0)
+            return std::nullopt;
+        return address;
+    };
+    defaults.ipv6 = [](const std::string &ifname) -> std::optional<std::vector<uint8_t>> {
+        KQ_IN6_ADDR address{};
+        uint8_t length = 0;
+        if (KQ_RtcNetioInterfaceGetFirstIpv6(ifname.c_str(), &address, &length) < 0)
+            return std::nullopt;
+        return std::vector<uint8_t>(address.In6.U6Addr8, address.In6.U6Addr8 + 16);
+    };
+    return defaults;
+}
+
+void PrintPlan(const Options &options, const std::vector<Request> &current, const std::vector<Request> &requests)
+{
+    const auto lines = Quietly(options, [&] { return PlanLines(current, requests, HostDefaultDns()); });
+    for (const auto &line : lines)
+        std::cout << line << "\n";
+}
+
 // Fills this process's registry from dhcp.conf through the module's own readers, without
 // starting or stopping anything, so that a new kqagent process sees what an agent that had
 // kept running would hold. Two gaps of the start-up path are closed on purpose: the zone
@@ -195,7 +278,7 @@ int RestoreRegistry(const Options &options, size_t &restored)
     json_object *items = nullptr;
     if (root == nullptr || !json_object_object_get_ex(root, "dhcps", &items) ||
         !json_object_is_type(items, json_type_array)) {
-        std::cerr << "kqagent: " << path << " is not a dhcp.conf document (no \"dhcps\" array); nothing applied\n";
+        std::cerr << "kqagent: " << DescribeLoadFailure(path, BackupOf(path), -EINVAL).text << "; nothing applied\n";
         return -EINVAL;
     }
     for (size_t i = 0; i < json_object_array_length(items); ++i) {
@@ -241,50 +324,96 @@ int RestoreRegistry(const Options &options, size_t &restored)
     return 0;
 }
 
-int CmdCheck(const std::vector<std::string> &args)
+// FILE plus the flags a command allows; false after printing the usage problem.
+bool FileAndFlags(const std::vector<std::string> &args, const std::string &command,
+                  const std::map<std::string, bool *> &flags, std::string &file, int &status)
 {
-    if (args.size() != 1)
-        return Usage("check needs exactly one request file", "check");
-    const auto parsed = ReadRequestFile(args[0]);
+    for (const auto &arg : args) {
+        const auto it = flags.find(arg);
+        if (it != flags.end()) {
+            *it->second = true;
+        } else if (!arg.empty() && arg[0] == '-') {
+            status = Usage(command + ": unknown option " + arg, command);
+            return false;
+        } else if (file.empty()) {
+            file = arg;
+        } else {
+            status = Usage(command + " takes one request file", command);
+            return false;
+        }
+    }
+    if (file.empty()) {
+        status = Usage(command + " needs a request file", command);
+        return false;
+    }
+    return true;
+}
+
+int CmdCheck(const Options &options, const std::vector<std::string> &args)
+{
+    std::string file;
+    bool strict = false;
+    int status = kExitUsage;
+    if (!FileAndFlags(args, "check", {{"--strict", &strict}}, file, status))
+        return status;
+    const auto parsed = CheckedRequests(options, file, strict);
     if (!parsed)
         return kExitUsage;
-    std::cout << args[0] << ": " << parsed->requests.size() << " request(s), all valid\n";
+    std::cout << file << ": " << parsed->requests.size() << " request(s), all valid\n";
     for (size_t i = 0; i < parsed->requests.size(); ++i)
         std::cout << "  [" << i << "] " << parsed->requests[i].Summary() << "\n";
+    return kExitOk;
+}
+
+int CmdPlan(const Options &options, const std::vector<std::string> &args)
+{
+    std::string file;
+    bool strict = false;
+    int status = kExitUsage;
+    if (!FileAndFlags(args, "plan", {{"--strict", &strict}}, file, status))
+        return status;
+    std::vector<Request> current;
+    const auto parsed = CheckedRequests(options, file, strict, &current);
+    if (!parsed)
+        return kExitUsage;
+    std::cout << file << ": " << parsed->requests.size() << " request(s), all valid; against "
+              << current.size() << " configured interface(s), apply would:\n";
+    PrintPlan(options, current, parsed->requests);
     return kExitOk;
 }
 
 int CmdApply(const Options &options, const std::vector<std::string> &args)
 {
     std::string file;
-    bool startupLoad = false;
-    for (const auto &arg : args) {
-        if (arg == "--load")
-            startupLoad = true;
-        else if (!arg.empty() && arg[0] == '-')
-            return Usage("apply: unknown option " + arg, "apply");
-        else if (file.empty())
-            file = arg;
-        else
-            return Usage("apply takes one request file", "apply");
-    }
-    if (file.empty())
-        return Usage("apply needs a request file", "apply");
-    const auto parsed = ReadRequestFile(file);
+    bool startupLoad = false, dryRun = false, strict = false;
+    int status = kExitUsage;
+    if (!FileAndFlags(args, "apply", {{"--load", &startupLoad}, {"--dry-run", &dryRun}, {"--strict", &strict}}, file,
+                      status))
+        return status;
+    std::vector<Request> current;
+    const auto parsed = CheckedRequests(options, file, strict, &current);
     if (!parsed)
         return kExitUsage;
     const auto &requests = parsed->requests;
     std::cout << file << ": " << requests.size() << " request(s), all valid\n";
+    if (dryRun) {
+        std::cout << "dry run: nothing is touched; against " << current.size()
+                  << " configured interface(s), apply would:\n";
+        PrintPlan(options, current, requests);
+        return kExitOk;
+    }
 
     const std::string confPath = KQ_AgentPathDhcpConf();
     if (access(confPath.c_str(), F_OK) == 0) {
         if (startupLoad) {
             std::cout << "loading " << confPath << " (restarts every restored dnsmasq)\n";
             const KQ_ERR_T result = KQCtrl_LoadDynamicServiceConf(confPath.c_str());
-            // An empty "dhcps" array is the module's ENOENT: there is simply nothing to restore.
-            if (result < 0 && result != -ENOENT) {
-                std::cerr << "kqagent: loading " << confPath << " failed: " << ErrnoName(result) << "; nothing applied\n";
-                return kExitFailed;
+            if (result < 0) {
+                const LoadOutcome outcome = DescribeLoadFailure(confPath, BackupOf(confPath), result);
+                if (outcome.failed) {
+                    std::cerr << "kqagent: " << outcome.text << "; nothing applied\n";
+                    return kExitFailed;
+                }
             }
         } else {
             size_t restored = 0;
@@ -301,8 +430,14 @@ int CmdApply(const Options &options, const std::vector<std::string> &args)
                                                               : KQCtrl_ConfigDynamicDel(&request.Item());
         if (result < 0) {
             std::cout << "refused\n";
-            std::cerr << "kqagent: request " << i << " refused by the module: " << ErrnoName(result) << " "
-                      << strerror(-result) << "\n";
+            const std::string ifname = request.Item().ifname;
+            std::cerr << "kqagent: request " << i << ": " << DescribeRefusal(request.Op(), ifname, result) << "\n";
+            if (request.Op() == RequestOp::Add) {
+                const std::string removed = RemoveLeftoverServerFile(ifname);
+                if (!removed.empty())
+                    std::cerr << "kqagent: removed " << removed << ", left behind by the failed start (" << ifname
+                              << " is not configured)\n";
+            }
             std::cerr << "kqagent: request " << i << ": " << request.Json() << "\n";
             if (i + 1 < requests.size())
                 std::cerr << "kqagent: stopped; request(s) " << i + 1 << ".." << requests.size() - 1 << " not applied\n";
@@ -313,14 +448,23 @@ int CmdApply(const Options &options, const std::vector<std::string> &args)
     return kExitOk;
 }
 
-int CmdLoad(const std::vector<std::string> &args)
+int CmdLoad(const Options &options, const std::vector<std::string> &args)
 {
     if (args.size() > 1)
         return Usage("load takes at most one path", "load");
     const std::string path = args.empty() ? KQ_AgentPathDhcpConf() : args[0];
+    // The readers report at warning level every optional key an item lacks ("Not found vaild
+    // mode from Json object", "dynamic relay is invaild"): trace, for an operator.
+    if (!options.verbose)
+        KQ_HostSetLogLevel(4);
     const KQ_ERR_T result = KQCtrl_LoadDynamicServiceConf(path.c_str());
     if (result < 0) {
-        std::cerr << "kqagent: load " << path << " failed: " << ErrnoName(result) << " " << strerror(-result) << "\n";
+        const LoadOutcome outcome = DescribeLoadFailure(path, BackupOf(path), result);
+        if (!outcome.failed) {
+            std::cout << outcome.text << "\n";
+            return kExitOk;
+        }
+        std::cerr << "kqagent: " << outcome.text << "\n";
         return kExitFailed;
     }
     std::cout << "loaded " << path << "\n";
@@ -496,6 +640,9 @@ int main(int argc, char **argv)
             options.quiet = true;
         } else if (arg == "-h" || arg == "--help") {
             return Help("");
+        } else if (arg == "--version") {
+            std::cout << "kqagent " << KQ_VERSION << "\n";
+            return kExitOk;
         } else if (!arg.empty() && arg[0] == '-') {
             return Usage("unknown option " + arg);
         } else {
@@ -506,10 +653,8 @@ int main(int argc, char **argv)
         std::cerr << kUsage;
         return kExitUsage;
     }
-    if (options.verbose)
-        KQ_HostSetLogLevel(1);
-    else if (options.quiet)
-        KQ_HostSetLogLevel(4);
+    // Operators see the module's warnings and errors; its traces and notices with -v.
+    KQ_HostSetLogLevel(options.verbose ? 1 : options.quiet ? 4 : 3);
 
     const std::string command = args[next];
     const std::vector<std::string> rest(args.begin() + static_cast<long>(next) + 1, args.end());
@@ -520,9 +665,11 @@ int main(int argc, char **argv)
     if (command == "apply")
         return CmdApply(options, rest);
     if (command == "check")
-        return CmdCheck(rest);
+        return CmdCheck(options, rest);
+    if (command == "plan")
+        return CmdPlan(options, rest);
     if (command == "load")
-        return CmdLoad(rest);
+        return CmdLoad(options, rest);
     if (command == "client")
         return CmdClient(rest);
     if (command == "rs")
