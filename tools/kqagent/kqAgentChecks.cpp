@@ -179,8 +179,8 @@ size_t DocumentSize(size_t count, size_t itemBytes)
 
 class Checker {
 public:
-    Checker(size_t index, const DhcpItemV2 &item, CheckReport &report, bool strict)
-        : prefix_("request " + std::to_string(index) + ": "), item_(item), report_(report), strict_(strict)
+    Checker(size_t index, const DhcpItemV2 &item, CheckReport &report, bool strict, const CheckLimits &limits)
+        : prefix_("request " + std::to_string(index) + ": "), item_(item), report_(report), strict_(strict), limits_(limits)
     {
     }
 
@@ -287,14 +287,14 @@ private:
         size_t size = 0;
         for (const Line &line : lines) {
             size += line.text.size() + 1;
-            if (line.text.size() > kDnsmasqLineMax)
+            if (line.text.size() > limits_.dnsmasqLine)
                 Error(line.path, "makes a dnsmasq line of " + std::to_string(line.text.size()) +
-                                     " characters; dnsmasq reads at most " + std::to_string(kDnsmasqLineMax) +
+                                     " characters; dnsmasq reads at most " + std::to_string(limits_.dnsmasqLine) +
                                      " (give fewer entries)");
         }
-        if (size >= kDnsmasqFileMax)
+        if (size >= limits_.dnsmasqFile)
             Error("item", "the dnsmasq file of " + std::string(item_.ifname) + " would be " + std::to_string(size) +
-                              " bytes; the module writes at most " + std::to_string(kDnsmasqFileMax - 1) +
+                              " bytes; the module writes at most " + std::to_string(limits_.dnsmasqFile - 1) +
                               " (give fewer pools or DNS servers)");
     }
 
@@ -302,6 +302,7 @@ private:
     const DhcpItemV2 &item_;
     CheckReport &report_;
     bool strict_;
+    const CheckLimits &limits_;
 };
 
 }  // namespace
@@ -325,7 +326,8 @@ size_t DhcpConfSize(const std::vector<const DhcpItemV2 *> &items)
     return DocumentSize(count, bytes);
 }
 
-CheckReport CheckRequests(const std::vector<Request> &requests, const std::vector<Request> &current, bool strict)
+CheckReport CheckRequests(const std::vector<Request> &requests, const std::vector<Request> &current, bool strict,
+                          const CheckLimits &limits)
 {
     CheckReport report;
     // Interfaces as dhcp.conf would list them after each request: name -> size of its item.
@@ -354,14 +356,14 @@ CheckReport CheckRequests(const std::vector<Request> &requests, const std::vecto
             set(item.ifname, 0);
             continue;
         }
-        Checker(i, item, report, strict).Add();
+        Checker(i, item, report, strict, limits).Add();
         set(item.ifname, DhcpConfItemSize(item));
         const size_t size = DocumentSize(count, bytes);
-        if (!tooBig && size > kDhcpConfMax) {
+        if (!tooBig && size > limits.dhcpConf) {
             tooBig = true;
             report.errors.push_back("request " + std::to_string(i) + ": item: dhcp.conf would grow to " +
                                     std::to_string(size) + " bytes (" + std::to_string(count) +
-                                    " interfaces), over the " + std::to_string(kDhcpConfMax) +
+                                    " interfaces), over the " + std::to_string(limits.dhcpConf) +
                                     " the loader reads at start-up, so nothing would be restored after a restart");
         }
     }

@@ -20,6 +20,12 @@ constexpr size_t kDnsmasqLineMax = 1024;             // longest line dnsmasq 2.9
 constexpr size_t kDhcpConfMax = size_t{16} << 20;    // the host reads dhcp.conf up to 16 MiB
 constexpr size_t kDhcpConfRangeTextMax = 18;         // dhcp.conf readers keep 18 characters of an IPv6 range end
 
+struct CheckLimits {
+    size_t dnsmasqFile = kDnsmasqFileMax;
+    size_t dnsmasqLine = kDnsmasqLineMax;
+    size_t dhcpConf = kDhcpConfMax;
+};
+
 struct CheckReport {
     // "request <i>: <path>: <reason>", like the parser's refusals.
     std::vector<std::string> errors;
@@ -29,7 +35,8 @@ struct CheckReport {
 
 // `current` is the last accepted add per interface before these requests; it only matters
 // for the size of the whole dhcp.conf. With `strict`, warnings are errors.
-CheckReport CheckRequests(const std::vector<Request> &requests, const std::vector<Request> &current, bool strict);
+CheckReport CheckRequests(const std::vector<Request> &requests, const std::vector<Request> &current, bool strict,
+                          const CheckLimits &limits = CheckLimits());
 
 // The text of the interface's dnsmasq file as the module writes it for this add (an interface
 // without a DNS server given gets the longest default the module could fill in).

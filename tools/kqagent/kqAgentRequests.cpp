@@ -530,7 +530,7 @@ ParsedRequests ParseRequests(const std::string &text)
     json_tokener_free(tokener);
     // json-c stops after the first complete value; anything but blanks after it is a fault.
     const size_t rest = text.find_first_not_of(std::string(" \t\r\n\0", 5), std::min(offset, text.size()));
-    const bool trailing = root != nullptr && status == json_tokener_success && rest != std::string::npos;
+    bool trailing = root != nullptr && status == json_tokener_success && rest != std::string::npos;
     if (root == nullptr && status == json_tokener_success && !trailing) {
         parsed.error = "(file): expected an object, found null";
         return parsed;
@@ -540,6 +540,13 @@ ParsedRequests ParseRequests(const std::string &text)
         const size_t line = 1 + std::count(text.begin(), text.begin() + static_cast<long>(end), '\n');
         const size_t lineStart = text.rfind('\n', end == 0 ? 0 : end - 1);
         const size_t column = end - (lineStart == std::string::npos || end == 0 ? 0 : lineStart + 1) + 1;
+        // The strict tokener reads on after a complete document; say so when that is the fault.
+        if (!trailing && end > 0 && end < text.size()) {
+            json_tokener_error headStatus = json_tokener_success;
+            json_object *head = json_tokener_parse_verbose(text.substr(0, end).c_str(), &headStatus);
+            trailing = head != nullptr;
+            json_object_put(head);
+        }
         const size_t before = end == 0 ? std::string::npos : text.find_last_not_of(" \t\r\n", end - 1);
         const bool trailingComma = !trailing && end < text.size() && (text[end] == '}' || text[end] == ']') &&
                                    before != std::string::npos && text[before] == ',';
