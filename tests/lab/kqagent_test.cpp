@@ -200,6 +200,14 @@ TEST(KqAgentLab, ApplyRefuseStatusAndDelete)
                                ".bak is intact: kqagent load " + dhcpConf + ".bak\n"),
               std::string::npos) << damaged.err;
     EXPECT_EQ(damaged.err.find("vaild"), std::string::npos) << damaged.err;
+
+    // lan1 turned relay: the leases its server handed out are not the relay's.
+    lab::WriteFile(dhcpConf, R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, )"
+                             R"("dhcpRelay": { "lanIp": "192.0.2.1", "relayServer": [ "203.0.113.2" ] } } ] })");
+    const Outcome relayed = Agent(dir, "status");
+    EXPECT_NE(relayed.out.find("\nlan1: zone 7 (netns vpn7)\n  relay: lan ip 192.0.2.1 -> 203.0.113.2\n\n"), std::string::npos)
+        << relayed.out;
+    EXPECT_EQ(relayed.out.find(address), std::string::npos) << relayed.out;
 }
 
 }  // namespace
