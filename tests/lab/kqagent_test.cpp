@@ -128,6 +128,35 @@ TEST(KqAgentLab, ApplyRefuseStatusAndDelete)
     EXPECT_EQ(std::string(json_object_get_string(Get(json_object_array_get_idx(leases, 0), "address"))), address);
     EXPECT_FALSE(json_object_get_boolean(Get(Get(Get(status, "relay"), "process"), "running")));
     EXPECT_FALSE(json_object_get_boolean(Get(Get(Get(lan1, "dhclient"), "process"), "running")));
+    json_object *use = Get(Get(server, "poolUse"), "ipv4");
+    EXPECT_EQ(json_object_get_int(Get(use, "leases")), 1) << shown.out;
+    EXPECT_EQ(json_object_get_int(Get(use, "addresses")), 20) << shown.out;
+
+    // The plan: judged against dhcp.conf, nothing touched; the module's reader traces stay out.
+    lab::WriteFile(dir.File("longer.json"), std::string(kServerRequest).replace(std::string(kServerRequest).find("3600"), 4, "7200"));
+    const Outcome same = Agent(dir, "plan " + dir.File("server.json"));
+    EXPECT_EQ(same.status, 0) << same.err;
+    EXPECT_NE(same.out.find("\n[0] add lan1: server unchanged\n"), std::string::npos) << same.out;
+    const Outcome longer = Agent(dir, "apply --dry-run " + dir.File("longer.json"));
+    EXPECT_EQ(longer.status, 0) << longer.err;
+    EXPECT_NE(longer.out.find("\n[0] add lan1: server restart (ipv4 leasetime differs)\n"), std::string::npos) << longer.out;
+    EXPECT_EQ(longer.err, "");
+    EXPECT_EQ(lab::ReadFile("/etc/vyr_dhcpd_lan1.conf"), confText);
+    EXPECT_EQ(lab::ReadFile(dhcpConf), persisted);
+    EXPECT_EQ(lab::ReadPidFile("/var/run/vyr_dhcpd_lan1.pid"), pid);
+
+    // An add the module refuses because lan9's dnsmasq cannot start: no configuration file of
+    // lan9 is left behind, and status does not list lan9.
+    lab::WriteFile(dir.File("lan9.json"), std::string(kServerRequest).replace(std::string(kServerRequest).find("lan1"), 4, "lan9"));
+    const Outcome lan9 = Agent(dir, "apply " + dir.File("lan9.json"));
+    EXPECT_EQ(lan9.status, 1);
+    EXPECT_NE(lan9.err.find("kqagent: request 0: add of lan9 refused (EINVAL (-22) Invalid argument): "), std::string::npos) << lan9.err;
+    EXPECT_NE(lan9.err.find("kqagent: removed /etc/vyr_dhcpd_lan9.conf, left behind by the failed start (lan9 is not configured)\n"),
+              std::string::npos) << lan9.err;
+    EXPECT_FALSE(lab::ReadFile("/etc/vyr_dhcpd_lan9.conf"));
+    const Outcome listed = Agent(dir, "status");
+    EXPECT_EQ(listed.out.find("\nlan9: zone"), std::string::npos) << listed.out;
+    EXPECT_NE(listed.out.find("\nlan1: zone 7 (netns vpn7)\n"), std::string::npos) << listed.out;
 
     // A refusal by the module itself: dhcp.conf cannot be written, so the add fails after
     // its server step and kqagent names the request and the code.
@@ -135,7 +164,7 @@ TEST(KqAgentLab, ApplyRefuseStatusAndDelete)
     host.Update(settings);
     const Outcome failed = Agent(dir, "apply " + dir.File("server.json"));
     EXPECT_EQ(failed.status, 1);
-    EXPECT_NE(failed.err.find("kqagent: request 0 refused by the module: E"), std::string::npos) << failed.err;
+    EXPECT_NE(failed.err.find("kqagent: request 0: add of lan1 failed (E"), std::string::npos) << failed.err;
     EXPECT_NE(failed.err.find("kqagent: request 0: {\"op\":\"add\",\"item\":{\"ifname\":\"lan1\""), std::string::npos)
         << failed.err;
     settings.dhcpConf = "";
@@ -148,6 +177,37 @@ TEST(KqAgentLab, ApplyRefuseStatusAndDelete)
     EXPECT_TRUE(lab::WaitFor([&] { return !lab::ProcessAlive(*pid); }, 5s));
     EXPECT_FALSE(lab::ReadFile("/var/run/vyr_dhcpd_lan1.pid"));
     EXPECT_FALSE(lab::ReadFile("/etc/vyr_dhcpd_lan1.conf"));
+
+    // What is left of lan1 (its lease file) is stale, shown once with the file, not as an interface.
+    const Outcome after = Agent(dir, "status");
+    EXPECT_NE(after.out.find("no interfaces configured\n"), std::string::npos) << after.out;
+    EXPECT_NE(after.out.find("stale files (interfaces not configured):\n  lan1: /etc/vyr_dhcpd_lan1.leases\n"), std::string::npos)
+        << after.out;
+
+    // load: an empty document, a missing one and a damaged one with a good backup, in words.
+    lab::WriteFile(dhcpConf, R"({ "dhcps": [ ] })");
+    const Outcome empty = Agent(dir, "load");
+    EXPECT_EQ(empty.status, 0);
+    EXPECT_EQ(empty.out, "dhcp.conf at " + dhcpConf + " holds no interfaces; nothing to restore\n");
+    const Outcome missing = Agent(dir, "load " + dir.File("none.conf"));
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.err.find("kqagent: dhcp.conf at " + dir.File("none.conf") + " is missing; nothing to restore\n"),
+              std::string::npos) << missing.err;
+    lab::WriteFile(dhcpConf, R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpIpv4Se)");
+    const Outcome damaged = Agent(dir, "load");
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_NE(damaged.err.find("kqagent: dhcp.conf at " + dhcpConf + " is not a document; its backup " + dhcpConf +
+                               ".bak is intact: kqagent load " + dhcpConf + ".bak\n"),
+              std::string::npos) << damaged.err;
+    EXPECT_EQ(damaged.err.find("vaild"), std::string::npos) << damaged.err;
+
+    // lan1 turned relay: the leases its server handed out are not the relay's.
+    lab::WriteFile(dhcpConf, R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, )"
+                             R"("dhcpRelay": { "lanIp": "192.0.2.1", "relayServer": [ "203.0.113.2" ] } } ] })");
+    const Outcome relayed = Agent(dir, "status");
+    EXPECT_NE(relayed.out.find("\nlan1: zone 7 (netns vpn7)\n  relay: lan ip 192.0.2.1 -> 203.0.113.2\n\n"), std::string::npos)
+        << relayed.out;
+    EXPECT_EQ(relayed.out.find(address), std::string::npos) << relayed.out;
 }
 
 }  // namespace

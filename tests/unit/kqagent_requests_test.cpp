@@ -1,12 +1,18 @@
 // kqagent's request files: what a valid file builds, and how each fault is refused.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "fakehost.h"
+#include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
+#include "kqAgentPlan.h"
 #include "kqAgentRequests.h"
+#include "kqCtrlDynamic.h"
 
 namespace {
 
@@ -151,6 +157,15 @@ TEST(KqAgentRequests, FaultsAreRefusedWithIndexPathAndReason)
         {File(AddV4()) + "\n}", "(file): not valid JSON near line 2, column 1: unexpected text after the document"},
         {"{\n \"requests\": [\n  {\"op\" \"add\"}]}", "(file): not valid JSON near line 3, column 9: object property name separator ':' expected"},
         {"null", "(file): expected an object, found null"},
+        {File(R"({"op":"delete","item":{"ifname":"lan1"}},)"),
+         "(file): not valid JSON near line 1, column 55: a comma before ']' (no trailing commas)"},
+        {File(R"({"op":"delete","item":{"ifname":"lan1",}})"),
+         "(file): not valid JSON near line 1, column 53: a comma before '}' (no trailing commas)"},
+        {File(R"({"op":"delete","item":{"ifname":"lan1","ifname":"lan2"}})"),
+         "request 0: item.ifname: duplicate key (the second value would silently replace the first)"},
+        {File(AddV4() + "," + R"({"op":"delete","op":"add","item":{"ifname":"lan1"}})"),
+         "request 1: op: duplicate key (the second value would silently replace the first)"},
+        {R"({"requests":[],"requests":[]})", "requests: duplicate key (the second value would silently replace the first)"},
         {"[]", "(file): expected an object, found an array"},
         {R"({"requests":[]})", "requests: holds 0 entries, allowed 1..18446744073709551615"},
         {R"({"request":[]})", "request: unknown key (known here: requests)"},
@@ -229,6 +244,199 @@ TEST(KqAgentRequests, FaultsAreRefusedWithIndexPathAndReason)
         EXPECT_EQ(parsed.error, c.error) << c.text;
         EXPECT_TRUE(parsed.requests.empty()) << c.text;
     }
+}
+
+std::vector<kqagent::Request> Parsed(const std::string &text)
+{
+    auto parsed = ParseRequests(text);
+    EXPECT_TRUE(parsed.Ok()) << parsed.error;
+    return parsed.requests;
+}
+
+std::string Server4(const std::string &fields)
+{
+    return R"({"mode":3,"dhcpserver":{"netmask":"255.255.255.0","leasetime":3600,)" + fields + "}}";
+}
+
+std::string Add(const char *ifname, const std::string &v4, const std::string &v6 = "")
+{
+    return std::string(R"({"op":"add","item":{"ifname":")") + ifname + "\"" + (v4.empty() ? "" : ",\"ipv4dhcpitem\":" + v4) +
+           (v6.empty() ? "" : ",\"ipv6dhcpitem\":{\"mode\":3,\"dhcpserver\":" + v6 + "}") + "}}";
+}
+
+// n list entries from a format taking the same number twice: base, base + 1, ...
+std::string Many(size_t n, const char *format, size_t base = 1)
+{
+    std::string list;
+    for (size_t i = 0; i < n; ++i) {
+        char text[160];
+        snprintf(text, sizeof(text), format, base + i, base + i);
+        list += (i ? "," : "") + std::string(text);
+    }
+    return list;
+}
+
+TEST(KqAgentChecks, RefusalsAndWarningsNameRequestPathAndReason)
+{
+    fakehost::Reset();
+    const std::string pools = R"("dhcpiprange":[{"begin":"192.0.2.100","len":50})";
+    const std::string stateful = R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":3600,)";
+    const std::string slaac = R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:1::")";
+    const std::string longDns = "\"2001:db8:ffff:ffff:ffff:ffff:%04zx:%04zx\"";
+    const std::string lost = "a restart would lose lan1's IPv6 service";
+    struct Case {
+        std::string requests;
+        std::vector<std::string> errors, warnings;
+    };
+    const std::vector<Case> cases = {
+        {R"({"op":"add","item":{"ifname":"lan1"}})",
+         {"request 0: item: an add with neither ipv4dhcpitem nor ipv6dhcpitem would remove lan1's DHCP service; to "
+          "remove it, use {\"op\":\"delete\",\"item\":{\"ifname\":\"lan1\"}}"}},
+        {Add("lan1", Server4(pools + R"(,{"begin":"192.0.2.149","len":2},{"begin":"192.0.2.10","len":5}])")),
+         {"request 0: item.ipv4dhcpitem.dhcpserver.dhcpiprange[1]: pool 192.0.2.149-192.0.2.150 overlaps dhcpiprange[0] "
+          "(192.0.2.100-192.0.2.149)"}},
+        {Add("lan1", Server4(pools + R"(,{"begin":"192.0.2.250","len":10}],"gateway":"198.51.100.1")")),
+         {"request 0: item.ipv4dhcpitem.dhcpserver.gateway: gateway 198.51.100.1 lies outside the subnet 192.0.2.0/24 of "
+          "the pools (netmask 255.255.255.0)",
+          "request 0: item.ipv4dhcpitem.dhcpserver.dhcpiprange[1]: pool 192.0.2.250-192.0.3.3 lies outside the subnet "
+          "192.0.2.0/24 of netmask 255.255.255.0 and dhcpiprange[0]"}},
+        {Add("lan1", Server4(pools + R"(],"gateway":"192.0.2.1")")), {}},
+        {Add("lan1", "", stateful + R"("dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"},)"
+                                    R"({"ipv6begin":"2001:db8:1::1f0","ipv6end":"2001:db8:1::2ff"}]})"),
+         {"request 0: item.ipv6dhcpitem.dhcpserver.dhcpiprange[1]: pool 2001:db8:1::1f0-2001:db8:1::2ff overlaps "
+          "dhcpiprange[0] (2001:db8:1::100-2001:db8:1::1ff)"}},
+        {Add("lan1", "", stateful + R"("dhcpiprange":[{"ipv6begin":"2001:db8:1:222::100","ipv6end":"2001:db8:1:222::1ff"}]})"),
+         {},
+         {"request 0: item.ipv6dhcpitem.dhcpserver.dhcpiprange[0].ipv6begin: \"2001:db8:1:222::100\" is 19 characters; "
+          "dhcp.conf keeps range addresses of at most 18 (write it shorter, e.g. with more zero groups), so " + lost}},
+        {Add("lan1", "", R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":2147483647,)"
+                         R"("dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})"),
+         {},
+         {"request 0: item.ipv6dhcpitem.dhcpserver.leasetime: 2147483647 is stored in dhcp.conf as a number its reader "
+          "refuses, so " + lost}},
+        {Add("lan1", "", R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"dhcp","prefixlength":64,"prefix":"2001:db8:1::"})"),
+         {},
+         {"request 0: item.ipv6dhcpitem.dhcpserver.dhcpiprange: without a range dhcp.conf holds an empty range list, "
+          "which its reader refuses, so " + lost}},
+        // SLAAC keeps no DHCPv6 keys in dhcp.conf: nothing to warn about.
+        {Add("lan1", "", slaac + "}"), {}},
+        // dnsmasq reads lines of up to 1024 characters: 24 DNS servers of 39 characters fit, 25 do not.
+        {Add("lan1", "", slaac + R"(,"dns":[)" + Many(24, longDns.c_str(), 0x1000) + "]}"), {}},
+        {Add("lan1", "", slaac + R"(,"dns":[)" + Many(25, longDns.c_str(), 0x1000) + "]}"),
+         {"request 0: item.ipv6dhcpitem.dhcpserver.dns: makes a dnsmasq line of 1055 characters; dnsmasq reads at most "
+          "1024 (give fewer entries)"}},
+        {Add("lan1", R"({"mode":3,"dhcpserver":{"netmask":"255.255.255.0","leasetime":4294967295,"dhcpiprange":[)" +
+                         Many(64, R"({"begin":"192.0.2.%zu","len":1})") + R"(],"dns":[)" + Many(64, R"("198.51.100.%zu")") + "]}}",
+             R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":128,"leasetime":4294967295,"dhcpiprange":[)" +
+                 Many(64, R"({"ipv6begin":"2001:db8:ffff:ffff:ffff:ffff:%zx:0","ipv6end":"2001:db8:ffff:ffff:ffff:ffff:%zx:1"})", 0x1000) + "]}"),
+         {"request 0: item: the dnsmasq file of lan1 would be 11835 bytes; the module writes at most 10239 (give fewer "
+          "pools or DNS servers)"},
+         {"request 0: item.ipv6dhcpitem.dhcpserver.dhcpiprange[0].ipv6begin: \"2001:db8:ffff:ffff:ffff:ffff:1000:0\" is 35 "
+          "characters; dhcp.conf keeps range addresses of at most 18 (write it shorter, e.g. with more zero groups), so " + lost}},
+    };
+    for (const Case &c : cases) {
+        const auto requests = Parsed(File(c.requests));
+        const auto report = kqagent::CheckRequests(requests, {}, false);
+        EXPECT_EQ(report.errors, c.errors) << c.requests;
+        EXPECT_EQ(report.warnings, c.warnings) << c.requests;
+        // --strict: the warnings are errors.
+        std::vector<std::string> strict = c.errors;
+        strict.insert(strict.end(), c.warnings.begin(), c.warnings.end());
+        auto strictReport = kqagent::CheckRequests(requests, {}, true);
+        std::sort(strict.begin(), strict.end());
+        std::sort(strictReport.errors.begin(), strictReport.errors.end());
+        EXPECT_EQ(strictReport.errors, strict) << c.requests;
+        EXPECT_TRUE(strictReport.warnings.empty());
+    }
+}
+
+TEST(KqAgentChecks, SizesAreTheModulesOwnAndDhcpConfStaysLoadable)
+{
+    fakehost::Reset();
+    fakehost::ClearRegistry();
+    // What the module writes for a full server must be what the checks measure, byte for byte.
+    const auto requests = Parsed(File(
+        Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50},{"begin":"192.0.2.200","len":1}],)"
+                            R"("gateway":"192.0.2.1","dns":["192.0.2.1","198.51.100.53"])"),
+            R"({"ipv6dynamicmode":"both","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:1::","leasetime":600,)"
+            R"("dns":["2001:db8:1::1","2001:db8::53"],"dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})") +
+        "," + R"({"op":"add","item":{"ifname":"lan2","ipv4dhcpitem":{"mode":2,"dhcprelay":{"relayserver":["203.0.113.2"],"lanip":"198.51.100.1"}}}})"));
+    for (const auto &request : requests)
+        ASSERT_EQ(KQCtrl_ConfigDynamicAdd(&request.Item()), 0);
+    EXPECT_EQ(fakehost::ReadFile("/etc/vyr_dhcpd_lan1.conf"), kqagent::DnsmasqFileText(requests[0].Item()));
+    const auto conf = fakehost::ReadFile(fakehost::Host().DhcpConfPath);
+    ASSERT_TRUE(conf);
+    EXPECT_EQ(kqagent::DhcpConfSize({&requests[0].Item(), &requests[1].Item()}), conf->size());
+    EXPECT_EQ(kqagent::DhcpConfSize({}), std::string(R"({ "dhcps": [ ] })").size());
+    fakehost::ClearRegistry();
+
+    // dhcp.conf over what the loader reads: refused at the add that crosses the line, counting
+    // what is configured already and what the same file deletes (a limit of three items here).
+    const auto configured = Parsed(File(Add("l1", kServer4) + "," + Add("l2", kServer4)));
+    kqagent::CheckLimits limits;
+    limits.dhcpConf = kqagent::DhcpConfSize({&configured[0].Item(), &configured[1].Item(), &configured[0].Item()});
+    const auto more = Parsed(File(Add("l3", kServer4) + "," + R"({"op":"delete","item":{"ifname":"l1"}},)" +
+                                  Add("l4", kServer4) + "," + Add("l5", kServer4)));
+    const auto four = Parsed(File(Add("l2", kServer4) + "," + Add("l3", kServer4) + "," + Add("l4", kServer4) + "," + Add("l5", kServer4)));
+    const size_t size = kqagent::DhcpConfSize({&four[0].Item(), &four[1].Item(), &four[2].Item(), &four[3].Item()});
+    EXPECT_EQ(kqagent::CheckRequests(more, configured, false, limits).errors,
+              std::vector<std::string>{"request 3: item: dhcp.conf would grow to " + std::to_string(size) +
+                                       " bytes (4 interfaces), over the " + std::to_string(limits.dhcpConf) +
+                                       " the loader reads at start-up, so nothing would be restored after a restart"});
+}
+
+TEST(KqAgentPlan, EachRequestSaysWhatTheModuleWouldDo)
+{
+    fakehost::Reset();
+    const std::string server = Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"dns":["192.0.2.1"])");
+    const std::string relay = R"({"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2"],"lanip":"198.51.100.1"}})";
+    const std::string slaac = R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:1::"})";
+    const auto current = Parsed(File(Add("lan1", server) + "," + Add("lan2", relay) + "," +
+                                     Add("lan4", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"dns":["192.0.2.4"])"))));
+    const auto requests = Parsed(File(
+        Add("lan1", server) + "," +
+        Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"dns":["192.0.2.1"],"gateway":"192.0.2.1")")) + "," +
+        Add("lan2", relay) + "," + Add("lan3", "", slaac) + "," +
+        Add("lan4", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}])")) + "," +
+        R"({"op":"delete","item":{"ifname":"lan2"}},{"op":"delete","item":{"ifname":"lan9"}},)" + Add("lan1", relay)));
+    kqagent::DefaultDns defaults;
+    defaults.ipv4 = [](const std::string &ifname) -> std::optional<uint32_t> {
+        return ifname == "lan4" ? std::optional<uint32_t>(0xC0000204u) : std::nullopt;
+    };
+    const std::vector<std::string> expected = {
+        "[0] add lan1: server unchanged",
+        "    shared relay rebuilt and restarted (lan2)",
+        "[1] add lan1: server restart (ipv4 gateway differs)",
+        "    shared relay rebuilt and restarted (lan2)",
+        "[2] add lan2: relay unchanged",
+        "[3] add lan3: new server",
+        "    shared relay rebuilt and restarted (lan2)",
+        "[4] add lan4: server unchanged",  // the module fills in lan4's own address as its DNS server
+        "    shared relay rebuilt and restarted (lan2)",
+        "[5] delete lan2: relay removed",
+        "    shared relay stopped (no relay interface left)",
+        "[6] delete lan9: not configured; nothing to stop",
+        "[7] add lan1: server stop, new relay",
+        "    shared relay rebuilt and restarted (lan1)",
+    };
+    EXPECT_EQ(kqagent::PlanLines(current, requests, defaults), expected);
+}
+
+TEST(KqAgentPlan, SameAddsAgainChangeNothing)
+{
+    const auto requests = Parsed(File(
+        Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"dns":["192.0.2.1"],"gateway":"192.0.2.1")"),
+            R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":7200,"dns":["2001:db8:1::1"],)"
+            R"("dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})") + "," +
+        Add("lan2", R"({"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2","203.0.113.3"],"lanip":"198.51.100.1"}})") + "," +
+        Add("lan3", "", R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:3::","dns":["2001:db8::53"]})") + "," +
+        Add("lan5", "", R"({"ipv6dynamicmode":"both","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:5::","leasetime":600,)"
+                        R"("dns":["2001:db8::53"],"dhcpiprange":[{"ipv6begin":"2001:db8:5::100","ipv6end":"2001:db8:5::1ff"}]})")));
+    EXPECT_EQ(kqagent::PlanLines(requests, requests, {}),
+              (std::vector<std::string>{"[0] add lan1: server unchanged", "    shared relay rebuilt and restarted (lan2)",
+                                        "[1] add lan2: relay unchanged", "[2] add lan3: server unchanged",
+                                        "    shared relay rebuilt and restarted (lan2)", "[3] add lan5: server unchanged",
+                                        "    shared relay rebuilt and restarted (lan2)"}));
 }
 
 TEST(KqAgentRequests, ErrnoNamesForModuleResults)

@@ -8,7 +8,10 @@
 #include <optional>
 #include <sstream>
 
+#include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
+#include "kqAgentMessages.h"
+#include "kqAgentPlan.h"
 #include "kqAgentStatus.h"
 #include "kqCtrlDynamic.h"
 #include "kqHostLinux.h"
@@ -161,12 +164,22 @@ int Agent::Startup(const std::string &confPath, std::ostream &out, std::ostream 
     if (!desired_.Load())
         err << "kqagent: desired state " << desired_.Problem() << "; dhcp.conf is restored, nothing is sent again\n";
 
-    if (access(confPath.c_str(), F_OK) == 0) {
-        const KQ_ERR_T result = KQCtrl_LoadDynamicServiceConf(confPath.c_str());
-        // An empty "dhcps" array is the module's ENOENT: nothing to restore.
-        if (result < 0 && result != -ENOENT) {
-            err << "kqagent: restoring " << confPath << " failed: " << Failure(result) << "\n";
+    // The readers report every optional key an item lacks ("Not found vaild mode from Json
+    // object", "dynamic relay is invaild") as a warning: trace, for an operator.
+    const uint32_t level = KQ_HostLogLevel();
+    if (level >= 3)
+        KQ_HostSetLogLevel(4);
+    const KQ_ERR_T result = KQCtrl_LoadDynamicServiceConf(confPath.c_str());
+    KQ_HostSetLogLevel(level);
+    if (result < 0) {
+        const LoadOutcome outcome = DescribeLoadFailure(confPath, BackupOf(confPath), result);
+        // A missing dhcp.conf at the very first start is no fault when the desired state is empty too.
+        const bool firstStart = access(confPath.c_str(), F_OK) != 0 && desired_.Entries().empty() && !desired_.Broken();
+        if (outcome.failed && !firstStart) {
+            err << "kqagent: " << outcome.text << "\n";
             status = kExitFailed;
+        } else {
+            out << outcome.text << "\n";
         }
     }
 
@@ -269,28 +282,131 @@ int Agent::Reload(std::ostream &out, std::ostream &err)
     return status;
 }
 
+namespace {
+
+// FILE plus the flags a command allows; kExitOk, or the usage problem on err.
+int FileAndFlags(const std::vector<std::string> &args, const std::string &command,
+                 const std::map<std::string, bool *> &flags, std::string &file, std::ostream &err)
+{
+    for (const auto &arg : args) {
+        const auto it = flags.find(arg);
+        if (it != flags.end())
+            *it->second = true;
+        else if (!arg.empty() && arg[0] == '-')
+            return Usage(err, command + ": unknown option " + arg, command);
+        else if (file.empty())
+            file = arg;
+        else
+            return Usage(err, command + " takes one request file", command);
+    }
+    return file.empty() ? Usage(err, command + " needs a request file", command) : kExitOk;
+}
+
+// The module's default DNS server for an interface: its first address, read as the module does.
+DefaultDns HostDefaultDns()
+{
+    DefaultDns defaults;
+    defaults.ipv4 = [](const std::string &ifname) -> std::optional<uint32_t> {
+        uint32_t address = 0;
+        uint8_t length = 0;
+        if (KQ_RtcNetioInterfaceGetFirstIpv4(ifname.c_str(), &address, &length) < 0 || address == 0)
+            return std::nullopt;
+        return address;
+    };
+    defaults.ipv6 = [](const std::string &ifname) -> std::optional<std::vector<uint8_t>> {
+        KQ_IN6_ADDR address{};
+        uint8_t length = 0;
+        if (KQ_RtcNetioInterfaceGetFirstIpv6(ifname.c_str(), &address, &length) < 0)
+            return std::nullopt;
+        return std::vector<uint8_t>(address.In6.U6Addr8, address.In6.U6Addr8 + 16);
+    };
+    return defaults;
+}
+
+}  // namespace
+
+// The last accepted add of every interface: what the desired state holds.
+std::vector<Request> Agent::Current()
+{
+    if (!daemon_)
+        desired_.Load();
+    std::vector<Request> current;
+    for (const auto &entry : desired_.Entries())
+        if (entry.request)
+            current.push_back(*entry.request);
+    return current;
+}
+
+// The request file, parsed and checked against what the module, dnsmasq and dhcp.conf can
+// hold; prints the refusal or the warnings. nullopt: nothing may be applied (exit 2).
+std::optional<ParsedRequests> Agent::Checked(const std::string &file, const std::string &text, bool strict,
+                                             std::vector<Request> &current, std::ostream &err)
+{
+    auto parsed = ParseRequestText(file, text, err);
+    if (!parsed)
+        return std::nullopt;
+    current = Current();
+    const CheckReport report = CheckRequests(parsed->requests, current, strict);
+    for (const auto &warning : report.warnings)
+        err << "kqagent: warning: " << file << ": " << warning << "\n";
+    if (!report.Ok()) {
+        for (const auto &error : report.errors)
+            err << "kqagent: " << file << ": " << error << "\n";
+        err << "kqagent: nothing applied\n";
+        return std::nullopt;
+    }
+    return parsed;
+}
+
 int Agent::Check(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err)
 {
-    if (args.size() != 1)
-        return Usage(err, "check needs exactly one request file", "check");
-    const auto parsed = ParseRequestText(args[0], text, err);
+    std::string file;
+    bool strict = false;
+    if (const int usage = FileAndFlags(args, "check", {{"--strict", &strict}}, file, err); usage != kExitOk)
+        return usage;
+    std::vector<Request> current;
+    const auto parsed = Checked(file, text, strict, current, err);
     if (!parsed)
         return kExitUsage;
-    out << args[0] << ": " << parsed->requests.size() << " request(s), all valid\n";
+    out << file << ": " << parsed->requests.size() << " request(s), all valid\n";
     for (size_t i = 0; i < parsed->requests.size(); ++i)
         out << "  [" << i << "] " << parsed->requests[i].Summary() << "\n";
     return kExitOk;
 }
 
+int Agent::Plan(const std::vector<std::string> &args, const std::string &text, bool dryRun, std::ostream &out,
+                std::ostream &err)
+{
+    const std::string command = dryRun ? "apply" : "plan";
+    std::string file;
+    bool strict = false, dryRunFlag = false;
+    std::map<std::string, bool *> flags{{"--strict", &strict}};
+    if (dryRun)
+        flags["--dry-run"] = &dryRunFlag;
+    if (const int usage = FileAndFlags(args, command, flags, file, err); usage != kExitOk)
+        return usage;
+    std::vector<Request> current;
+    const auto parsed = Checked(file, text, strict, current, err);
+    if (!parsed)
+        return kExitUsage;
+    out << file << ": " << parsed->requests.size() << " request(s), all valid" << (dryRun ? "\ndry run: nothing is touched" : "")
+        << "; against " << current.size() << " configured interface(s), apply would:\n";
+    for (const auto &line : PlanLines(current, parsed->requests, HostDefaultDns()))
+        out << line << "\n";
+    return kExitOk;
+}
+
 int Agent::Apply(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err)
 {
-    for (const auto &arg : args)
-        if (!arg.empty() && arg[0] == '-')
-            return Usage(err, "apply: unknown option " + arg, "apply");
-    if (args.size() != 1)
-        return Usage(err, args.empty() ? "apply needs a request file" : "apply takes one request file", "apply");
-    const std::string &file = args[0];
-    const auto parsed = ParseRequestText(file, text, err);
+    std::string file;
+    bool strict = false, dryRun = false;
+    if (const int usage = FileAndFlags(args, "apply", {{"--strict", &strict}, {"--dry-run", &dryRun}}, file, err);
+        usage != kExitOk)
+        return usage;
+    if (dryRun)
+        return Plan(args, text, true, out, err);
+    std::vector<Request> current;
+    const auto parsed = Checked(file, text, strict, current, err);
     if (!parsed)
         return kExitUsage;
     const auto &requests = parsed->requests;
@@ -312,9 +428,14 @@ int Agent::Apply(const std::vector<std::string> &args, const std::string &text, 
         const int recorded = result < 0 ? 0 : add ? desired_.RecordAdd(request) : desired_.RecordDelete(request.Item().ifname);
         if (result < 0 || recorded < 0) {
             out << "refused\n";
-            if (result < 0)
-                err << "kqagent: request " << i << " refused by the module: " << Failure(result) << "\n";
-            else
+            if (result < 0) {
+                const std::string ifname = request.Item().ifname;
+                err << "kqagent: request " << i << ": " << DescribeRefusal(request.Op(), ifname, result) << "\n";
+                const std::string removed = add ? RemoveLeftoverServerFile(ifname) : "";
+                if (!removed.empty())
+                    err << "kqagent: removed " << removed << ", left behind by the failed start (" << ifname
+                        << " is not configured)\n";
+            } else
                 err << "kqagent: request " << i << " applied, but " << desired_.Path()
                     << " could not be written: " << Failure(recorded) << "; a restart would not restore it\n";
             err << "kqagent: request " << i << ": " << request.Json() << "\n";
@@ -514,6 +635,8 @@ CommandResult Agent::Execute(const Command &command)
             result.exit = Apply(args, command.fileText, out, err);
         else if (name == "check")
             result.exit = Check(args, command.fileText, out, err);
+        else if (name == "plan")
+            result.exit = Plan(args, command.fileText, false, out, err);
         else if (name == "load")
             result.exit = Load(args, out, err);
         else if (name == "client")
@@ -533,7 +656,7 @@ CommandResult Agent::Execute(const Command &command)
 
 std::string CommandFileArgument(const std::vector<std::string> &argv)
 {
-    if (argv.empty() || (argv[0] != "apply" && argv[0] != "check"))
+    if (argv.empty() || (argv[0] != "apply" && argv[0] != "check" && argv[0] != "plan"))
         return "";
     return FileArgument(std::vector<std::string>(argv.begin() + 1, argv.end()));
 }

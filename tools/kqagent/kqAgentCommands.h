@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <optional>
+
 #include "kqAgentDesired.h"
 
 namespace kqagent {
@@ -23,7 +25,7 @@ struct CommandResult {
 // process (the agent may not see the same folder, or the same file permissions).
 struct Command {
     std::vector<std::string> argv;  // command name first
-    std::string fileText;           // apply / check: the request file
+    std::string fileText;           // apply / check / plan: the request file
     int logLevel = 0;               // 0: the agent's own
 };
 
@@ -58,6 +60,11 @@ public:
 private:
     int Apply(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err);
     int Check(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err);
+    int Plan(const std::vector<std::string> &args, const std::string &text, bool dryRun, std::ostream &out,
+             std::ostream &err);
+    std::vector<Request> Current();
+    std::optional<ParsedRequests> Checked(const std::string &file, const std::string &text, bool strict,
+                                          std::vector<Request> &current, std::ostream &err);
     int Load(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
     int Status(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
     int ReportRunning(std::ostream &out, std::ostream &err);

@@ -18,19 +18,25 @@
 #include "kqAgentControl.h"
 #include "kqHostLinux.h"
 
+#ifndef KQ_VERSION
+#define KQ_VERSION "unknown"
+#endif
+
 namespace {
 
 using namespace kqagent;
 
 const char *kUsage =
     "usage: kqagent [--config FILE] [-v|-q] COMMAND [ARGS]\n"
+    "       kqagent --version\n"
     "\n"
     "Configure the DHCP servers, relay and clients of this appliance through the dynamic module.\n"
     "\n"
     "commands:\n"
     "  serve                   run as the host agent: restore everything, then take commands (see 'help serve')\n"
-    "  apply FILE              check a request file, then add/delete each interface's DHCP setup in order\n"
-    "  check FILE              only check a request file (nothing is applied)\n"
+    "  apply FILE [--dry-run]  check a request file, then add/delete each interface's DHCP setup in order\n"
+    "  check FILE [--strict]   only check a request file (nothing is applied)\n"
+    "  plan FILE               what apply would do per interface: new, unchanged, restart, stop (nothing is touched)\n"
     "  load [PATH]             restore every server and the relay, and report what runs\n"
     "  client enable|disable ipv4|ipv6 IFNAME [--zone N] [--type slaac|stateless|stateful] [--rs]\n"
     "                          start or stop dhclient on an interface\n"
@@ -41,8 +47,9 @@ const char *kUsage =
     "\n"
     "options:\n"
     "  --config FILE   host settings file (default: $KQ_HOST_CONFIG; without one, built-in defaults)\n"
-    "  -v, --verbose   show the module's trace lines\n"
+    "  -v, --verbose   also show the module's trace and notice lines (default: its warnings and errors)\n"
     "  -q, --quiet     show only the module's error lines\n"
+    "  --version       print kqagent's version\n"
     "\n"
     "Every command but serve and help goes through the running agent when there is one; otherwise it\n"
     "runs in this process under the agent's lock, with the registry rebuilt from the desired state.\n"
@@ -63,17 +70,34 @@ const std::map<std::string, std::string> kCommandHelp = {
      "  SIGTERM, SIGINT   end the agent; every dnsmasq and dhclient keeps running\n"
      "Readiness is reported to systemd (Type=notify); see tools/kqagent/kqagent.service.\n"},
     {"apply",
-     "usage: kqagent apply FILE\n"
+     "usage: kqagent apply FILE [--dry-run] [--strict]\n"
      "\n"
-     "Checks the whole request file first: an unknown key, a wrong type, a bad address, a number out of\n"
-     "range or a missing field is reported with the request index and field path, and nothing is applied.\n"
-     "Then each request is handed to the module in file order; the first refusal stops the run. Each\n"
-     "accepted request is recorded in the desired state (\"desiredState\", default desired.json beside\n"
-     "dhcp.conf), which every start of the agent sends to the module again. Exits 1 when an added\n"
-     "interface's dnsmasq does not run afterwards.\n"
+     "Checks the whole request file first, as check does; a refusal names the request index, the field\n"
+     "path and the reason, and nothing is applied. Then each request is handed to the module in file\n"
+     "order; the first refusal stops the run. Each accepted request is recorded in the desired state\n"
+     "(\"desiredState\", default desired.json beside dhcp.conf), which every start of the agent sends to\n"
+     "the module again. Exits 1 when an added interface's dnsmasq does not run afterwards.\n"
+     "  --dry-run   print the plan (see 'kqagent help plan') and stop; nothing is touched\n"
+     "  --strict    treat warnings (settings a restart would lose) as errors\n"
      "\n"
      "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see the kqagent section of README.md.\n"},
-    {"check", "usage: kqagent check FILE\n\nChecks a request file exactly as apply does and applies nothing.\n"},
+    {"check",
+     "usage: kqagent check FILE [--strict]\n"
+     "\n"
+     "Checks a request file exactly as apply does and applies nothing. Besides the form of each request:\n"
+     "an add must name ipv4dhcpitem or ipv6dhcpitem; pools must not overlap and must lie in the subnet of\n"
+     "the netmask, with the gateway; the JSON must be strict (no trailing commas, no key given twice); the\n"
+     "interface's dnsmasq file must stay below 10240 bytes and each of its lines within 1024 characters; and\n"
+     "dhcp.conf must stay within the 16 MiB its loader reads. Settings that run but that dhcp.conf cannot\n"
+     "hold across a restart are warnings.\n"
+     "  --strict   treat those warnings as errors\n"},
+    {"plan",
+     "usage: kqagent plan FILE [--strict]\n"
+     "\n"
+     "Checks the request file as check does, then prints per request what the module would do, judged\n"
+     "against the desired state: new server, server unchanged, server restart (with the fields that\n"
+     "differ), server stop, new/changed/removed relay, and when the shared relay is rebuilt.\n"
+     "Nothing is started, stopped or written.\n"},
     {"load",
      "usage: kqagent load [PATH]\n"
      "\n"
@@ -210,6 +234,9 @@ int main(int argc, char **argv)
             options.verbose = true;
         } else if (arg == "-q" || arg == "--quiet") {
             options.quiet = true;
+        } else if (arg == "--version") {
+            std::cout << "kqagent " << KQ_VERSION << "\n";
+            return kExitOk;
         } else if (arg == "-h" || arg == "--help") {
             return Help("");
         } else if (!arg.empty() && arg[0] == '-') {
@@ -222,9 +249,9 @@ int main(int argc, char **argv)
         std::cerr << kUsage;
         return kExitUsage;
     }
-    const int logLevel = options.verbose ? 1 : options.quiet ? 4 : 0;
-    if (logLevel != 0)
-        KQ_HostSetLogLevel(static_cast<uint32_t>(logLevel));
+    // Operators see the module's warnings and errors; its traces and notices with -v.
+    const int logLevel = options.verbose ? 1 : options.quiet ? 4 : 3;
+    KQ_HostSetLogLevel(static_cast<uint32_t>(logLevel));
 
     const std::string command = args[next];
     const std::vector<std::string> rest(args.begin() + static_cast<long>(next) + 1, args.end());

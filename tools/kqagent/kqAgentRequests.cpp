@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <utility>
 
+#include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
 
 namespace kqagent {
@@ -521,13 +522,15 @@ ParsedRequests ParseRequests(const std::string &text)
 {
     ParsedRequests parsed;
     json_tokener *tokener = json_tokener_new();
+    // Strict: no trailing commas or other leniencies a hand-edited file could slip through.
+    json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);
     json_object *root = json_tokener_parse_ex(tokener, text.c_str(), static_cast<int>(text.size()) + 1);
     const json_tokener_error status = json_tokener_get_error(tokener);
     const size_t offset = json_tokener_get_parse_end(tokener);
     json_tokener_free(tokener);
     // json-c stops after the first complete value; anything but blanks after it is a fault.
     const size_t rest = text.find_first_not_of(std::string(" \t\r\n\0", 5), std::min(offset, text.size()));
-    const bool trailing = root != nullptr && status == json_tokener_success && rest != std::string::npos;
+    bool trailing = root != nullptr && status == json_tokener_success && rest != std::string::npos;
     if (root == nullptr && status == json_tokener_success && !trailing) {
         parsed.error = "(file): expected an object, found null";
         return parsed;
@@ -537,13 +540,35 @@ ParsedRequests ParseRequests(const std::string &text)
         const size_t line = 1 + std::count(text.begin(), text.begin() + static_cast<long>(end), '\n');
         const size_t lineStart = text.rfind('\n', end == 0 ? 0 : end - 1);
         const size_t column = end - (lineStart == std::string::npos || end == 0 ? 0 : lineStart + 1) + 1;
+        // The strict tokener reads on after a complete document; say so when that is the fault.
+        if (!trailing && end > 0 && end < text.size()) {
+            json_tokener_error headStatus = json_tokener_success;
+            json_object *head = json_tokener_parse_verbose(text.substr(0, end).c_str(), &headStatus);
+            trailing = head != nullptr;
+            json_object_put(head);
+        }
+        const size_t before = end == 0 ? std::string::npos : text.find_last_not_of(" \t\r\n", end - 1);
+        const bool trailingComma = !trailing && end < text.size() && (text[end] == '}' || text[end] == ']') &&
+                                   before != std::string::npos && text[before] == ',';
         parsed.error = "(file): not valid JSON near line " + std::to_string(line) + ", column " +
                        std::to_string(column) + ": " +
-                       (trailing ? "unexpected text after the document" : json_tokener_error_desc(status));
+                       (trailing        ? "unexpected text after the document"
+                        : trailingComma ? "a comma before '" + std::string(1, text[end]) + "' (no trailing commas)"
+                                        : json_tokener_error_desc(status));
         json_object_put(root);
         return parsed;
     }
     std::unique_ptr<json_object, int (*)(json_object *)> guard(root, json_object_put);
+    // json-c keeps the last of two equal keys; a file that says two things is refused instead.
+    if (const std::string duplicate = FindDuplicateKey(text); !duplicate.empty()) {
+        const size_t close = duplicate.find(']');
+        if (duplicate.compare(0, 9, "requests[") == 0 && close != std::string::npos)
+            parsed.error = "request " + duplicate.substr(9, close - 9) + ": " +
+                           (duplicate[close + 1] == '.' ? duplicate.substr(close + 2) : "(request)" + duplicate.substr(close + 1));
+        else
+            parsed.error = duplicate;
+        return parsed;
+    }
 
     try {
         Fields top(root, "", {"requests"});

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "kqAgentCommon.h"
+#include "kqAgentInventory.h"
 #include "kqCtrlDynamic.h"
 #include "kqHostLinux.h"
 
@@ -114,25 +115,6 @@ json_object *ClientJson(const std::string &ifname, bool v6)
     json_object_object_add(client, "leaseFile", Str(ClientLeaseFile(ifname, v6)));
     json_object_object_add(client, "leases", LeasesOf(ClientLeaseFile(ifname, v6), v6 ? Dhclient6Leases : Dhclient4Leases));
     return client;
-}
-
-// Interface names that some file of the module mentions: "<prefix><name><suffix>".
-void NamesFromFiles(const std::string &folder, const std::string &prefix, const std::string &suffix,
-                    std::set<std::string> &names)
-{
-    DIR *dir = opendir(folder.c_str());
-    if (dir == nullptr)
-        return;
-    while (const dirent *entry = readdir(dir)) {
-        const std::string file = entry->d_name;
-        if (file.size() <= prefix.size() + suffix.size() || file.compare(0, prefix.size(), prefix) != 0 ||
-            file.compare(file.size() - suffix.size(), suffix.size(), suffix) != 0)
-            continue;
-        const std::string name = file.substr(prefix.size(), file.size() - prefix.size() - suffix.size());
-        if (name != "relay" && IsUsableIfName(name))
-            names.insert(name);
-    }
-    closedir(dir);
 }
 
 // The text after `key` up to the next ';' within text[from, to), or "".
@@ -307,6 +289,14 @@ json_object *Drift(const std::string &ifname, const DesiredEntry *desired, bool 
     }
     return drift;
 }
+
+// Owns a temporary JSON value for one expression.
+struct Json {
+    explicit Json(json_object *object) : object_(object) {}
+    ~Json() { json_object_put(object_); }
+    operator json_object *() const { return object_; }
+    json_object *object_;
+};
 
 }  // namespace
 
@@ -496,20 +486,28 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
         note(entry.ifname);
     for (size_t i = 0; items != nullptr && i < json_object_array_length(items); ++i)
         note(Field(json_object_array_get_idx(items, i), "ifname"));
-    std::set<std::string> others;
-    for (size_t i = 0; i < KQ_HostLanCount(); ++i) {
-        KQ_CONF_LAN lan{};
-        if (KQ_HostLanAt(i, &lan) == 0)
-            others.insert(lan.IfName);
+    // Configured: desired, in dhcp.conf, or a running dhclient (the client side keeps no other record).
+    // The files of any other interface are leftovers, shown once as stale.
+    json_object *stale = json_object_new_array();
+    for (const auto &[name, files] : InterfaceFiles()) {
+        if (names.count(name) != 0)
+            continue;
+        if (json_object_get_boolean(Member(Json(DhclientProcess(name, false)), "running")) ||
+            json_object_get_boolean(Member(Json(DhclientProcess(name, true)), "running"))) {
+            note(name);
+            continue;
+        }
+        if (!onlyInterfaces.empty() &&
+            std::find(onlyInterfaces.begin(), onlyInterfaces.end(), name) == onlyInterfaces.end())
+            continue;
+        json_object *entry = json_object_new_object();
+        json_object_object_add(entry, "ifname", Str(name));
+        json_object *list = json_object_new_array();
+        for (const auto &file : files)
+            json_object_array_add(list, Str(file));
+        json_object_object_add(entry, "files", list);
+        json_object_array_add(stale, entry);
     }
-    NamesFromFiles("/var/run", "vyr_dhcpd_", ".pid", others);
-    NamesFromFiles("/var/run", "", "_dhclient.pid", others);
-    NamesFromFiles("/var/run", "", "_dhclient6.pid", others);
-    NamesFromFiles("/etc", "vyr_dhcpd_", ".leases", others);
-    NamesFromFiles("/var/lib/dhclient", "dhclient.", ".leases", others);
-    NamesFromFiles("/var/lib/dhclient", "dhclient6.", ".leases", others);
-    for (const auto &name : others)
-        note(name);
 
     json_object *interfaces = json_object_new_array();
     for (const auto &ifname : order) {
@@ -539,8 +537,13 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
         json_object_object_add(server, "ipv4", Ref(legacy ? legacy : Member(item, "dhcpIpv4Server")));
         json_object_object_add(server, "ipv6", Ref(legacy ? legacy : Member(item, "dhcpIpv6Server")));
         json_object_object_add(server, "process", DnsmasqProcess(ServerPidFile(ifname)));
+        json_object *v4 = Member(server, "ipv4"), *v6 = Member(server, "ipv6");
+        // A relay interface hands out nothing itself: the leases of an earlier server are not its.
+        json_object *leases = v4 != nullptr || v6 != nullptr ? LeasesOf(ServerLeaseFile(ifname), ParseDnsmasqLeases)
+                                                             : json_object_new_array();
         json_object_object_add(server, "leaseFile", Str(ServerLeaseFile(ifname)));
-        json_object_object_add(server, "leases", LeasesOf(ServerLeaseFile(ifname), ParseDnsmasqLeases));
+        json_object_object_add(server, "leases", leases);
+        json_object_object_add(server, "poolUse", PoolUse(v4, v6, leases));
         json_object_object_add(entry, "server", server);
         json_object_object_add(entry, "relay", Ref(Member(item, "dhcpRelay")));
         const DesiredEntry *wanted = nullptr;
@@ -560,6 +563,7 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
         json_object_array_add(interfaces, entry);
     }
     json_object_object_add(status, "interfaces", interfaces);
+    json_object_object_add(status, "stale", stale);
 
     json_object *relay = json_object_new_object();
     json_object_object_add(relay, "process", DnsmasqProcess(kRelayPidFile));
@@ -689,7 +693,7 @@ std::string RenderStatus(json_object *status)
 
     json_object *interfaces = Member(status, "interfaces");
     if (json_object_array_length(interfaces) == 0)
-        text += "no interfaces configured, running or listed as LANs\n";
+        text += "no interfaces configured\n";
     for (size_t i = 0; i < json_object_array_length(interfaces); ++i) {
         json_object *entry = json_object_array_get_idx(interfaces, i);
         text += "\n" + Field(entry, "ifname") + ": zone " + Field(entry, "zone");
@@ -716,9 +720,16 @@ std::string RenderStatus(json_object *status)
             text += "  relay: lan ip " + Field(relay, "lanIp") + " -> " + Strings(Member(relay, "relayServer")) + "\n";
         json_object *process = Member(server, "process");
         json_object *leases = Member(server, "leases");
-        if (v4 != nullptr || v6 != nullptr || json_object_get_boolean(Member(process, "running")) ||
-            !Field(process, "pid").empty() || json_object_array_length(leases) > 0) {
+        if (v4 != nullptr || v6 != nullptr || json_object_get_boolean(Member(process, "running"))) {
             text += "  " + ProcessLine("dnsmasq", process);
+            json_object *use = Member(server, "poolUse");
+            std::string pools;
+            for (const char *family : {"ipv4", "ipv6"})
+                if (json_object *u = Member(use, family))
+                    pools += (pools.empty() ? "" : ", ") + std::string(family) + " " + Field(u, "leases") + "/" +
+                             Field(u, "addresses");
+            if (!pools.empty())
+                text += "  pool use (leases/addresses): " + pools + "\n";
             text += "  leases [" + Field(server, "leaseFile") + "]: " +
                     (json_object_array_length(leases) == 0 ? "none\n" : std::to_string(json_object_array_length(leases)) + "\n");
             text += LeaseLines(leases);
@@ -733,6 +744,15 @@ std::string RenderStatus(json_object *status)
             text += "  " + ProcessLine(client, cp);
             text += "  lease [" + Field(c, "leaseFile") + "]: " + (json_object_array_length(cl) == 0 ? "none\n" : "\n");
             text += LeaseLines(cl);
+        }
+    }
+
+    json_object *stale = Member(status, "stale");
+    if (json_object_array_length(stale) > 0) {
+        text += "\nstale files (interfaces not configured):\n";
+        for (size_t i = 0; i < json_object_array_length(stale); ++i) {
+            json_object *entry = json_object_array_get_idx(stale, i);
+            text += "  " + Field(entry, "ifname") + ": " + Strings(Member(entry, "files")) + "\n";
         }
     }
 

@@ -1,0 +1,56 @@
+// The Debian package as an appliance gets it: built by cpack from this build, installed with
+// dpkg into a private root (inside the test's own /etc overlay), run, and removed again.
+#include <string>
+#include <vector>
+
+#include "labutil.h"
+
+#if !defined(KQ_BUILD_DIR) || !defined(KQ_CPACK) || !defined(KQ_PROJECT_VERSION) || !defined(KQ_INSTALL_PREFIX)
+#error "KQ_BUILD_DIR, KQ_CPACK, KQ_PROJECT_VERSION and KQ_INSTALL_PREFIX come from tests/CMakeLists.txt"
+#endif
+
+namespace {
+
+TEST(KqPackageLab, DebInstallsRunsAndRemovesCleanly)
+{
+    LAB_REQUIRE_PREREQUISITES();
+    if (lab::Sh("command -v dpkg >/dev/null") != 0) {
+        if (lab::InCi())
+            GTEST_FAIL() << "dpkg missing under CI";
+        GTEST_SKIP() << "dpkg missing";
+    }
+    lab::TempDir dir("kq-package-");
+    const std::string root = dir.File("root"), out = dir.File("pkg");
+    lab::MustSh(std::string(KQ_CPACK) + " -G DEB --config " KQ_BUILD_DIR "/CPackConfig.cmake -B " + out);
+    const std::string deb = out + "/kqagent_" KQ_PROJECT_VERSION "_amd64.deb";
+    ASSERT_TRUE(lab::ReadFile(deb)) << deb;
+
+    // An empty dpkg database of its own; the dependencies are the machine's, not the root's.
+    lab::MustSh("mkdir -p " + root + "/var/lib/dpkg/info " + root + "/var/lib/dpkg/updates && touch " + root +
+                "/var/lib/dpkg/status");
+    lab::MustSh("dpkg --root=" + root + " --force-depends -i " + deb);
+    const std::string listed = lab::MustSh("dpkg --root=" + root + " -L kqagent");
+    const std::string prefix = KQ_INSTALL_PREFIX;  // /usr unless the build was told otherwise
+    for (const char *file : {"/bin/kqagent", "/lib/systemd/system/kqagent.service", "/share/man/man8/kqagent.8",
+                             "/share/man/man5/kqagent.conf.5", "/include/kqdynamic/kqCtrlDynamic.h",
+                             "/include/kqdynamic/kqHost.h", "/include/kqdynamic/kqDhcp.pb-c.h"})
+        EXPECT_NE(listed.find("\n" + prefix + file + "\n"), std::string::npos) << file << " not in\n" << listed;
+    for (const char *file : {"/libkqdynamic.so\n", "/libkqhost.so\n", "/pkgconfig/kqdynamic.pc\n"})
+        EXPECT_NE(listed.find(file), std::string::npos) << file << " not in\n" << listed;
+    EXPECT_NE(lab::ReadFile(root + prefix + "/lib/systemd/system/kqagent.service").value_or("").find("ExecStart=" + prefix + "/bin/kqagent "),
+              std::string::npos);
+
+    // The installed agent finds its libraries beside it and runs.
+    const std::string agent = root + prefix + "/bin/kqagent";
+    EXPECT_EQ(lab::MustSh(agent + " --version"), "kqagent " KQ_PROJECT_VERSION "\n");
+    lab::WriteFile(dir.File("kqhost.json"), "{\"dhcpConf\": \"" + dir.File("dhcp.conf") + "\"}");
+    EXPECT_EQ(lab::MustSh("KQ_HOST_CONFIG=" + dir.File("kqhost.json") + " " + agent + " status | head -2"),
+              "dhcp.conf: " + dir.File("dhcp.conf") + " (absent)\nno interfaces configured\n");
+    EXPECT_EQ(lab::Sh("man -l " + root + prefix + "/share/man/man8/kqagent.8 >/dev/null 2>&1 || test ! -x /usr/bin/man"), 0);
+
+    lab::MustSh("dpkg --root=" + root + " --force-depends -r kqagent");
+    EXPECT_EQ(lab::MustSh("find " + root + " -type f -not -path '*/var/lib/dpkg/*'"), "");
+    EXPECT_EQ(lab::ReadFile(agent), std::nullopt);
+}
+
+}  // namespace
