@@ -41,9 +41,16 @@ protected:
         return RelayItem("eth2", "203.0.113.1", {"198.51.100.20", "198.51.100.22", "198.51.100.21"});
     }
 
-    // What the relay dnsmasq leaves behind once it runs.
-    static void RelayRunning(const char *Pid = "4242\n") { fakehost::WriteFile(kPidPath, Pid); }
+    // What the relay dnsmasq leaves behind once it runs: a process that looks like it, and
+    // its pid file.
+    void RelayRunning() { fakehost::WriteFile(kPidPath, Relay.PidText()); }
+    std::string KillFailed(const char *Error) const
+    {
+        return "Kill pid " + std::to_string(Relay.Pid()) + " failed(" + Error + ")\n";
+    }
 
+    fakehost::Lookalike Relay{"/usr/sbin/dnsmasq", {"-K", "--conf-file=/etc/vyr_dhcpd_relay.conf", "--port=0",
+                                                     "--pid-file=/var/run/vyr_dhcpd_relay.pid", "-z"}};
     long Live = 0;
 };
 
@@ -65,7 +72,7 @@ TEST_F(RelayConfig, TwoRelayInterfacesShareOneFileInRegistryOrder)
               (std::vector<Write>{{kConfPath, kEth1Lines}, {kConfPath, std::string(kEth2Lines) + kEth1Lines}}));
     EXPECT_EQ(fakehost::ReadFile(kConfPath), std::string(kEth2Lines) + kEth1Lines);
     EXPECT_EQ(fakehost::Host().Commands, (std::vector<std::string>{kStartCmd, kStartCmd}));
-    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});  // the second add restarted it
+    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{Relay.Pid()});  // the second add restarted it
 
     // One node per interface: the relay half went into the node that already existed.
     KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
@@ -141,9 +148,9 @@ TEST_F(RelayConfig, LeavingRelayModeClearsHalfAndStopsWithTheLast)
 
     // eth2 deleted: no relay interface is left, so the process and both files go.
     fakehost::Reset();
-    RelayRunning("5151\n");
+    RelayRunning();
     ASSERT_EQ(KQCtrl_ConfigDynamicRelayDel(eth2.get()), 0);
-    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{5151});
+    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{Relay.Pid()});
     EXPECT_TRUE(fakehost::Host().Commands.empty());
     EXPECT_FALSE(fakehost::ReadFile(kPidPath).has_value());
     EXPECT_FALSE(fakehost::ReadFile(kConfPath).has_value());
@@ -206,7 +213,7 @@ TEST_F(RelayConfig, FailuresLeaveTheRightThingsBehind)
           "Relaod dynamic relay failed(5:Input/output error)\n"}},
         // A relay that cannot be stopped is not started a second time.
         {"KQ_KillPid", -5,
-         {"Kill pid 4242 failed(5:Input/output error)\n", "Stop dynamic relay failed\n",
+         {KillFailed("5:Input/output error"), "Stop dynamic relay failed\n",
           "Restart dynamic relay failed(5:Input/output error)\n", "Relaod dynamic relay failed(5:Input/output error)\n"}},
     };
     for (const auto &c : cases) {
@@ -231,7 +238,7 @@ TEST_F(RelayConfig, FailuresLeaveTheRightThingsBehind)
     RelayRunning();
     fakehost::Host().Fail["KQ_KillPid"] = -EPERM;
     EXPECT_EQ(KQCtrl_ConfigDynamicRelayDel(eth1.get()), -EPERM);
-    EXPECT_EQ(ErrorLines(), (std::vector<std::string>{"Kill pid 4242 failed(1:Operation not permitted)\n",
+    EXPECT_EQ(ErrorLines(), (std::vector<std::string>{KillFailed("1:Operation not permitted"),
                                                       "Stop dynamic relay failed(1:Operation not permitted)\n",
                                                       "Relaod dynamic relay failed(1:Operation not permitted)\n"}));
 }
@@ -283,7 +290,7 @@ TEST_F(RelayConfig, LoadWithoutRelayStopsLeftoverRelay)
     RelayRunning();
     EXPECT_EQ(KQCtrl_LoadDynamicRelayConf(path.c_str()), 0);
     EXPECT_EQ(ErrorLines(), (std::vector<std::string>{"dhcp 0 is null\n", "dhcp 1 is null\n"}));
-    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});
+    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{Relay.Pid()});
     EXPECT_FALSE(fakehost::ReadFile(kPidPath).has_value());
     EXPECT_FALSE(fakehost::ReadFile(kConfPath).has_value());
     EXPECT_TRUE(fakehost::Host().Commands.empty());
