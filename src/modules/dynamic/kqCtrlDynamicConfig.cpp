@@ -186,23 +186,23 @@ void _KQCtrl_DeleteDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *Dy
 constexpr size_t kDhcpConfMaxLen = 16u << 20;
 constexpr size_t kDhcpConfItemMaxLen = 32u << 10;
 
-// The length of the dhcp.conf text last written; 0 until the first rewrite.
-static size_t s_DhcpConfLen = 0;
-
 static KQ_ERR_T _KQCtrl_BuildDynamicConfDoc(json_object *Root);
 
 // An add is refused before it touches anything when the rewrite that ends it could write
-// a dhcp.conf that the next start-up would refuse to load.
+// a dhcp.conf that the next start-up would refuse to load. Up to some 500 interfaces the
+// bound per item settles it; beyond, the document is measured.
 static KQ_ERR_T _KQCtrl_CheckDynamicConfRoom(void)
 {
-    size_t len = s_DhcpConfLen;
-    if (len == 0) {
-        kq::JsonDoc root(json_object_new_object());
-        if (!root || _KQCtrl_BuildDynamicConfDoc(root.get()) < 0)
-            return 0;  // the rewrite itself will fail and say why
-        const char *text = json_object_to_json_string(root.get());
-        len = text != nullptr ? strlen(text) : 0;
-    }
+    size_t items = 1;  // the one being added
+    for (KQ_LIST_HEAD *link = sg_KqCtrlDynamicHead.next; link != &sg_KqCtrlDynamicHead; link = link->next)
+        ++items;
+    if (items <= kDhcpConfMaxLen / kDhcpConfItemMaxLen - 1)
+        return 0;
+    kq::JsonDoc root(json_object_new_object());
+    if (!root || _KQCtrl_BuildDynamicConfDoc(root.get()) < 0)
+        return 0;  // the rewrite itself will fail and say why
+    const char *text = json_object_to_json_string(root.get());
+    const size_t len = text != nullptr ? strlen(text) : 0;
     if (len + kDhcpConfItemMaxLen <= kDhcpConfMaxLen)
         return 0;
     KQ_LOG(kq::log::Error,
@@ -351,7 +351,6 @@ KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
         KQ_LOG(kq::log::Error, "file copy %s failed(%d:%s)\n", bakPath, KQ_ERR_ARGS(ret));
         return ret;
     }
-    s_DhcpConfLen = textLen;
     return 0;
 }
 
