@@ -8,7 +8,11 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "kqCtrlDynamicInternal.h"
 
@@ -131,6 +135,55 @@ void WriteFile(const std::string &Path, const std::string &Data)
     MakeParents(Path);
     std::ofstream out(Path, std::ios::binary | std::ios::trunc);
     out << Data;
+}
+
+Lookalike::Lookalike(const std::string &Program, const std::vector<std::string> &Args)
+{
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0)
+        return;
+    // A shell that waits for a line that never comes, under the program's name; its
+    // arguments after "$0" are the program's, so the command line reads as the program's.
+    std::vector<std::string> words = {Program, "-c", "read line", "sh"};
+    words.insert(words.end(), Args.begin(), Args.end());
+    std::vector<char *> argv;
+    for (std::string &w : words)
+        argv.push_back(w.data());
+    argv.push_back(nullptr);
+    Child = fork();
+    if (Child == 0) {
+        dup2(fds[0], STDIN_FILENO);
+        execv("/bin/sh", argv.data());
+        _exit(127);
+    }
+    close(fds[0]);
+    Feed = fds[1];
+    // Until the exec the command line is still ours: wait for it to change.
+    for (int i = 0; i < 500 && Child > 0; ++i) {
+        auto cmdline = ReadFile("/proc/" + std::to_string(Child) + "/cmdline");
+        if (cmdline && cmdline->compare(0, Program.size() + 1, Program + std::string(1, '\0')) == 0)
+            break;
+        usleep(2000);
+    }
+}
+
+Lookalike::~Lookalike()
+{
+    if (Child > 0) {
+        kill(Child, SIGKILL);
+        waitpid(Child, nullptr, 0);
+    }
+    if (Feed >= 0)
+        close(Feed);
+}
+
+bool Lookalike::Alive() const
+{
+    auto stat = ReadFile("/proc/" + std::to_string(Child) + "/stat");
+    if (!stat)
+        return false;
+    size_t paren = stat->rfind(')');
+    return paren != std::string::npos && stat->compare(paren, 3, ") Z") != 0;
 }
 
 }  // namespace fakehost

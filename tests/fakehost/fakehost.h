@@ -121,6 +121,24 @@ std::vector<std::string> ErrorLines();
 // (eth1-eth9, lan0-lan1) and of the relay.
 void RemoveModuleFiles();
 
+// A real, idle process whose /proc/<pid>/cmdline reads Program followed by Args (and a
+// shell's own few words), the way a dnsmasq or dhclient the module started looks: what
+// the module's pid-file checks want to see. Killed and reaped when the object goes.
+class Lookalike {
+public:
+    Lookalike(const std::string &Program, const std::vector<std::string> &Args);
+    ~Lookalike();
+    Lookalike(const Lookalike &) = delete;
+    Lookalike &operator=(const Lookalike &) = delete;
+    pid_t Pid() const { return Child; }
+    std::string PidText() const { return std::to_string(Child) + "\n"; }
+    bool Alive() const;  // not yet killed (a zombie counts as gone)
+
+private:
+    pid_t Child = -1;
+    int Feed = -1;  // the write end of the shell's stdin, held open so that it waits
+};
+
 // Reads a whole file; nullopt when missing.
 std::optional<std::string> ReadFile(const std::string &Path);
 void WriteFile(const std::string &Path, const std::string &Data);

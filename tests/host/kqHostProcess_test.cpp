@@ -151,29 +151,51 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
 
 TEST(HostProcess, KillPidTerminatesThenForcesAndRefusesNonsense)
 {
+    // Shells under the names dnsmasq and dhclient, each in a process group of its own so
+    // that it and its sleep can be cleaned up together.
+    TempDir dir;
+    const std::string dnsmasq = dir.path + "/dnsmasq", dhclient = dir.path + "/dhclient";
+    ASSERT_EQ(symlink("/bin/sh", dnsmasq.c_str()), 0);
+    ASSERT_EQ(symlink("/bin/sh", dhclient.c_str()), 0);
+    auto daemon = [&](const std::string &program, std::vector<std::string> args, bool ignoreTerm = false) {
+        std::vector<std::string> argv = {program, "-c", "sleep 30; :", "sh"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return Spawn(argv, ignoreTerm, true);
+    };
+    auto cleanUp = [](pid_t pid) {
+        kill(-pid, SIGKILL);
+        waitpid(pid, nullptr, WNOHANG);
+    };
+
     auto start = std::chrono::steady_clock::now();
-    pid_t polite = Spawn({"/bin/sleep", "30"});
+    pid_t polite = daemon(dnsmasq, {"-K", "--pid-file=/run/vyr_dhcpd_eth1.pid"});
     ASSERT_GT(polite, 0);
+    usleep(100 * 1000);
     EXPECT_EQ(KQ_KillPid(polite), 0);
     EXPECT_LT(Seconds(start), 1.5);
     EXPECT_EQ(waitpid(polite, nullptr, WNOHANG), -1) << "the child was not reaped";
+    cleanUp(polite);
 
     start = std::chrono::steady_clock::now();
-    pid_t stubborn = Spawn({"/bin/sleep", "30"}, true);
+    pid_t stubborn = daemon(dhclient, {"-4", "eth1", "-pf", "/run/eth1_dhclient.pid"}, true);
     ASSERT_GT(stubborn, 0);
+    usleep(100 * 1000);
     EXPECT_EQ(KQ_KillPid(stubborn), 0);
     EXPECT_GE(Seconds(start), 2.0);  // waited for SIGTERM first
     EXPECT_LT(Seconds(start), 4.0);
     EXPECT_TRUE(Gone(stubborn));
+    cleanUp(stubborn);
 
     // A daemon that is not our child.
-    TempDir dir;
     std::string pidFile = dir.path + "/daemon.pid";
-    ASSERT_EQ(system(("/bin/sh -c 'sleep 30 & echo $! > " + pidFile + "'").c_str()), 0);
-    pid_t daemon = atoi(Slurp(pidFile).c_str());
-    ASSERT_GT(daemon, 0);
-    EXPECT_EQ(KQ_KillPid(daemon), 0);
-    EXPECT_TRUE(Gone(daemon));
+    ASSERT_EQ(system(("setsid " + dnsmasq + " -c 'sleep 30; :' sh --pid-file=/run/x.pid >/dev/null 2>&1 & echo $! > " +
+                      pidFile).c_str()), 0);
+    pid_t orphan = atoi(Slurp(pidFile).c_str());
+    ASSERT_GT(orphan, 0);
+    usleep(100 * 1000);
+    EXPECT_EQ(KQ_KillPid(orphan), 0);
+    EXPECT_TRUE(Gone(orphan));
+    cleanUp(orphan);
 
     pid_t gone = Spawn({"/bin/true"});
     ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
@@ -181,6 +203,53 @@ TEST(HostProcess, KillPidTerminatesThenForcesAndRefusesNonsense)
     EXPECT_EQ(KQ_KillPid(0), -EINVAL);
     EXPECT_EQ(KQ_KillPid(-1), -EINVAL);
     EXPECT_EQ(KQ_KillPid(-getpgrp()), -EINVAL);
+
+    // Pids that a stale pid file can name: answered as gone, and nothing is signalled.
+    pid_t unrelated = Spawn({"/bin/sleep", "30"});
+    pid_t noPidFile = daemon(dnsmasq, {"-K", "--conf-file=/run/x.conf"});
+    pid_t emptyPidFile = daemon(dhclient, {"-4", "eth1", "--pid-file="});
+    usleep(100 * 1000);
+    for (pid_t pid : {unrelated, noPidFile, emptyPidFile, getpid(), 1, 4194305, 2147483647}) {
+        start = std::chrono::steady_clock::now();
+        EXPECT_EQ(KQ_KillPid(pid), -3) << pid;
+        EXPECT_LT(Seconds(start), 0.5);
+    }
+    for (pid_t pid : {unrelated, noPidFile, emptyPidFile}) {
+        EXPECT_FALSE(Gone(pid)) << pid;
+        cleanUp(pid);
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+}
+
+// A daemonising dhclient counts as started once its pid file is written, so that a stop
+// right after the start finds it.
+TEST(HostProcess, DaemonisingDhclientStartWaitsForItsPidFile)
+{
+    TempDir dir;
+    const std::string dhclient = dir.path + "/dhclient", pidFile = dir.path + "/eth1_dhclient.pid";
+    // Goes to the background at once, as -nw does, and writes the pid file a little later.
+    std::ofstream(dhclient) << "#!/bin/sh\n[ \"$5\" = -nw ] || exit 3\n"
+                               "( sleep 0.4; echo $$ > \"$4\" ) > /dev/null 2>&1 &\nexit 0\n";
+    ASSERT_EQ(chmod(dhclient.c_str(), 0755), 0);
+
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(KQ_RTCSystem((dhclient + " -4 eth1 -pf " + pidFile + " -nw").c_str()), 0);
+    EXPECT_GE(Seconds(start), 0.4);
+    EXPECT_LT(Seconds(start), 1.5);
+    EXPECT_NE(Slurp(pidFile), "");
+
+    // A pid file that never comes: a bounded wait, then the start still counts.
+    std::ofstream(dhclient) << "#!/bin/sh\nexit 0\n";
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(KQ_RTCSystem((dhclient + " -4 eth1 -pf " + pidFile + ".none -nw").c_str()), 0);
+    EXPECT_GE(Seconds(start), 2.0);
+    EXPECT_LT(Seconds(start), 3.0);
+
+    // Without -nw nothing is awaited.
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(KQ_RTCSystem((dhclient + " -4 eth1 -pf " + pidFile + ".none").c_str()), 0);
+    EXPECT_LT(Seconds(start), 1.0);
 }
 
 TEST(HostProcess, PidCheckRecognisesOnlyTheRightDhclient)

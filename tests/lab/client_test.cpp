@@ -245,6 +245,25 @@ TEST_F(ClientLab, PidFileOfAnotherProgramIsRemovedWithoutKilling)
     EXPECT_EQ(KQCtrl_DynamicClientDisableIpv4(kIf.c_str(), kZone), -ENOENT);
     EXPECT_TRUE(sleeper.Running());
     EXPECT_FALSE(lab::ReadFile(kPid4).has_value());
+
+    // The same stale file met by an enable: the sleeper survives and the client starts.
+    lab::WriteFile(kPid4, std::to_string(sleeper.Pid()) + "\n");
+    ASSERT_EQ(KQCtrl_DynamicClientEnableIpv4(kIf.c_str(), kZone), 0);
+    EXPECT_TRUE(sleeper.Running());
+
+    // The enable returns once dhclient has written its pid file, so a disable right after
+    // it always finds and stops the client.
+    for (int i = 0; i < 10; ++i) {
+        SCOPED_TRACE(i);
+        ASSERT_EQ(KQCtrl_DynamicClientEnableIpv4(kIf.c_str(), kZone), 0);
+        pid_t pid = lab::ReadPidFile(kPid4).value_or(0);
+        ASSERT_GT(pid, 0);
+        EXPECT_NE(pid, sleeper.Pid());
+        EXPECT_EQ(KQCtrl_DynamicClientDisableIpv4(kIf.c_str(), kZone), 0);
+        EXPECT_TRUE(lab::WaitFor([&] { return !lab::ProcessAlive(pid); }, 3s));
+        EXPECT_FALSE(lab::ReadFile(kPid4).has_value());
+    }
+    EXPECT_TRUE(sleeper.Running());
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
+#include <thread>
+
 #include "kqtest.h"
 #include "kqHostLinux.h"
 #include "labutil.h"
@@ -143,6 +145,55 @@ TEST_F(ServerLab, Ipv6StatefulSlaacAndStateless)
         [&] { return lab::ReadFile(report).value_or("").find("dns ") != std::string::npos; }, 20s);
     ASSERT_TRUE(informed) << lab::ReadFile(dh.LogFile()).value_or("") << ServerLog();
     EXPECT_NE(lab::ReadFile(report)->find("dns 2001:db8::53\n"), std::string::npos) << *lab::ReadFile(report);
+}
+
+// A name dnsmasq would read as a wildcard is refused; the server of lan0 answers on lan0
+// only, never on a second, unconfigured interface of the same zone.
+TEST_F(ServerLab, WildcardNameIsRefusedAndAnotherInterfaceGetsNoAnswer)
+{
+    lab::Netns other("lab-cli2");
+    lab::VethPair("vpn7", "lan9", "lab-cli2", "cli9");
+    lab::AddAddr("vpn7", "lan9", "192.0.2.254/24");
+    ServerMsg m = ServerMsg::Ipv4();
+    m.Pools = {{"192.0.2.100", 51}};
+    for (const char *name : {"lan*", "*", "l?n9", "lan[09]", "-lan0", "lan0,lan9"}) {
+        m.IfName = name;
+        EXPECT_EQ(KQCtrl_ConfigDynamicAdd(m.Build()), -22) << name;
+        EXPECT_FALSE(lab::ReadFile("/var/run/vyr_dhcpd_" + std::string(name) + ".pid")) << name;
+    }
+    m.IfName = "lan0";
+    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(m.Build()), 0);
+
+    lab::Dhclient served("lab-cli", "cli0", lab::Dhclient::Mode::V4, *Dir);
+    lab::Dhclient unserved("lab-cli2", "cli9", lab::Dhclient::Mode::V4, *Dir);
+    ASSERT_TRUE(lab::WaitLeaseField(served.LeaseFile(), "fixed-address")) << ServerLog();
+    // The served client's lease took a few exchanges; give the other one as long again.
+    std::this_thread::sleep_for(3s);
+    EXPECT_FALSE(lab::LeaseField(unserved.LeaseFile(), "fixed-address")) << ServerLog();
+}
+
+// A pid file whose process died and whose pid now belongs to an unrelated program: the
+// program survives and the service starts all the same.
+TEST_F(ServerLab, ReusedPidInStalePidFilesIsNeverSignalled)
+{
+    lab::Child unrelated("", {"/bin/sleep", "60"});
+    const std::string text = std::to_string(unrelated.Pid()) + "\n";
+    lab::WriteFile(kPidFile, text);
+    lab::WriteFile("/var/run/vyr_dhcpd_relay.pid", text);  // a server add stops the relay
+    ServerMsg m = ServerMsg::Ipv4();
+    m.IfName = "lan0";
+    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(m.Build()), 0);
+    EXPECT_TRUE(unrelated.Running());
+    std::optional<pid_t> pid = lab::ReadPidFile(kPidFile);
+    ASSERT_TRUE(pid) << ServerLog();
+    EXPECT_NE(*pid, unrelated.Pid());
+    EXPECT_TRUE(RunsInZone(*pid));
+    EXPECT_FALSE(lab::ReadFile("/var/run/vyr_dhcpd_relay.pid"));
+
+    // The delete stops the new server and still leaves the unrelated program alone.
+    ASSERT_EQ(KQCtrl_ConfigDynamicDel(m.Build()), 0);
+    EXPECT_TRUE(lab::WaitFor([&] { return !lab::ProcessAlive(*pid); }, 5s));
+    EXPECT_TRUE(unrelated.Running());
 }
 
 }  // namespace

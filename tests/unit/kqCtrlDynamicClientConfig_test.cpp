@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -201,36 +202,53 @@ TEST_F(ClientConfig, StopSwitchesIntoTheZoneAndAlwaysBack)
 
 TEST_F(ClientConfig, StopReadsAndVerifiesThePidFile)
 {
+    // Real idle processes that look like the two clients; "1234" in a row stands for the
+    // pid of the row's client.
+    fakehost::Lookalike client4("/sbin/dhclient", {"-4", "eth1", "-pf", kPid4, "-nw"});
+    fakehost::Lookalike client6("/sbin/dhclient", {"-6", "eth1", "-pf", kPid6, "-nw"});
     struct Case {
         const char *Name;
         bool Ipv6;
-        const char *PidText;
+        std::string PidText;
         bool Correct;
         long KillFail;  // 0: kill succeeds
         long KillResult;
         KQ_ERR_T Ret;
-        std::vector<pid_t> Killed;
+        bool Killed;
         bool PidFileLeft;
         std::vector<std::string> Lines;  // expected among the messages
     } cases[] = {
-        {"killed", false, "1234\n", true, 0, 0, 0, {1234}, false, {"Pid is 1234\n"}},
-        {"already gone", true, "1234", true, 0, -3, 0, {1234}, false, {}},
-        {"other program", false, "1234\n", false, 0, 0, -ENOENT, {}, false,
+        {"killed", false, "1234\n", true, 0, 0, 0, true, false, {"Pid is 1234\n"}},
+        {"already gone", true, "1234", true, 0, -3, 0, true, false, {}},
+        {"other program", false, "1234\n", false, 0, 0, -ENOENT, false, false,
          {"Dhcp client service is not correct, pid file error!\n", "Kill dhclient service failed\n"}},
-        {"kill refused", true, "1234\n", true, -EPERM, 0, -EPERM, {1234}, true,
+        {"kill refused", true, "1234\n", true, -EPERM, 0, -EPERM, true, true,
          {"Kill pid 1234 failed(1:Operation not permitted)\n", "Kill dhclient6 service failed\n"}},
         // Nothing read, or no number: pid 0, result the negated errno of the read (0 here).
-        {"empty", false, "", true, 0, 0, 0, {}, true, {"pid 0 is invalid(0:Success)\n"}},
-        {"zero", false, "0\n", true, 0, 0, 0, {}, true, {"pid 0 is invalid(0:Success)\n"}},
-        {"text", true, "dhclient\n", true, 0, 0, 0, {}, true, {"pid 0 is invalid(0:Success)\n"}},
+        {"empty", false, "", true, 0, 0, 0, false, true, {"pid 0 is invalid(0:Success)\n"}},
+        {"zero", false, "0\n", true, 0, 0, 0, false, true, {"pid 0 is invalid(0:Success)\n"}},
+        {"text", true, "dhclient\n", true, 0, 0, 0, false, true, {"pid 0 is invalid(0:Success)\n"}},
+        // Stale files: the host's word is not enough, nothing is signalled, the file goes.
+        {"other client's file", true, std::to_string(client4.Pid()), true, 0, 0, -ENOENT, false, false,
+         {"Dhcp client service is not correct, pid file error!\n"}},
+        {"agent itself", false, std::to_string(getpid()), true, 0, 0, -ENOENT, false, false, {}},
+        {"wraps to 1", false, "4294967297\n", true, 0, 0, -ENOENT, false, false, {}},
+        {"trailing text", false, "1234abc\n", true, 0, 0, -ENOENT, false, false, {}},
+        {"leading blank", false, " 1234\n", true, 0, 0, -ENOENT, false, false, {}},
+        {"plus sign", true, "+1234\n", true, 0, 0, -ENOENT, false, false, {}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.Name);
         fakehost::Reset();
+        const pid_t pid = c.Ipv6 ? client6.Pid() : client4.Pid();
+        auto sub = [&](std::string text) {
+            size_t at = text.find("1234");
+            return at == std::string::npos ? text : text.replace(at, 4, std::to_string(pid));
+        };
         const std::string &pidFile = c.Ipv6 ? kPid6 : kPid4;
-        fakehost::WriteFile(pidFile, c.PidText);
+        fakehost::WriteFile(pidFile, sub(c.PidText));
         if (c.Correct)
-            Host().CorrectPids = {1234};
+            Host().CorrectPids = {pid, client4.Pid(), getpid(), 1};
         if (c.KillFail != 0)
             Host().Fail["KQ_KillPid"] = c.KillFail;
         Host().KillResult = c.KillResult;
@@ -238,12 +256,17 @@ TEST_F(ClientConfig, StopReadsAndVerifiesThePidFile)
         KQ_ERR_T ret = c.Ipv6 ? KQCtrl_DynamicClientDisableIpv6("eth1", 0)
                               : KQCtrl_DynamicClientDisableIpv4("eth1", 0);
         EXPECT_EQ(ret, c.Ret);
-        EXPECT_EQ(Host().Killed, c.Killed);
+        EXPECT_EQ(Host().Killed, c.Killed ? std::vector<pid_t>{pid} : std::vector<pid_t>{});
         EXPECT_EQ(Exists(pidFile), c.PidFileLeft);
         for (const auto &line : c.Lines)
-            EXPECT_TRUE(fakehost::HasMessage(line)) << line;
+            EXPECT_TRUE(fakehost::HasMessage(sub(line))) << line;
+        const bool isStale = c.Ret == -ENOENT && c.Correct;
+        EXPECT_EQ(fakehost::HasMessage("Pid file " + pidFile +
+                                       " is stale: it names no dhclient started with it, nothing is signalled\n"),
+                  isStale);
         std::remove(pidFile.c_str());
     }
+    EXPECT_TRUE(client4.Alive() && client6.Alive());
 }
 
 TEST_F(ClientConfig, Dhclient6PolicyRule)
@@ -324,10 +347,11 @@ TEST_F(ClientConfig, DisableIpv6RemovesTheRuleOnlyWhenNoDhcpv6InterfaceRemains)
 
 TEST_F(ClientConfig, EnableStopsTheRunningClientFirst)
 {
-    fakehost::WriteFile(kPid4, "4321\n");
-    Host().CorrectPids = {4321};
+    fakehost::Lookalike client("/sbin/dhclient", {"-4", "eth1", "-pf", kPid4, "-nw"});
+    fakehost::WriteFile(kPid4, client.PidText());
+    Host().CorrectPids = {client.Pid()};
     EXPECT_EQ(KQCtrl_DynamicClientEnableIpv4("eth1", 4), 0);
-    EXPECT_EQ(Host().Killed, (std::vector<pid_t>{4321}));
+    EXPECT_EQ(Host().Killed, (std::vector<pid_t>{client.Pid()}));
     EXPECT_FALSE(Exists(kPid4));
     const auto &calls = Host().Calls;
     EXPECT_LT(std::find(calls.begin(), calls.end(), "KQ_KillPid"),

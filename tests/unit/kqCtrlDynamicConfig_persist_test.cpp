@@ -119,7 +119,7 @@ TEST_F(PersistTest, FailedWritesLeaveTheFilesAsTheyWere)
 
     // A half that does not convert abandons the whole document before anything is written.
     fakehost::Reset();
-    _KQCtrl_GetDynamicRelayConfByName("eth2")->RelayConf.RelayServerNum = 9;
+    fakehost::Host().Fail["KQ_SafeStrFormatIp6Addr"] = 99;  // an IPv6 text that does not fit
     EXPECT_EQ(_KQCtrl_UpdateDynamicConfFile(), -EOVERFLOW);
     EXPECT_TRUE(fakehost::HasMessage("Dynamic conf to json failed(75:Value too large for defined data type)\n"));
     EXPECT_TRUE(fakehost::Host().Writes.empty());

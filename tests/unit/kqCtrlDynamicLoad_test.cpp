@@ -93,6 +93,8 @@ TEST_F(DynamicLoad, BothLoadersRefuseUnusableDocuments)
         {"{\"dhcps\": [null, null]}", 0, "dynamic 1 is null\n", "dhcp 1 is null\n"},
     };
     const std::string path = Host().DhcpConfPath;
+    fakehost::Lookalike relay{"/usr/sbin/dnsmasq", {"-K", "--conf-file=/etc/vyr_dhcpd_relay.conf", "--port=0",
+                                                     "--pid-file=/var/run/vyr_dhcpd_relay.pid", "-z"}};
     for (const Row &row : rows) {
         SCOPED_TRACE(row.Doc.value_or("<missing>"));
         for (bool server : {true, false}) {
@@ -100,7 +102,7 @@ TEST_F(DynamicLoad, BothLoadersRefuseUnusableDocuments)
             std::remove(path.c_str());
             if (row.Doc)
                 fakehost::WriteFile(path, *row.Doc);
-            fakehost::WriteFile(kqtest::kRelayPidPath, "4242\n");
+            fakehost::WriteFile(kqtest::kRelayPidPath, relay.PidText());
             long live = Host().LiveAllocations;
             EXPECT_EQ(server ? KQCtrl_LoadDynamicServerConf(path.c_str()) : KQCtrl_LoadDynamicRelayConf(path.c_str()),
                       row.Result);

@@ -27,8 +27,17 @@ protected:
         return RelayItem("eth2", "203.0.113.1", {"198.51.100.20", "198.51.100.22", "198.51.100.21"});
     }
 
-    // What the relay dnsmasq leaves behind once it runs.
-    static void RelayRunning(const char *Pid = "4242\n") { fakehost::WriteFile(kRelayPidPath, Pid); }
+    // What the relay dnsmasq leaves behind once it runs: a process that looks like it, and
+    // its pid file.
+    void RelayRunning() { fakehost::WriteFile(kRelayPidPath, Relay.PidText()); }
+    std::string KillFailed(const char *Error) const
+    {
+        return "Kill pid " + std::to_string(Relay.Pid()) + " failed(" + Error + ")\n";
+    }
+
+    fakehost::Lookalike Relay{"/usr/sbin/dnsmasq", {"-K", "--conf-file=/etc/vyr_dhcpd_relay.conf", "--port=0",
+                                                     "--pid-file=/var/run/vyr_dhcpd_relay.pid", "-z"}};
+    long Live = 0;
 };
 
 TEST_F(RelayConfig, TwoRelayInterfacesShareOneFileInRegistryOrder)
@@ -49,7 +58,7 @@ TEST_F(RelayConfig, TwoRelayInterfacesShareOneFileInRegistryOrder)
               (std::vector<Write>{{kRelayConfPath, kEth1Lines}, {kRelayConfPath, std::string(kEth2Lines) + kEth1Lines}}));
     EXPECT_EQ(fakehost::ReadFile(kRelayConfPath), std::string(kEth2Lines) + kEth1Lines);
     EXPECT_EQ(fakehost::Host().Commands, (std::vector<std::string>{kRelayStartCmd, kRelayStartCmd}));
-    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});  // the second add restarted it
+    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{Relay.Pid()});  // the second add restarted it
 
     // One node per interface: the relay half went into the node that already existed.
     KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
@@ -125,9 +134,9 @@ TEST_F(RelayConfig, LeavingRelayModeClearsHalfAndStopsWithTheLast)
 
     // eth2 deleted: no relay interface is left, so the process and both files go.
     fakehost::Reset();
-    RelayRunning("5151\n");
+    RelayRunning();
     ASSERT_EQ(KQCtrl_ConfigDynamicRelayDel(eth2.get()), 0);
-    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{5151});
+    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{Relay.Pid()});
     EXPECT_TRUE(fakehost::Host().Commands.empty());
     EXPECT_FALSE(fakehost::ReadFile(kRelayPidPath).has_value());
     EXPECT_FALSE(fakehost::ReadFile(kRelayConfPath).has_value());
@@ -190,7 +199,7 @@ TEST_F(RelayConfig, FailuresLeaveTheRightThingsBehind)
           "Relaod dynamic relay failed(5:Input/output error)\n"}},
         // A relay that cannot be stopped is not started a second time.
         {"KQ_KillPid", -5,
-         {"Kill pid 4242 failed(5:Input/output error)\n", "Stop dynamic relay failed\n",
+         {KillFailed("5:Input/output error"), "Stop dynamic relay failed\n",
           "Restart dynamic relay failed(5:Input/output error)\n", "Relaod dynamic relay failed(5:Input/output error)\n"}},
     };
     for (const auto &c : cases) {
@@ -215,7 +224,7 @@ TEST_F(RelayConfig, FailuresLeaveTheRightThingsBehind)
     RelayRunning();
     fakehost::Host().Fail["KQ_KillPid"] = -EPERM;
     EXPECT_EQ(KQCtrl_ConfigDynamicRelayDel(eth1.get()), -EPERM);
-    EXPECT_EQ(ErrorLines(), (std::vector<std::string>{"Kill pid 4242 failed(1:Operation not permitted)\n",
+    EXPECT_EQ(ErrorLines(), (std::vector<std::string>{KillFailed("1:Operation not permitted"),
                                                       "Stop dynamic relay failed(1:Operation not permitted)\n",
                                                       "Relaod dynamic relay failed(1:Operation not permitted)\n"}));
 }
@@ -228,7 +237,7 @@ TEST_F(RelayConfig, LoadWithoutRelayStopsLeftoverRelay)
     RelayRunning();
     EXPECT_EQ(KQCtrl_LoadDynamicRelayConf(path.c_str()), 0);
     EXPECT_EQ(ErrorLines(), (std::vector<std::string>{"dhcp 0 is null\n", "dhcp 1 is null\n"}));
-    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});
+    EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{Relay.Pid()});
     EXPECT_FALSE(fakehost::ReadFile(kRelayPidPath).has_value());
     EXPECT_FALSE(fakehost::ReadFile(kRelayConfPath).has_value());
     EXPECT_TRUE(fakehost::Host().Commands.empty());

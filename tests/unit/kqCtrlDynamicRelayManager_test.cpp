@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include <unistd.h>
+
 #include "fakehost.h"
 
 using namespace kqtest;
@@ -59,13 +61,14 @@ TEST_F(RelayManager, AppendWritesOneLinePerServerAndOnlyTheLastAppendDecides)
     EXPECT_EQ(ret, -EIO);
     EXPECT_EQ(Lines(), std::vector<std::string>{"Append dhcp relay conf failed(5:Input/output error)\n"});
 
-    // A record claiming more servers than it holds is refused, never read past its end.
+    // A record claiming more servers than it holds gives what fits, never a read past its end.
     fakehost::Reset();
-    auto bad = Relay("192.0.2.1", {"198.51.100.10"});
+    auto bad = Relay("192.0.2.1", {"198.51.100.10", "198.51.100.11", "198.51.100.12", "198.51.100.13"});
     bad.RelayConf.RelayServerNum = 5;
-    EXPECT_EQ(Append(bad, &ret), "");
-    EXPECT_EQ(ret, -EINVAL);
-    EXPECT_EQ(Lines(), std::vector<std::string>{"Relay server number 5 is overflow\n"});
+    EXPECT_EQ(Append(bad, &ret), "dhcp-relay=192.0.2.1,198.51.100.10\ndhcp-relay=192.0.2.1,198.51.100.11\n"
+                                 "dhcp-relay=192.0.2.1,198.51.100.12\ndhcp-relay=192.0.2.1,198.51.100.13\n");
+    EXPECT_EQ(ret, 0);
+    EXPECT_EQ(Lines(), std::vector<std::string>{"Relay servers of eth1: 5 entries, only the first 4 written, 1 dropped\n"});
 }
 
 TEST_F(RelayManager, StopWithoutUsablePidFileKillsNothingAndKeepsConf)
@@ -95,28 +98,45 @@ TEST_F(RelayManager, StopWithoutUsablePidFileKillsNothingAndKeepsConf)
 
 TEST_F(RelayManager, StopKillsRecordedPidAndRemovesBothFiles)
 {
+    // "P" stands for the pid of a process that looks like the relay dnsmasq.
+    fakehost::Lookalike relay("/usr/sbin/dnsmasq", {"-K", "--conf-file=/etc/vyr_dhcpd_relay.conf", "--port=0",
+                                                    "--pid-file=/var/run/vyr_dhcpd_relay.pid", "-z"});
+    fakehost::Lookalike otherRelay("/usr/sbin/dnsmasq", {"--pid-file=/var/run/vyr_dhcpd_eth1.pid"});
+    const std::string p = std::to_string(relay.Pid());
+    const std::string stale =
+        "Pid file /var/run/vyr_dhcpd_relay.pid is stale: it names no dnsmasq started with it, nothing is signalled\n";
     struct Case {
+        std::string PidText;
         long KillResult;
         KQ_ERR_T Result;
-        bool FilesRemoved;
+        bool Signalled, FilesRemoved;
         std::vector<std::string> Lines;
     };
     const Case cases[] = {
-        {0, 0, true, {"Pid is 4242\n"}},
-        {-3, 0, true, {"Pid is 4242\n"}},  // already gone
-        {-1, -1, false, {"Pid is 4242\n", "Kill pid 4242 failed(1:Operation not permitted)\n"}},
+        {p + "\n", 0, 0, true, true, {"Pid is " + p + "\n"}},
+        {p, -3, 0, true, true, {"Pid is " + p + "\n"}},  // already gone
+        {p + "\n", -1, -1, true, false, {"Pid is " + p + "\n", "Kill pid " + p + " failed(1:Operation not permitted)\n"}},
+        // Stale: the path of a process that is gone, without any signal.
+        {"1\n", 0, 0, false, true, {stale}},
+        {"4294967297\n", 0, 0, false, true, {stale}},  // would wrap to 1
+        {std::to_string(getpid()) + "\n", 0, 0, false, true, {stale}},
+        {std::to_string(otherRelay.Pid()), 0, 0, false, true, {stale}},
+        {p + "x\n", 0, 0, false, true, {stale}},
+        {p + "\n\n", 0, 0, false, true, {stale}},
+        {"0" + p, 0, 0, false, true, {stale}},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.KillResult);
+        SCOPED_TRACE(c.PidText);
         fakehost::Reset();
         fakehost::WriteFile(kRelayConfPath, "dhcp-relay=192.0.2.1,198.51.100.10\n");
-        fakehost::WriteFile(kRelayPidPath, "4242\n");
+        fakehost::WriteFile(kRelayPidPath, c.PidText);
         fakehost::Host().KillResult = c.KillResult;
         EXPECT_EQ(KQCtrl_DynamicRelayStop(), c.Result);
-        EXPECT_EQ(fakehost::Host().Killed, std::vector<pid_t>{4242});
+        EXPECT_EQ(fakehost::Host().Killed, c.Signalled ? std::vector<pid_t>{relay.Pid()} : std::vector<pid_t>{});
         EXPECT_EQ(fakehost::ReadFile(kRelayPidPath).has_value(), !c.FilesRemoved);
         EXPECT_EQ(fakehost::ReadFile(kRelayConfPath).has_value(), !c.FilesRemoved);
         EXPECT_EQ(Lines(), c.Lines);
+        EXPECT_TRUE(c.Signalled || fakehost::Host().Logs.back().Level == 3u);
     }
 }
 

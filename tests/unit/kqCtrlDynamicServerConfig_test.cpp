@@ -101,11 +101,12 @@ TEST_F(ServerConfig, ServerModeStopsTheRelayAndRelayModeStopsTheServer)
 {
     // Server mode: the shared relay goes; a failure to stop it does not stop the add.
     const std::string relayPid = "/var/run/vyr_dhcpd_relay.pid";
-    fakehost::WriteFile(relayPid, "4194303\n");
+    fakehost::Lookalike relay("/usr/sbin/dnsmasq", {"--pid-file=" + relayPid});
+    fakehost::WriteFile(relayPid, relay.PidText());
     Host().Fail["KQ_KillPid"] = -EPERM;
     ServerMsg m = ServerMsg::Ipv4();
     ASSERT_EQ(KQCtrl_ConfigDynamicServerAdd(m.Build()), 0);
-    EXPECT_EQ(Host().Killed, std::vector<pid_t>{4194303});
+    EXPECT_EQ(Host().Killed, std::vector<pid_t>{relay.Pid()});
     EXPECT_TRUE(fakehost::HasMessage("Stop dynamic relay failed\n"));
     EXPECT_EQ(Restarts(), 1u);
     remove(relayPid.c_str());

@@ -155,13 +155,19 @@ TEST_F(ServerJsonTest, WriterFailuresAreLoggedUpTheChain)
                                                               "conf to json for dynamic server failed\n"}));
     EXPECT_NE(text.find("\"ipv6Range\": [ { } ]"), std::string::npos) << text;
 
-    // A count past its array (only a refused list in dhcp.conf leaves one) is never read.
+    // A count past its array (only a refused list in dhcp.conf leaves one) is never read
+    // past: what fits is written, with a warning, and the document goes on.
     fakehost::Reset();
     c = Eth1();
     c.ServerIpv4Conf.IpRangeNum = 65;
-    EXPECT_EQ(Write(c, -EOVERFLOW), "{ }");
-    EXPECT_EQ(Lines(), (std::vector<std::string>{"Ip range number 65 is overflow\n",
-                                                              "conf to json for dynamic server failed\n"}));
+    c.ServerIpv6Conf.DhcpConf.Ipv6DnsNum = 70;
+    text = Write(c, 0);
+    size_t ranges = 0;
+    for (size_t at = text.find("\"startIp\""); at != std::string::npos; at = text.find("\"startIp\"", at + 1))
+        ++ranges;
+    EXPECT_EQ(ranges, 64u);
+    EXPECT_EQ(Lines(), (std::vector<std::string>{"Ip ranges of eth1: 65 entries, only the first 64 written, 1 dropped\n",
+                                                 "Dhcpv6 dns servers of eth1: 70 entries, only the first 64 written, 6 dropped\n"}));
 }
 
 // One row per documented case: the item's JSON, the result, what the record must hold and

@@ -227,28 +227,38 @@ TEST_F(ServerManager, StopKillsThePidFromItsFileAndRemovesTheFiles)
         EXPECT_EQ(Written(), "conf\n");
     }
 
-    // A pid above pid_max is gone already (ESRCH): success, both files go.
-    fakehost::WriteFile(kPid, "4194303\n");
-    fakehost::Reset();
-    Host().LogTestDump = false;
-    EXPECT_EQ(KQCtrl_DynamicServerStop(&Conf), 0);
-    EXPECT_EQ(fakehost::Messages(), std::vector<std::string>{"Pid is 4194303\n"});
-    EXPECT_FALSE(fakehost::ReadFile(kConf));
-    EXPECT_FALSE(fakehost::ReadFile(kPid));
-
-    // A live process of ours is killed with SIGKILL.
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        execlp("sleep", "sleep", "30", (char *)nullptr);
-        _exit(127);
+    // Stale pid files: a process that is gone, a text that is no strict pid (4294967297
+    // would wrap to init), the agent itself, another interface's dnsmasq, an unrelated
+    // program. Nothing is signalled; the files go as for a process that is gone.
+    fakehost::Lookalike other("/usr/sbin/dnsmasq", {"--pid-file=/var/run/vyr_dhcpd_eth2.pid"});
+    fakehost::Lookalike unrelated("/usr/bin/sleep", {"--pid-file=/var/run/vyr_dhcpd_eth1.pid"});
+    for (const std::string &text : {std::string("4194303\n"), std::string("4294967297\n"), std::string("1\n"),
+                                    std::to_string(getpid()), other.PidText(), unrelated.PidText()}) {
+        SCOPED_TRACE(text);
+        fakehost::WriteFile(kPid, text);
+        fakehost::WriteFile(kConf, "conf\n");
+        fakehost::Reset();
+        Host().LogTestDump = false;
+        EXPECT_EQ(KQCtrl_DynamicServerStop(&Conf), 0);
+        EXPECT_EQ(fakehost::Messages(), std::vector<std::string>{"Pid file /var/run/vyr_dhcpd_eth1.pid is stale: it "
+                                                                 "names no dnsmasq started with it, nothing is signalled\n"});
+        EXPECT_EQ(Host().Logs.back().Level, 3u);
+        EXPECT_FALSE(fakehost::ReadFile(kConf));
+        EXPECT_FALSE(fakehost::ReadFile(kPid));
     }
-    fakehost::WriteFile(kPid, std::to_string(child) + "\n");
+    EXPECT_TRUE(other.Alive() && unrelated.Alive());
+
+    // The interface's own dnsmasq is killed with SIGKILL.
+    fakehost::Lookalike server("/usr/sbin/dnsmasq", {"-K", "--conf-file=/etc/vyr_dhcpd_eth1.conf",
+                                                     "--pid-file=/var/run/vyr_dhcpd_eth1.pid", "-z"});
+    fakehost::WriteFile(kPid, server.PidText());
     fakehost::WriteFile(kConf, "conf\n");
+    fakehost::Reset();
     EXPECT_EQ(KQCtrl_DynamicServerStop(&Conf), 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_TRUE(fakehost::HasMessage("Pid is " + std::to_string(server.Pid()) + "\n"));
+    for (int i = 0; i < 100 && server.Alive(); ++i)
+        usleep(10000);  // SIGKILL takes effect asynchronously
+    EXPECT_FALSE(server.Alive());
     EXPECT_FALSE(fakehost::ReadFile(kConf));
     EXPECT_FALSE(fakehost::ReadFile(kPid));
 }

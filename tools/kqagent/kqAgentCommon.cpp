@@ -1,9 +1,10 @@
 #include "kqAgentCommon.h"
 
+#include "kqCtrlDynamicIfName.h"
+
 #include <arpa/inet.h>
 #include <string.h>
 
-#include <cctype>
 #include <fstream>
 #include <sstream>
 
@@ -19,13 +20,9 @@ std::string ErrnoName(int result)
 
 bool IsUsableIfName(const std::string &name)
 {
-    if (name.empty() || name.size() > 15 || name == "." || name == "..")
-        return false;
-    for (unsigned char c : name) {
-        if (c == '/' || c == ':' || std::isspace(c) || std::iscntrl(c))
-            return false;
-    }
-    return true;
+    // The module's own rule; an embedded NUL would hide the rest of the name from it.
+    return name.size() <= 15 && name.find('\0') == std::string::npos &&
+           KQCtrl_DynamicIfNameUsable(name.c_str()) == TRUE;
 }
 
 std::optional<uint32_t> ParseIpv4(const std::string &text)

@@ -11,8 +11,7 @@ namespace kqagent {
 // "EINVAL (-22)" for a negative errno result; "error <r>" for anything without a name.
 std::string ErrnoName(int result);
 
-// True for a name a Linux interface can have: 1..15 characters, not "." or "..", and no
-// '/', ':', white space or control character (the module refuses the rest as well).
+// True for a name the module accepts (kqCtrlDynamicIfName.h) of 1..15 characters.
 bool IsUsableIfName(const std::string &name);
 
 // Dotted-quad text <-> the host-order number the messages carry (first octet most

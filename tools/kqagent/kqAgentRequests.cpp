@@ -257,8 +257,9 @@ private:
         const std::string ifnamePath = fields.Path("ifname");
         const std::string ifname = ReadString(fields.Required("ifname"), ifnamePath);
         if (!IsUsableIfName(ifname))
-            throw Refusal{ifnamePath, Quoted(ifname) + " is not a usable interface name (1..15 characters, "
-                                                       "no '/', ':', blanks or control characters)"};
+            throw Refusal{ifnamePath, Quoted(ifname) + " is not a usable interface name (1..15 characters, no "
+                                                       "leading '-', none of / : * ? [ ] , \" ' # = \\, blanks "
+                                                       "or control characters)"};
         item->ifname = NewString(ifname);
 
         if (json_object *v4 = fields.Optional("ipv4dhcpitem"))

@@ -19,7 +19,9 @@ std::optional<uint32_t> LanVpnId(const char *ifName);
 // Namespace name for a non-zero VPN id.
 std::string NetnsName(uint32_t vpnId);
 uint32_t Dhcpv6InterfaceCount();
-// True for a name a Linux interface or network namespace can have.
+// True for a name a Linux interface or network namespace can have that no command line or
+// dnsmasq line reads as something else: 1..15 characters, no leading '-', not "." or "..",
+// none of / : * ? [ ] , " ' # = \ and no white space or control character.
 bool IsUsableName(const std::string &name);
 
 // ---- The host's own log lines (kqHostLog.cpp), through the same sink as the module's ----

@@ -8,8 +8,9 @@
  *   variable unset every key takes its default. A file that cannot be read or parsed, an
  *   unknown key or a value of the wrong type gets one clear line on stderr ("kqhost: ...")
  *   and the default for that key; a bad entry of "lans" or "netns" is dropped on its own.
- *   Interface and namespace names must be usable as Linux names (1..15 characters, no
- *   '/', ':', white space or control characters, not "." or "..").
+ *   Interface and namespace names must be usable as Linux names that no command line or
+ *   dnsmasq line reads as something else (1..15 characters, not "." or "..", no leading
+ *   '-', none of / : * ? [ ] , " ' # = \, no white space or control characters).
  *
  * Logging: a normal line (Normal 1) is written when its level >= "logLevel". The flex-log
  *   dump (Normal 0) repeats an error line's text, so it is written only at "logLevel" 1.
@@ -46,9 +47,14 @@
  *   in PATH); -EIO when it exits non-zero or dies by a signal, or when a prefixed line's
  *   namespace cannot be entered or its program not executed (as from `ip`, which exits
  *   255 then; the reason is logged); -ECHILD when it cannot be waited for (SIGCHLD ignored).
+ *   A daemonising dhclient ("dhclient ... -nw ... -pf FILE", also behind a prefix) counts
+ *   as started once FILE is there and not empty: up to 2 s, then a warning and 0.
  *
  * KQ_KillPid: -EINVAL for pid <= 0 (never a process group), -ESRCH (-3) when there is no
- *   such process, otherwise SIGTERM, up to 2 s for it to go (reaped when it is our child),
+ *   such process or when it is not one that a pid file of ours can name (a warning then):
+ *   pid 1, the caller itself, above pid_max, or anything but dnsmasq or dhclient (base name
+ *   of argv[0]) run with a pid file ("-pf F", "-x F", "--pid-file F" or "--pid-file=F").
+ *   Otherwise SIGTERM, up to 2 s for it to go (reaped when it is our child),
  *   then SIGKILL and up to 1 s more; 0 once it is gone, -ETIMEDOUT if it still is not. The
  *   wait ends when the process exits (pidfd_open and poll; every 10 ms where the kernel
  *   has no pidfd_open).

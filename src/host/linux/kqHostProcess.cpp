@@ -33,6 +33,7 @@ constexpr const char *kFallbackPath = "/usr/sbin:/sbin:/usr/bin:/bin";
 constexpr auto kTermWait = std::chrono::seconds(2);
 constexpr auto kKillWait = std::chrono::seconds(1);
 constexpr auto kPoll = std::chrono::milliseconds(10);
+constexpr auto kPidFileWait = std::chrono::seconds(2);
 
 std::vector<std::string> SplitAtBlanks(const char *line)
 {
@@ -77,6 +78,40 @@ std::string ResolveProgram(const std::string &name)
         start = end + 1;
     }
     return "";
+}
+
+// dhclient -nw goes to the background before it writes its pid file, and the stop finds
+// the client only through that file: a stop right after the start would find nothing and
+// leave the client running. So a start of "dhclient ... -nw ... -pf FILE" returns only
+// once FILE holds something, or after kPidFileWait with a warning.
+void WaitForDaemonPidFile(const char *caller, const std::vector<std::string> &words)
+{
+    std::string pidFile;
+    bool daemon = false, dhclient = false;
+    for (size_t i = 0; i < words.size(); i++) {
+        size_t slash = words[i].rfind('/');
+        if (!dhclient) {
+            dhclient = words[i].compare(slash == std::string::npos ? 0 : slash + 1, std::string::npos, "dhclient") == 0;
+            continue;
+        }
+        if (words[i] == "-nw")
+            daemon = true;
+        else if (words[i] == "-pf" && i + 1 < words.size())
+            pidFile = words[++i];
+    }
+    if (!daemon || pidFile.empty())
+        return;
+    auto deadline = std::chrono::steady_clock::now() + kPidFileWait;
+    struct stat st;
+    while (stat(pidFile.c_str(), &st) != 0 || st.st_size == 0) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            kqhost::Log(3, "%s: dhclient did not write its pid file %s within %lld ms; a stop now may miss it\n",
+                        caller, pidFile.c_str(),
+                        static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(kPidFileWait).count()));
+            return;
+        }
+        std::this_thread::sleep_for(kPoll);
+    }
 }
 
 class SpawnSetup {
@@ -291,8 +326,10 @@ try {
             return ret;
         }
     }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+        WaitForDaemonPidFile(caller, words);
         return 0;
+    }
     if (WIFEXITED(status))
         kqhost::Log(3, "%s: %s exited with status %d\n", caller, line, WEXITSTATUS(status));
     else
@@ -369,6 +406,46 @@ std::vector<std::string> ReadCmdline(pid_t pid)
     return args;
 }
 
+// Whether KQ_KillPid may signal Pid. Pids reach it from pid files, which go stale: a
+// dnsmasq or dhclient that died leaves its pid to whoever gets it next, and a damaged
+// text can name init or the agent itself. Only a process that runs dnsmasq or dhclient
+// (base name of its first argument) with a pid file among its arguments is signalled.
+bool IsDaemonWithPidFile(pid_t pid)
+{
+    std::string pidMax;
+    long max = kqhost::ReadSmallFile("/proc/sys/kernel/pid_max", 64, pidMax) == 0 ? atol(pidMax.c_str()) : 0;
+    if (pid < 2 || pid == getpid() || (max > 0 && pid > max))
+        return false;
+    std::vector<std::string> args = ReadCmdline(pid);
+    if (args.empty())
+        return false;
+    size_t slash = args[0].rfind('/');
+    std::string program = slash == std::string::npos ? args[0] : args[0].substr(slash + 1);
+    if (program != "dnsmasq" && program != "dhclient")
+        return false;
+    for (size_t i = 1; i < args.size(); i++) {
+        const std::string &arg = args[i];
+        if ((arg == "-pf" || arg == "-x" || arg == "--pid-file") && i + 1 < args.size())
+            return true;
+        if (arg.rfind("--pid-file=", 0) == 0 && arg.size() > sizeof("--pid-file=") - 1)
+            return true;
+    }
+    return false;
+}
+
+// -ESRCH, the answer for a process that does not exist, with one warning, for a pid that
+// is not ours to signal; 0 otherwise.
+KQ_ERR_T RefuseStalePid(pid_t pid) noexcept
+try {
+    if (IsDaemonWithPidFile(pid))
+        return 0;
+    kqhost::Log(3, "KQ_KillPid: pid %d is no dnsmasq or dhclient with a pid file (a stale pid file?), "
+                   "not signalled\n", pid);
+    return -ESRCH;
+} catch (const std::bad_alloc &) {
+    return -ENOMEM;
+}
+
 }  // namespace
 
 extern "C" {
@@ -387,6 +464,9 @@ KQ_ERR_T KQ_KillPid(const pid_t Pid)
 {
     if (Pid <= 0)
         return -EINVAL;
+    KQ_ERR_T refused = RefuseStalePid(Pid);
+    if (refused < 0)
+        return refused;
     if (kill(Pid, SIGTERM) != 0)
         return -errno;
     try {

@@ -11,6 +11,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <json-c/json.h>
@@ -309,10 +310,13 @@ void EnsureLoaded()
 
 bool IsUsableName(const std::string &name)
 {
-    if (name.empty() || name.size() > 15 || name == "." || name == "..")
+    // Names end up in dnsmasq lines and on command lines ("ip netns exec <name>", dhclient
+    // arguments): besides what the kernel refuses, nothing those read as an option, a
+    // wildcard or a separator.
+    if (name.empty() || name.size() > 15 || name == "." || name == ".." || name[0] == '-')
         return false;
     for (unsigned char c : name)
-        if (c <= ' ' || c == 0x7F || c == '/' || c == ':')
+        if (c <= ' ' || c == 0x7F || std::string_view("/:*?[],\"'#=\\").find(c) != std::string_view::npos)
             return false;
     return true;
 }

@@ -178,11 +178,48 @@ void _KQCtrl_DeleteDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *Dy
         memset(current, 0, sizeof(*current));
 }
 
+// ---- dhcp.conf size ------------------------------------------------------------------
+
+// The most the start-up load reads of dhcp.conf (the host reads no larger file), and a
+// bound on what one item adds to it: 15-character names, 64 of every list with the
+// longest address texts, json-c's printing, with room to spare.
+constexpr size_t kDhcpConfMaxLen = 16u << 20;
+constexpr size_t kDhcpConfItemMaxLen = 32u << 10;
+
+static KQ_ERR_T _KQCtrl_BuildDynamicConfDoc(json_object *Root);
+
+// An add is refused before it touches anything when the rewrite that ends it could write
+// a dhcp.conf that the next start-up would refuse to load. Up to some 500 interfaces the
+// bound per item settles it; beyond, the document is measured.
+static KQ_ERR_T _KQCtrl_CheckDynamicConfRoom(void)
+{
+    size_t items = 1;  // the one being added
+    for (KQ_LIST_HEAD *link = sg_KqCtrlDynamicHead.next; link != &sg_KqCtrlDynamicHead; link = link->next)
+        ++items;
+    if (items <= kDhcpConfMaxLen / kDhcpConfItemMaxLen - 1)
+        return 0;
+    kq::JsonDoc root(json_object_new_object());
+    if (!root || _KQCtrl_BuildDynamicConfDoc(root.get()) < 0)
+        return 0;  // the rewrite itself will fail and say why
+    const char *text = json_object_to_json_string(root.get());
+    const size_t len = text != nullptr ? strlen(text) : 0;
+    if (len + kDhcpConfItemMaxLen <= kDhcpConfMaxLen)
+        return 0;
+    KQ_LOG(kq::log::Error,
+           "dhcp.conf holds %zu bytes; another item could take it past %zu, the most the start-up load reads. "
+           "Add refused, nothing changed(%d:%s)\n",
+           len, kDhcpConfMaxLen, KQ_ERR_ARGS(-EOVERFLOW));
+    return -EOVERFLOW;
+}
+
 // ---- Entry points -------------------------------------------------------------------
 
 KQ_ERR_T KQCtrl_ConfigDynamicAdd(const DhcpItemV2 *DhcpPb)
 {
-    KQ_ERR_T ret = KQCtrl_ConfigDynamicServerAdd(DhcpPb);
+    KQ_ERR_T ret = _KQCtrl_CheckDynamicConfRoom();
+    if (ret < 0)
+        return ret;
+    ret = KQCtrl_ConfigDynamicServerAdd(DhcpPb);
     if (ret < 0) {
         KQ_LOG(kq::log::Error, "add dynamic server failed(%d:%s)\n", KQ_ERR_ARGS(ret));
         return ret;
@@ -225,16 +262,11 @@ KQ_ERR_T KQCtrl_ConfigDynamicDel(const DhcpItemV2 *DhcpPb)
 
 // ---- dhcp.conf ----------------------------------------------------------------------
 
-KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
+// The whole document, from the registry, into Root.
+static KQ_ERR_T _KQCtrl_BuildDynamicConfDoc(json_object *Root)
 {
-    kq::JsonDoc root(json_object_new_object());
     json_object *dhcps = json_object_new_array();
-    if (!root) {
-        json_object_put(dhcps);
-        KQ_LOG(kq::log::Error, "new object failed.\n");
-        return -ENOMEM;
-    }
-    if (!kq::json::AddMember(root.get(), "dhcps", dhcps)) {
+    if (!kq::json::AddMember(Root, "dhcps", dhcps)) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
@@ -278,16 +310,38 @@ KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
         }
     }
 
+    return 0;
+}
+
+KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
+{
+    kq::JsonDoc root(json_object_new_object());
+    if (!root) {
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
+    KQ_ERR_T ret = _KQCtrl_BuildDynamicConfDoc(root.get());
+    if (ret < 0)
+        return ret;
+
     const char *text = json_object_to_json_string(root.get());
     if (text == nullptr) {
         KQ_LOG(kq::log::Error, "json object to string failed\n");
         return -EINVAL;
     }
+    // The start-up load would refuse a larger file and restore nothing: the last good
+    // document stays. The add path refuses long before this point.
+    const size_t textLen = strlen(text);
+    if (textLen > kDhcpConfMaxLen) {
+        KQ_LOG(kq::log::Error, "dhcp.conf of %zu bytes is past %zu, the most the start-up load reads: not written\n",
+               textLen, kDhcpConfMaxLen);
+        return -EOVERFLOW;
+    }
 
     // The backup is written whole first and then copied over the live file, so a crash
     // never leaves a torn dhcp.conf.
     const char *bakPath = KQ_AgentPathDhcpConfbak();
-    KQ_ERR_T ret = KQ_WriteSyncWithFilePath(bakPath, text, strlen(text));
+    ret = KQ_WriteSyncWithFilePath(bakPath, text, textLen);
     if (ret < 0) {
         KQ_LOG(kq::log::Error, "Write %s failed(%d:%s)\n", bakPath, KQ_ERR_ARGS(ret));
         return ret;

@@ -28,6 +28,15 @@ KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void);
 void _KQCtrl_SetDefaultDynamicIpv4ServerDns(KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf);
 void _KQCtrl_SetDefaultDynamicIpv6ServerDns(KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf);
 
+// The record as its writers (dhcp.conf, dnsmasq) may write it: Conf itself when every count
+// fits its array, else a copy in *Fitted with each count cut to its array and one warning,
+// under Caller's name, naming the interface and what was dropped. Only a refused dhcp.conf
+// list leaves such a count, and one such item must not block the files of every other
+// interface (server/kqCtrlDynamicServerConfig.cpp).
+const KQ_CTRL_DYNAMIC_SERVER_CONF *_KQCtrl_FitDynamicServerConf(const char *Caller,
+                                                                const KQ_CTRL_DYNAMIC_SERVER_CONF *Conf,
+                                                                KQ_CTRL_DYNAMIC_SERVER_CONF *Fitted);
+
 // The server's dnsmasq configuration (server/kqCtrlDynamicServerManager.cpp).
 KQ_ERR_T _KQCtrl_GetDynamicServerConfPath(const char *IfName, char *ConfPath, size_t Size);
 KQ_ERR_T _KQCtrl_SetDynamicServerConf(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf,

@@ -8,6 +8,7 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <sys/types.h>
 
 #include <json-c/json.h>
 
@@ -38,10 +39,27 @@ static inline void KQ_Ipv6AddrCopy(KQ_IN6_ADDR *To, const KQ_IN6_ADDR *From)
 
 namespace kq {
 
-// A name that no Linux interface can have never reaches a file name, a dnsmasq
-// configuration or a command line: ".", "..", or one holding '/', ':', white space or a
-// control character. The length limit is checked separately, where the name is copied.
+// The interface-name rule (kqCtrlDynamicIfName.h): a name that no Linux interface can have,
+// or that dnsmasq or dhclient would read as something else, never reaches a file name, a
+// dnsmasq configuration or a command line. The length limit is checked separately, where
+// the name is copied.
 bool IsUsableIfName(const char *IfName);
+
+// Pid files. The stop paths send a signal only to the process a pid file belongs to: the
+// text must be a whole decimal pid from 2 to the kernel's pid_max with nothing but a
+// trailing newline after it (IsStrictPidText), and /proc/<pid>/cmdline must show Program
+// as the base name of its first argument and PidFilePath among its arguments, alone or
+// after an "=" ("--pid-file=<path>"). Anything else is a stale pid file: the process it
+// names is gone or is someone else's. PidFileNamesItsProcess logs one warning, under
+// Caller's name, for a stale file.
+bool IsStrictPidText(const char *Text, size_t Len);
+bool PidFileNamesItsProcess(const char *Caller, const char *PidFilePath, pid_t Pid, bool StrictText,
+                            const char *Program);
+
+// Of Count entries, how many fit an array of Capacity; when not all do, one warning under
+// Caller's name names the interface, What, and how many are dropped.
+uint32_t EntriesThatFit(const char *Caller, const char *IfName, const char *What, uint32_t Count,
+                        uint32_t Capacity);
 
 // Releases a KQ_AgentMemZeroAlloc buffer.
 class HostBuffer {

@@ -125,7 +125,8 @@ KQ_ERR_T StartDhclient(const DhclientFamily &Family, const char *CommandFormat,
     return RetryDhclientStart(Family, command, leaseFile);
 }
 
-KQ_ERR_T _KQCtrl_GetDynamicClientPID(const char *PidFile, pid_t *Pid)
+// *StrictText tells whether the whole text is a pid the stop may go on to check.
+KQ_ERR_T _KQCtrl_GetDynamicClientPID(const char *PidFile, pid_t *Pid, bool *StrictText)
 {
     kq::File file(PidFile, "re");
     if (!file) {
@@ -137,9 +138,11 @@ KQ_ERR_T _KQCtrl_GetDynamicClientPID(const char *PidFile, pid_t *Pid)
     char pidText[kPidTextSize + 1] = {0};
     // Only the read's own error may count, not one left over from earlier calls.
     errno = 0;
-    if (fread(pidText, 1, kPidTextSize, file.get()) == 0)
+    size_t len = fread(pidText, 1, kPidTextSize, file.get());
+    if (len == 0)
         return -errno;
     *Pid = atoi(pidText);
+    *StrictText = kq::IsStrictPidText(pidText, len);
     return 0;
 }
 
@@ -149,7 +152,8 @@ KQ_ERR_T _KQCtrl_KillDynamicClientPid(const char *IfName, const char *DynamicStr
     DhclientPidFile(IfName, DynamicStr, pidFile);
 
     pid_t pid = 0;
-    if (_KQCtrl_GetDynamicClientPID(pidFile, &pid) < 0) {
+    bool strictText = false;
+    if (_KQCtrl_GetDynamicClientPID(pidFile, &pid, &strictText) < 0) {
         KQ_LOG(kq::log::Trace, "Dhcp client service is not exist\n");
         return 0;
     }
@@ -161,7 +165,10 @@ KQ_ERR_T _KQCtrl_KillDynamicClientPid(const char *IfName, const char *DynamicStr
     KQ_LOG(kq::log::Trace, "Pid is %d\n", pid);
 
     // A stale pid may have been reused by another program: never kill on the file alone.
-    if (!KQ_IsPIDCorrectInPIDFile(pid, IfName, DynamicStr)) {
+    // Our own check comes first so that a stale file always gets its warning; a negative
+    // pid is left to the host's check alone.
+    bool ownProcess = pid < 0 || kq::PidFileNamesItsProcess(__func__, pidFile, pid, strictText, "dhclient");
+    if (!ownProcess || !KQ_IsPIDCorrectInPIDFile(pid, IfName, DynamicStr)) {
         (void)remove(pidFile);
         KQ_LOG(kq::log::Error, "Dhcp client service is not correct, pid file error!\n");
         return -ENOENT;

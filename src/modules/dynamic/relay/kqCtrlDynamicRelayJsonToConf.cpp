@@ -118,11 +118,10 @@ KQ_ERR_T KQCtrl_ConfToJsonDynamicRelay(const KQ_CTRL_DYNAMIC_RELAY_CONF *Dynamic
     if (DynamicRelayConf == nullptr || DynamicRelayJson == nullptr)
         return -EINVAL;
     const KQ_CTRL_IPV4_DYNAMIC_RELAY_CONF *relayConf = &DynamicRelayConf->RelayConf;
-    // Never read past the four servers the record holds.
-    if (relayConf->RelayServerNum > KQ_DYNAMIC_MAX_RELAY_SERVER) {
-        KQ_LOG(kq::log::Error, "Relay server number %u is overflow\n", relayConf->RelayServerNum);
-        return -EOVERFLOW;
-    }
+    // Never read past the four servers the record holds, and never let one such record
+    // block the rewrite of dhcp.conf: what fits is written.
+    const uint32_t serverNum = kq::EntriesThatFit(__func__, DynamicRelayConf->IfName, "Relay servers",
+                                                  relayConf->RelayServerNum, KQ_DYNAMIC_MAX_RELAY_SERVER);
 
     json_object *relayJson = json_object_new_object();
     if (!AddMember(DynamicRelayJson, "dhcpRelay", relayJson)) {
@@ -145,7 +144,7 @@ KQ_ERR_T KQCtrl_ConfToJsonDynamicRelay(const KQ_CTRL_DYNAMIC_RELAY_CONF *Dynamic
         KQ_LOG(kq::log::Error, "Can't new relayServerArr object\n");
         return -ENOMEM;
     }
-    for (uint32_t i = 0; i < relayConf->RelayServerNum; ++i) {
+    for (uint32_t i = 0; i < serverNum; ++i) {
         if (KQ_SNPrintf(text, sizeof(text), "%u.%u.%u.%u", KQ_IPV4_OCTETS(relayConf->RelayServer[i])) >
             sizeof(text) - 1) {
             KQ_LOG(kq::log::Error, "relay server ip string is overflow\n");

@@ -24,8 +24,9 @@ constexpr size_t kConfPathSize = 256;
 constexpr size_t kCmdSize = 512;
 constexpr size_t kPidTextSize = 16;
 
-// Returns -EINVAL when the pid file is empty or names no usable process.
-KQ_ERR_T _KQCtrl_GetDynamicRelayPid(int *Pid)
+// Returns -EINVAL when the pid file is empty or names no usable process; *StrictText tells
+// whether the whole text is a pid the stop may go on to check.
+KQ_ERR_T _KQCtrl_GetDynamicRelayPid(int *Pid, bool *StrictText)
 {
     char pidPath[kPidPathSize] = {0};
     if (KQ_SafeStrCopy(pidPath, sizeof(pidPath), kRelayPidPath) >= sizeof(pidPath)) {
@@ -43,13 +44,15 @@ KQ_ERR_T _KQCtrl_GetDynamicRelayPid(int *Pid)
 
     // One byte short of the buffer, so the text always ends in a NUL.
     char pidText[kPidTextSize] = {0};
-    if (fread(pidText, 1, sizeof(pidText) - 1, pidFile.get()) == 0)
+    size_t len = fread(pidText, 1, sizeof(pidText) - 1, pidFile.get());
+    if (len == 0)
         return -EINVAL;
     int pid = atoi(pidText);
     // kill() with 0 or a negative pid signals the agent's own process group (or every process).
     if (pid <= 0)
         return -EINVAL;
     *Pid = pid;
+    *StrictText = kq::IsStrictPidText(pidText, len);
     return 0;
 }
 
@@ -105,16 +108,14 @@ KQ_ERR_T _KQCtrl_DynamicRelayStart(const char *Content)
 KQ_ERR_T KQCtrl_DynamicRelayConfAppend(KQ_FLEXIBLE_MSG *Content, KQ_CTRL_DYNAMIC_RELAY_CONF *DynamicRelayConf)
 {
     const KQ_CTRL_IPV4_DYNAMIC_RELAY_CONF *relayConf = &DynamicRelayConf->RelayConf;
-    // Every producer of the record keeps the count within the array; a record that does
-    // not would make the lines below read past it.
-    if (relayConf->RelayServerNum > KQ_DYNAMIC_MAX_RELAY_SERVER) {
-        KQ_LOG(kq::log::Error, "Relay server number %u is overflow\n", relayConf->RelayServerNum);
-        return -EINVAL;
-    }
+    // A count beyond the array is written as far as it fits: never a read past the array,
+    // and never one record that stops the relay of every other interface.
+    const uint32_t serverNum = kq::EntriesThatFit(__func__, DynamicRelayConf->IfName, "Relay servers",
+                                                  relayConf->RelayServerNum, KQ_DYNAMIC_MAX_RELAY_SERVER);
 
     // Only the last append decides the result: earlier failures are overwritten on purpose.
     KQ_ERR_T ret = 0;
-    for (uint32_t i = 0; i < relayConf->RelayServerNum; ++i)
+    for (uint32_t i = 0; i < serverNum; ++i)
         ret = KQ_FlexMsgSetFormatData(Content, "dhcp-relay=%u.%u.%u.%u,%u.%u.%u.%u\n",
                                       KQ_IPV4_OCTETS(relayConf->LanIp), KQ_IPV4_OCTETS(relayConf->RelayServer[i]));
     if (ret < 0)
@@ -125,14 +126,19 @@ KQ_ERR_T KQCtrl_DynamicRelayConfAppend(KQ_FLEXIBLE_MSG *Content, KQ_CTRL_DYNAMIC
 KQ_ERR_T KQCtrl_DynamicRelayStop(void)
 {
     int pid = 0;
-    if (_KQCtrl_GetDynamicRelayPid(&pid) < 0) {
+    bool strictText = false;
+    if (_KQCtrl_GetDynamicRelayPid(&pid, &strictText) < 0) {
         // Nothing runs, so nothing is removed: the conf file stays as it is.
         KQ_LOG(kq::log::Trace, "Dynamic Relay is not exist\n");
         return 0;
     }
 
-    KQ_LOG(kq::log::Trace, "Pid is %d\n", pid);
-    KQ_ERR_T ret = KQ_KillPid(pid);
+    // A stale pid file gets no signal and goes the way of a process that is already gone.
+    KQ_ERR_T ret = 0;
+    if (kq::PidFileNamesItsProcess(__func__, kRelayPidPath, pid, strictText, "dnsmasq")) {
+        KQ_LOG(kq::log::Trace, "Pid is %d\n", pid);
+        ret = KQ_KillPid(pid);
+    }
     if (ret == -3)  // the process is already gone
         ret = 0;
     if (ret < 0) {

@@ -187,6 +187,31 @@ void _KQCtrl_SetDefaultDynamicIpv4ServerDns(KQ_CTRL_DYNAMIC_SERVER_CONF *Dynamic
     DynamicServerConf->ServerIpv4Conf.Dns[0] = ip;
 }
 
+const KQ_CTRL_DYNAMIC_SERVER_CONF *_KQCtrl_FitDynamicServerConf(const char *Caller,
+                                                                const KQ_CTRL_DYNAMIC_SERVER_CONF *Conf,
+                                                                KQ_CTRL_DYNAMIC_SERVER_CONF *Fitted)
+{
+    const KQ_DYNAMIC_IPV4_SERVER_CONF *ipv4 = &Conf->ServerIpv4Conf;
+    const KQ_DYNAMIC_IPV6_SERVER_CONF *ipv6 = &Conf->ServerIpv6Conf;
+    if (ipv4->IpRangeNum <= KQ_DYNAMIC_MAX_IP_RANGE && ipv4->DnsNum <= KQ_DYNAMIC_MAX_DNS &&
+        ipv6->DhcpConf.Ipv6RangeNum <= KQ_DYNAMIC_MAX_IP_RANGE && ipv6->DhcpConf.Ipv6DnsNum <= KQ_DYNAMIC_MAX_DNS &&
+        ipv6->SlaacConf.Ipv6DnsNum <= KQ_DYNAMIC_MAX_DNS)
+        return Conf;
+    memcpy(Fitted, Conf, sizeof(*Fitted));
+    const char *ifName = Conf->IfName;
+    KQ_DYNAMIC_IPV4_SERVER_CONF *fitted4 = &Fitted->ServerIpv4Conf;
+    KQ_DYNAMIC_IPV6_SERVER_CONF *fitted6 = &Fitted->ServerIpv6Conf;
+    fitted4->IpRangeNum = kq::EntriesThatFit(Caller, ifName, "Ip ranges", ipv4->IpRangeNum, KQ_DYNAMIC_MAX_IP_RANGE);
+    fitted4->DnsNum = kq::EntriesThatFit(Caller, ifName, "Dns servers", ipv4->DnsNum, KQ_DYNAMIC_MAX_DNS);
+    fitted6->DhcpConf.Ipv6RangeNum = kq::EntriesThatFit(Caller, ifName, "Ipv6 ranges", ipv6->DhcpConf.Ipv6RangeNum,
+                                                        KQ_DYNAMIC_MAX_IP_RANGE);
+    fitted6->DhcpConf.Ipv6DnsNum = kq::EntriesThatFit(Caller, ifName, "Dhcpv6 dns servers",
+                                                      ipv6->DhcpConf.Ipv6DnsNum, KQ_DYNAMIC_MAX_DNS);
+    fitted6->SlaacConf.Ipv6DnsNum = kq::EntriesThatFit(Caller, ifName, "Slaac dns servers",
+                                                       ipv6->SlaacConf.Ipv6DnsNum, KQ_DYNAMIC_MAX_DNS);
+    return Fitted;
+}
+
 static void SetDefaultIpv6Dns(const char *IfName, uint32_t *Ipv6DnsNum, KQ_IN6_ADDR *Ipv6Dns)
 {
     KQ_IN6_ADDR ip;

@@ -457,24 +457,10 @@ bool FormatIpv6(char (&Text)[kIpv6TextSize], const KQ_IN6_ADDR *Ip)
     return KQ_SafeStrFormatIp6Addr(Text, sizeof(Text), Ip) <= sizeof(Text) - 1;
 }
 
-// Counts come from the registry; one that exceeds its array (only a refused dhcp.conf
-// list leaves such a count) is refused rather than read past the array.
-bool CountFits(const char *Fn, const char *What, uint32_t Count, size_t Capacity)
-{
-    if (Count <= Capacity)
-        return true;
-    KQ_LOG_AS(Fn, kq::log::Error, "%s number %u is overflow\n", What, Count);
-    return false;
-}
-
 KQ_ERR_T _KQCtrl_ConfToJsonDynamicIpv4Server(json_object *DynamicJson, const KQ_CTRL_DYNAMIC_SERVER_CONF *Conf)
 {
     const KQ_DYNAMIC_IPV4_SERVER_CONF *ipv4 = &Conf->ServerIpv4Conf;
     char text[kIpv4TextSize];
-
-    if (!CountFits(__func__, "Ip range", ipv4->IpRangeNum, KQ_DYNAMIC_MAX_IP_RANGE) ||
-        !CountFits(__func__, "Dns", ipv4->DnsNum, KQ_DYNAMIC_MAX_DNS))
-        return -EOVERFLOW;
 
     json_object *serverJson = json_object_new_object();
     if (!AddMember(DynamicJson, "dhcpIpv4Server", serverJson)) {
@@ -581,10 +567,6 @@ KQ_ERR_T AddIpv6DnsList(const char *Fn, json_object *Ipv6Json, uint32_t DnsNum, 
 
 KQ_ERR_T _KQCtrl_ConfToJsonStatefulDhcpServer(json_object *DhcpJson, const KQ_DHCP_IPV6_SERVER_CONF *DhcpConf)
 {
-    if (!CountFits(__func__, "Ipv6 range", DhcpConf->Ipv6RangeNum, KQ_DYNAMIC_MAX_IP_RANGE) ||
-        !CountFits(__func__, "Ipv6 dns", DhcpConf->Ipv6DnsNum, KQ_DYNAMIC_MAX_DNS))
-        return -EOVERFLOW;
-
     // Same words as the IPv4 array, on purpose.
     json_object *rangeArray = json_object_new_array();
     if (!AddMember(DhcpJson, "ipv6Range", rangeArray)) {
@@ -632,9 +614,6 @@ KQ_ERR_T _KQCtrl_ConfToJsonStatefulDhcpServer(json_object *DhcpJson, const KQ_DH
 
 KQ_ERR_T _KQCtrl_ConfToJsonSlaacServer(json_object *SlaacJson, const KQ_SLAAC_IPV6_SERVER_CONF *SlaacConf)
 {
-    if (!CountFits(__func__, "Ipv6 dns", SlaacConf->Ipv6DnsNum, KQ_DYNAMIC_MAX_DNS))
-        return -EOVERFLOW;
-
     char text[kIpv6TextSize];
     if (!FormatIpv6(text, &SlaacConf->Prefix)) {
         KQ_LOG(kq::log::Warning, "Ipv6 string is overflow\n");
@@ -758,6 +737,10 @@ KQ_ERR_T KQCtrl_ConfToJsonDynamicServer(const KQ_CTRL_DYNAMIC_SERVER_CONF *Dynam
 {
     if (DynamicServerConf == nullptr || DynamicJson == nullptr)
         return -EINVAL;
+    // Counts beyond the arrays (a refused dhcp.conf list) are written as far as they fit:
+    // one such item must not make every later rewrite of dhcp.conf fail.
+    KQ_CTRL_DYNAMIC_SERVER_CONF fitted;
+    DynamicServerConf = _KQCtrl_FitDynamicServerConf(__func__, DynamicServerConf, &fitted);
 
     KQ_ERR_T ret = 0;
     if ((DynamicServerConf->NetAddrType & KQ_NET_ADDR_IPV4) != 0) {

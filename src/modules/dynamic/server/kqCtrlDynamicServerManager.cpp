@@ -178,23 +178,12 @@ static KQ_ERR_T _KQ_SetDhcpAndSlaacConf(const KQ_CTRL_DYNAMIC_SERVER_CONF *Dynam
 
 // ---- The whole file -------------------------------------------------------------------
 
-// A refused dhcp.conf list leaves the length it read in the record's count, and the load
-// still restarts that record: a count beyond its array must not be read past the array.
-static bool _KQ_CountsFit(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf)
-{
-    const KQ_DYNAMIC_IPV4_SERVER_CONF *ipv4 = &DynamicServerConf->ServerIpv4Conf;
-    const KQ_DYNAMIC_IPV6_SERVER_CONF *ipv6 = &DynamicServerConf->ServerIpv6Conf;
-    return ipv4->IpRangeNum <= KQ_DYNAMIC_MAX_IP_RANGE && ipv4->DnsNum <= KQ_DYNAMIC_MAX_DNS &&
-           ipv6->DhcpConf.Ipv6RangeNum <= KQ_DYNAMIC_MAX_IP_RANGE && ipv6->DhcpConf.Ipv6DnsNum <= KQ_DYNAMIC_MAX_DNS &&
-           ipv6->SlaacConf.Ipv6DnsNum <= KQ_DYNAMIC_MAX_DNS;
-}
-
 KQ_ERR_T _KQCtrl_SetDynamicServerConf(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServerConf, const char *ConfPath)
 {
-    if (!_KQ_CountsFit(DynamicServerConf)) {
-        KQ_LOG(kq::log::Error, "Dynamic server conf of %s has too many entries\n", DynamicServerConf->IfName);
-        return -EOVERFLOW;
-    }
+    // A refused dhcp.conf list leaves its length in the count, and the load still restarts
+    // the record: the file gets the entries that fit, never a read past the arrays.
+    KQ_CTRL_DYNAMIC_SERVER_CONF fitted;
+    DynamicServerConf = _KQCtrl_FitDynamicServerConf(__func__, DynamicServerConf, &fitted);
     kq::HostBuffer buffer(confContentMaxLen);
     if (!buffer) {
         KQ_LOG(kq::log::Error, "Apply memory failed\n");
@@ -274,13 +263,22 @@ KQ_ERR_T _KQCtrl_SetDynamicServerConf(const KQ_CTRL_DYNAMIC_SERVER_CONF *Dynamic
 
 // ---- Pid and configuration files ------------------------------------------------------
 
-static KQ_ERR_T _KQCtrl_GetDynamicServerPid(const char *IfName, pid_t *Pid)
+static bool _KQ_GetDynamicServerPidPath(const char *IfName, char (&PidPath)[kPidPathSize])
 {
-    char pidPath[kPidPathSize] = {0};
-    if (KQ_SNPrintf(pidPath, sizeof(pidPath), "/var/run/vyr_dhcpd_%s.pid", IfName) >= sizeof(pidPath)) {
+    memset(PidPath, 0, sizeof(PidPath));
+    if (KQ_SNPrintf(PidPath, sizeof(PidPath), "/var/run/vyr_dhcpd_%s.pid", IfName) >= sizeof(PidPath)) {
         KQ_LOG(kq::log::Error, "pid file name is overflow\n");
-        return -EOVERFLOW;
+        return false;
     }
+    return true;
+}
+
+// *StrictText tells whether the whole text is a pid the stop may go on to check.
+static KQ_ERR_T _KQCtrl_GetDynamicServerPid(const char *IfName, pid_t *Pid, bool *StrictText)
+{
+    char pidPath[kPidPathSize];
+    if (!_KQ_GetDynamicServerPidPath(IfName, pidPath))
+        return -EOVERFLOW;
     kq::File pidFile(pidPath, "re");
     if (!pidFile) {
         KQ_ERR_T ret = -errno;
@@ -289,19 +287,19 @@ static KQ_ERR_T _KQCtrl_GetDynamicServerPid(const char *IfName, pid_t *Pid)
     }
     // One byte beyond what is read keeps the text terminated for atoi.
     char pidText[kPidTextSize + 1] = {0};
-    if (fread(pidText, 1, kPidTextSize, pidFile.get()) == 0)
+    size_t len = fread(pidText, 1, kPidTextSize, pidFile.get());
+    if (len == 0)
         return -EINVAL;
     *Pid = atoi(pidText);
+    *StrictText = kq::IsStrictPidText(pidText, len);
     return 0;
 }
 
 static KQ_ERR_T _KQCtrl_RemoveDynamicServerPidFile(const char *IfName)
 {
-    char pidPath[kPidPathSize] = {0};
-    if (KQ_SNPrintf(pidPath, sizeof(pidPath), "/var/run/vyr_dhcpd_%s.pid", IfName) >= sizeof(pidPath)) {
-        KQ_LOG(kq::log::Error, "pid file name is overflow\n");
+    char pidPath[kPidPathSize];
+    if (!_KQ_GetDynamicServerPidPath(IfName, pidPath))
         return -EOVERFLOW;
-    }
     (void)remove(pidPath);
     return 0;
 }
@@ -384,19 +382,25 @@ KQ_ERR_T KQCtrl_DynamicServerStop(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicServ
         return -EINVAL;
     }
     pid_t pid = 0;
+    bool strictText = false;
     // No readable pid file means no server; its files are deliberately left in place.
     // A pid of 0 or below counts the same: kill() would signal our own process group.
-    if (_KQCtrl_GetDynamicServerPid(DynamicServerConf->IfName, &pid) < 0 || pid <= 0) {
+    if (_KQCtrl_GetDynamicServerPid(DynamicServerConf->IfName, &pid, &strictText) < 0 || pid <= 0) {
         KQ_LOG(kq::log::Trace, "Dynamic service is not exist\n");
         return 0;
     }
-    KQ_LOG(kq::log::Trace, "Pid is %d\n", pid);
-
-    // ESRCH: the process is already gone, which is what we wanted.
-    if (kill(pid, SIGKILL) != 0 && errno != ESRCH) {
-        KQ_ERR_T ret = -errno;
-        KQ_LOG(kq::log::Error, "Kill pid %d failed(%d:%s)\n", pid, KQ_ERR_ARGS(ret));
-        return ret;
+    // A stale pid file (the dnsmasq died and its pid went to someone else) gets no signal
+    // and is cleaned up like one whose process is already gone.
+    char pidPath[kPidPathSize];
+    if (_KQ_GetDynamicServerPidPath(DynamicServerConf->IfName, pidPath) &&
+        kq::PidFileNamesItsProcess(__func__, pidPath, pid, strictText, "dnsmasq")) {
+        KQ_LOG(kq::log::Trace, "Pid is %d\n", pid);
+        // ESRCH: the process is already gone, which is what we wanted.
+        if (kill(pid, SIGKILL) != 0 && errno != ESRCH) {
+            KQ_ERR_T ret = -errno;
+            KQ_LOG(kq::log::Error, "Kill pid %d failed(%d:%s)\n", pid, KQ_ERR_ARGS(ret));
+            return ret;
+        }
     }
     KQ_ERR_T ret = _KQCtrl_RemoveDynamicServerPidFile(DynamicServerConf->IfName);
     if (ret < 0) {
