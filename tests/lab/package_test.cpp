@@ -45,7 +45,7 @@ TEST(KqPackageLab, DebInstallsRunsAndRemovesCleanly)
     EXPECT_EQ(lab::MustSh(agent + " --version"), "kqagent " KQ_PROJECT_VERSION "\n");
     lab::WriteFile(dir.File("kqhost.json"), "{\"dhcpConf\": \"" + dir.File("dhcp.conf") + "\"}");
     EXPECT_EQ(lab::MustSh("KQ_HOST_CONFIG=" + dir.File("kqhost.json") + " " + agent + " status | head -2"),
-              "dhcp.conf: " + dir.File("dhcp.conf") + " (absent)\nno interfaces configured\n");
+              "agent: not running (this command ran on its own)\ndesired state: " + dir.File("desired.json") + "\n");
     EXPECT_EQ(lab::Sh("man -l " + root + prefix + "/share/man/man8/kqagent.8 >/dev/null 2>&1 || test ! -x /usr/bin/man"), 0);
 
     lab::MustSh("dpkg --root=" + root + " --force-depends -r kqagent");

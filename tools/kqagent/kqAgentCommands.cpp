@@ -173,9 +173,10 @@ int Agent::Startup(const std::string &confPath, std::ostream &out, std::ostream 
     KQ_HostSetLogLevel(level);
     if (result < 0) {
         const LoadOutcome outcome = DescribeLoadFailure(confPath, BackupOf(confPath), result);
-        // A missing dhcp.conf at the very first start is no fault when the desired state is empty too.
-        const bool firstStart = access(confPath.c_str(), F_OK) != 0 && desired_.Entries().empty() && !desired_.Broken();
-        if (outcome.failed && !firstStart) {
+        // The host's own dhcp.conf is missing before the first change ever made: nothing to
+        // restore, and no fault. A path the operator named must be there.
+        const bool neverWritten = access(confPath.c_str(), F_OK) != 0 && confPath == KQ_AgentPathDhcpConf();
+        if (outcome.failed && !neverWritten) {
             err << "kqagent: " << outcome.text << "\n";
             status = kExitFailed;
         } else {
