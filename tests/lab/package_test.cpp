@@ -1,5 +1,8 @@
 // The Debian package as an appliance gets it: built by cpack from this build, installed with
 // dpkg into a private root (inside the test's own /etc overlay), run, and removed again.
+#include <chrono>
+#include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,6 +49,20 @@ TEST(KqPackageLab, DebInstallsRunsAndRemovesCleanly)
     lab::WriteFile(dir.File("kqhost.json"), "{\"dhcpConf\": \"" + dir.File("dhcp.conf") + "\"}");
     EXPECT_EQ(lab::MustSh("KQ_HOST_CONFIG=" + dir.File("kqhost.json") + " " + agent + " status | head -2"),
               "agent: not running (this command ran on its own)\ndesired state: " + dir.File("desired.json") + "\n");
+    // The packaged agent serves: ready, answers through its control socket, and a SIGTERM
+    // ends it cleanly.
+    {
+        setenv("KQ_HOST_CONFIG", dir.File("kqhost.json").c_str(), 1);
+        const std::string log = dir.File("serve.log");
+        lab::Child served("", {agent, "serve"}, log);
+        ASSERT_TRUE(lab::WaitFor([&] { return lab::ReadFile(log).value_or("").find("kqagent: listening on ") != std::string::npos; },
+                                 std::chrono::seconds(30)))
+            << lab::ReadFile(log).value_or("");
+        EXPECT_EQ(lab::MustSh(agent + " status | head -1"), "agent: running, pid " + std::to_string(served.Pid()) + "\n");
+        served.Stop();
+        EXPECT_EQ(served.Status(), std::optional<int>(0)) << lab::ReadFile(log).value_or("");
+        unsetenv("KQ_HOST_CONFIG");
+    }
     EXPECT_EQ(lab::Sh("man -l " + root + prefix + "/share/man/man8/kqagent.8 >/dev/null 2>&1 || test ! -x /usr/bin/man"), 0);
 
     lab::MustSh("dpkg --root=" + root + " --force-depends -r kqagent");
