@@ -188,21 +188,41 @@ constexpr size_t kDhcpConfItemMaxLen = 32u << 10;
 
 static KQ_ERR_T _KQCtrl_BuildDynamicConfDoc(json_object *Root);
 
-// An add is refused before it touches anything when the rewrite that ends it could write
-// a dhcp.conf that the next start-up would refuse to load. Up to some 500 interfaces the
-// bound per item settles it; beyond, the document is measured.
-static KQ_ERR_T _KQCtrl_CheckDynamicConfRoom(void)
+// The last document this module rendered: its length and how many registry items it was
+// rendered from. Every item added since can take at most kDhcpConfItemMaxLen more.
+struct DhcpConfMeasure {
+    bool Known = false;
+    size_t Len = 0;
+    size_t Items = 0;
+};
+static DhcpConfMeasure s_LastDhcpConf;
+
+static size_t _KQCtrl_DynamicConfItemCount(void)
 {
-    size_t items = 1;  // the one being added
+    size_t items = 0;
     for (KQ_LIST_HEAD *link = sg_KqCtrlDynamicHead.next; link != &sg_KqCtrlDynamicHead; link = link->next)
         ++items;
+    return items;
+}
+
+// An add is refused before it touches anything when the rewrite that ends it could write
+// a dhcp.conf that the next start-up would refuse to load. Up to some 500 interfaces the
+// bound per item settles it; beyond, the last rendered document's length and the bound for
+// every item since do, and only when those cannot the document is measured again.
+static KQ_ERR_T _KQCtrl_CheckDynamicConfRoom(void)
+{
+    const size_t items = _KQCtrl_DynamicConfItemCount() + 1;  // with the one being added
     if (items <= kDhcpConfMaxLen / kDhcpConfItemMaxLen - 1)
+        return 0;
+    const size_t grown = items > s_LastDhcpConf.Items ? items - s_LastDhcpConf.Items : 1;
+    if (s_LastDhcpConf.Known && s_LastDhcpConf.Len + grown * kDhcpConfItemMaxLen <= kDhcpConfMaxLen)
         return 0;
     kq::JsonDoc root(json_object_new_object());
     if (!root || _KQCtrl_BuildDynamicConfDoc(root.get()) < 0)
         return 0;  // the rewrite itself will fail and say why
     const char *text = json_object_to_json_string(root.get());
     const size_t len = text != nullptr ? strlen(text) : 0;
+    s_LastDhcpConf = {text != nullptr, len, items - 1};
     if (len + kDhcpConfItemMaxLen <= kDhcpConfMaxLen)
         return 0;
     KQ_LOG(kq::log::Error,
@@ -315,6 +335,7 @@ static KQ_ERR_T _KQCtrl_BuildDynamicConfDoc(json_object *Root)
 
 KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
 {
+    s_LastDhcpConf.Known = false;  // until this rendering succeeds
     kq::JsonDoc root(json_object_new_object());
     if (!root) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
@@ -332,6 +353,7 @@ KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
     // The start-up load would refuse a larger file and restore nothing: the last good
     // document stays. The add path refuses long before this point.
     const size_t textLen = strlen(text);
+    s_LastDhcpConf = {true, textLen, _KQCtrl_DynamicConfItemCount()};
     if (textLen > kDhcpConfMaxLen) {
         KQ_LOG(kq::log::Error, "dhcp.conf of %zu bytes is past %zu, the most the start-up load reads: not written\n",
                textLen, kDhcpConfMaxLen);
