@@ -85,16 +85,6 @@ Request &RequestAt(size_t i)
     return *g_requests[i];
 }
 
-void ClearRegistry()
-{
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    while (head->next != head) {
-        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-            reinterpret_cast<char *>(head->next) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-        _KQCtrl_DeleteDynamicConfListNode(node->DynamicConf.IfName);
-    }
-}
-
 // Every dnsmasq of LANs 0..N-1 killed and gone, pid files removed, registry empty.
 void StopAll(size_t n)
 {
@@ -111,7 +101,7 @@ void StopAll(size_t n)
         }
         unlink(PidFile(i).c_str());
     }
-    ClearRegistry();
+    kqbench::EmptyRegistry();
 }
 
 // DHCP sockets (UDP port 67) bound in the namespace of the calling thread.

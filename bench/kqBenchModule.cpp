@@ -37,12 +37,7 @@ Request &RequestAt(size_t Index)
 
 void ClearRegistry()
 {
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    while (head->next != head) {
-        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-            reinterpret_cast<char *>(head->next) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-        _KQCtrl_DeleteDynamicConfListNode(node->DynamicConf.IfName);
-    }
+    kqbench::EmptyRegistry();
     g_filled = 0;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "kqCtrlDynamic.h"
+#include "kqCtrlDynamicInternal.h"
 
 namespace kqbench {
 
@@ -19,6 +20,17 @@ inline void RequireIsolation(const char *Program)
     if (isolated == nullptr || isolated[0] != '1') {
         fprintf(stderr, "%s writes /etc and /run: run it through scripts/isolate (scripts/bench does)\n", Program);
         exit(2);
+    }
+}
+
+// Empties the module's registry without touching any process or file.
+inline void EmptyRegistry()
+{
+    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
+    while (head->next != head) {
+        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
+            reinterpret_cast<char *>(head->next) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
+        _KQCtrl_DeleteDynamicConfListNode(node->DynamicConf.IfName);
     }
 }
 
