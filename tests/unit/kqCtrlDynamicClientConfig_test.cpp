@@ -18,20 +18,21 @@ const std::string kLease4 = "/var/lib/dhclient/dhclient.eth1.leases", kLease6 = 
 
 bool Exists(const std::string &Path) { return fakehost::ReadFile(Path).has_value(); }
 
+// The exported operations, by the name they log under.
 enum Op { Enable4, Enable6, RsEnable6, Disable4, Disable6, Rs };
-const char *const kOpNames[] = {"KQCtrl_DynamicClientEnableIpv4", "KQCtrl_DynamicClientEnableIpv6", "KQCtrl_SendOneRsPktAndDynamicClientEnableIpv6",
-                                "KQCtrl_DynamicClientDisableIpv4", "KQCtrl_DynamicClientDisableIpv6"};
-KQ_ERR_T Call(Op O, const char *IfName, uint32_t Zone)
+const std::pair<std::string, KQ_ERR_T (*)(const char *, uint32_t)> kOps[] = {
+    {"KQCtrl_DynamicClientEnableIpv4", KQCtrl_DynamicClientEnableIpv4}, {"KQCtrl_DynamicClientEnableIpv6", KQCtrl_DynamicClientEnableIpv6},
+    {"KQCtrl_SendOneRsPktAndDynamicClientEnableIpv6", KQCtrl_SendOneRsPktAndDynamicClientEnableIpv6},
+    {"KQCtrl_DynamicClientDisableIpv4", KQCtrl_DynamicClientDisableIpv4}, {"KQCtrl_DynamicClientDisableIpv6", KQCtrl_DynamicClientDisableIpv6},
+    {"KQCtrl_SendOneRsPkt", [](const char *IfName, uint32_t) { return KQCtrl_SendOneRsPkt(IfName); }}};
+
+// "60 00 ..." -> bytes
+std::vector<uint8_t> Hex(const char *Text)
 {
-    switch (O) {
-    case Enable4: return KQCtrl_DynamicClientEnableIpv4(IfName, Zone);
-    case Enable6: return KQCtrl_DynamicClientEnableIpv6(IfName, Zone);
-    case RsEnable6: return KQCtrl_SendOneRsPktAndDynamicClientEnableIpv6(IfName, Zone);
-    case Disable4: return KQCtrl_DynamicClientDisableIpv4(IfName, Zone);
-    case Disable6: return KQCtrl_DynamicClientDisableIpv6(IfName, Zone);
-    case Rs: return KQCtrl_SendOneRsPkt(IfName);
-    }
-    return 0;
+    std::vector<uint8_t> out;
+    for (unsigned byte = 0, n = 0; sscanf(Text, " %2x%n", &byte, &n) == 1; Text += n)
+        out.push_back(static_cast<uint8_t>(byte));
+    return out;
 }
 bool Before(const char *First, const char *Second)
 {
@@ -55,12 +56,9 @@ TEST_F(ClientConfig, RouterSolicitationIsTheFixedPacketToAllRouters)
     ASSERT_EQ(KQCtrl_SendOneRsPkt("lo"), 0);
     EXPECT_EQ(Host().SocketsOpened, (std::vector<std::tuple<int32_t, int32_t, int32_t>>{{10, 3, 255}}));
     ASSERT_EQ(Host().Packets.size(), 1u);
-    const std::vector<uint8_t> allRouters = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02};
-    std::vector<uint8_t> packet = {0x60, 0, 0, 0, 0x00, 0x08, 58, 255}, addr = {10, 0, 0, 0, 0, 0, 0, 0};
-    packet.resize(24, 0);  // source ::, which the fixed checksum 0x7BB8 relies on
-    packet.insert(packet.end(), allRouters.begin(), allRouters.end());
-    packet.insert(packet.end(), {133, 0, 0x7B, 0xB8, 0, 0, 0, 0});
-    addr.insert(addr.end(), allRouters.begin(), allRouters.end());
+    // IPv6 header from :: (which the fixed checksum 7bb8 relies on) to ff02::2, then the ICMPv6 solicitation.
+    const auto packet = Hex("60000000 0008 3a ff 00000000000000000000000000000000 ff020000000000000000000000000002 85 00 7bb8 00000000");
+    auto addr = Hex("0a00 0000 00000000 ff020000000000000000000000000002");  // AF_INET6, port 0, flow 0, ff02::2, scope id
     const uint32_t scope = if_nametoindex("lo");
     addr.insert(addr.end(), reinterpret_cast<const uint8_t *>(&scope), reinterpret_cast<const uint8_t *>(&scope) + 4);
     const auto &p = Host().Packets[0];
@@ -71,8 +69,6 @@ TEST_F(ClientConfig, RouterSolicitationIsTheFixedPacketToAllRouters)
     fakehost::Reset();
     EXPECT_EQ(KQCtrl_SendOneRsPkt("nosuchif0"), 0);
     EXPECT_EQ(Host().Packets.at(0).Addr[24], 0);
-    EXPECT_EQ(KQCtrl_SendOneRsPkt(nullptr), -EINVAL);
-    EXPECT_EQ(Host().Packets.size(), 1u);
 }
 
 TEST_F(ClientConfig, EachStepAndFailureAsTheHostSeesIt)
@@ -82,7 +78,9 @@ TEST_F(ClientConfig, EachStepAndFailureAsTheHostSeesIt)
         {Rs, 0, "KQ_Socket", -EPERM, -EPERM, {}, 0, {"Create RS packet socket failed(1:Operation not permitted)\n"}},
         {Enable4, 5, "KQ_RtcGetNetNsExecCmdPrefix", -ENODEV, -ENODEV, {"switch 5", "back 40"}, 0, {"Get net namespace cmd prefix failed(19:No such device)\n"}},
         {Disable4, 0, "", 0, 0, {"back -1"}, 0, {"Disable ipv4 dhcp client on interface eth1.\n", "Dhcp client service is not exist\n"}},
-        {Disable4, 7, "KQ_RtcNetNsSaveAndSwitch", -EBADF, -EBADF, {"switch 7", "back -1"}, 0, {"Switch to namespace 7 faile, ret = -9.\n"}},
+        // The stop before a start may fail: only logged, the start still runs.
+        {Enable4, 7, "KQ_RtcNetNsSaveAndSwitch", -EBADF, 0, {"switch 7", "back -1"}, 1,
+         {"Enable ipv4 dhcp client on interface eth1.\n", "Switch to namespace 7 faile, ret = -9.\n", "dhclient ipv4 disable failed\n"}},
         {Disable6, 7, "KQ_RtcRuleConfDel", -ENOENT, 0, {"switch 7", "back 40"}, 0, {"Dhcp v6 proto interface count:0\n",
          "KQ_RtcRuleConfDel failed: No such file or directory\n", "Del dhcp v6 client policy failed\n", "Dhcp client service is not exist\n"}},
         // Failed policy adds and solicitations are only logged.
@@ -95,7 +93,7 @@ TEST_F(ClientConfig, EachStepAndFailureAsTheHostSeesIt)
         SCOPED_TRACE(c.Lines.back());
         fakehost::Reset();
         Host().Fail[c.FailOp] = c.Fail;
-        EXPECT_EQ(Call(c.Call, "eth1", c.Zone), c.Ret);
+        EXPECT_EQ(kOps[c.Call].second("eth1", c.Zone), c.Ret);
         EXPECT_EQ(Host().NsSwitches, c.NsSwitches);
         EXPECT_EQ(Host().Commands.size(), c.Commands);
         for (const auto &line : c.Lines)
@@ -159,14 +157,15 @@ TEST_F(ClientConfig, FailedStartRetriesOnceWithoutLeaseFile)
 
 TEST_F(ClientConfig, StopReadsAndVerifiesThePidFile)
 {
-    // Real idle processes that look like the two clients; "1234" in a row stands for the pid of the row's client.
-    fakehost::Lookalike client4("/sbin/dhclient", {"-4", "eth1", "-pf", kPid4, "-nw"}), client6("/sbin/dhclient", {"-6", "eth1", "-pf", kPid6, "-nw"});
-    const std::string notCorrect = "Dhcp client service is not correct, pid file error!\n", noPid = "pid 0 is invalid(0:Success)\n";
+    // Real idle processes that look like dhclient started with both pid files, and with the IPv4 one only.
+    fakehost::Lookalike client("/sbin/dhclient", {"-pf", kPid4, "-pf", kPid6, "-nw"}), client4("/sbin/dhclient", {"-4", "eth1", "-pf", kPid4});
+    const std::string p = std::to_string(client.Pid()), notCorrect = "Dhcp client service is not correct, pid file error!\n";
+    const std::string noPid = "pid 0 is invalid(0:Success)\n";
     const struct { bool Ipv6; std::string PidText; bool Correct; long KillFail, KillResult; KQ_ERR_T Ret; bool Killed, PidFileLeft; Texts Lines; } cases[] = {
-        {false, "1234\n", true, 0, 0, 0, true, false, {"Pid is 1234\n"}},
-        {true, "1234", true, 0, -3, 0, true, false, {}},  // already gone
-        {false, "1234\n", false, 0, 0, -ENOENT, false, false, {notCorrect, "Kill dhclient service failed\n"}},
-        {true, "1234\n", true, -EPERM, 0, -EPERM, true, true, {"Kill pid 1234 failed(1:Operation not permitted)\n", "Kill dhclient6 service failed\n"}},
+        {false, p + "\n", true, 0, 0, 0, true, false, {"Pid is " + p + "\n"}},
+        {true, p, true, 0, -3, 0, true, false, {}},  // already gone
+        {false, p + "\n", false, 0, 0, -ENOENT, false, false, {notCorrect, "Kill dhclient service failed\n"}},
+        {true, p + "\n", true, -EPERM, 0, -EPERM, true, true, {"Kill pid " + p + " failed(1:Operation not permitted)\n", "Kill dhclient6 service failed\n"}},
         // Nothing read, or no number: pid 0, result the negated errno of the read (0 here).
         {false, "", true, 0, 0, 0, false, true, {noPid}},
         {true, "dhclient\n", true, 0, 0, 0, false, true, {noPid}},
@@ -174,35 +173,30 @@ TEST_F(ClientConfig, StopReadsAndVerifiesThePidFile)
         {true, std::to_string(client4.Pid()), true, 0, 0, -ENOENT, false, false, {notCorrect}},
         {false, std::to_string(getpid()), true, 0, 0, -ENOENT, false, false, {}},
         {false, "4294967297\n", true, 0, 0, -ENOENT, false, false, {}},  // wraps to 1
-        {false, "1234abc\n", true, 0, 0, -ENOENT, false, false, {}},
-        {true, "+1234\n", true, 0, 0, -ENOENT, false, false, {}},
+        {false, p + "abc\n", true, 0, 0, -ENOENT, false, false, {}},
+        {true, "+" + p + "\n", true, 0, 0, -ENOENT, false, false, {}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.PidText);
         fakehost::Reset();
-        const pid_t pid = c.Ipv6 ? client6.Pid() : client4.Pid();
-        auto sub = [&](std::string text) {
-            size_t at = text.find("1234");
-            return at == std::string::npos ? text : text.replace(at, 4, std::to_string(pid));
-        };
         const std::string &pidFile = c.Ipv6 ? kPid6 : kPid4;
-        fakehost::WriteFile(pidFile, sub(c.PidText));
+        fakehost::WriteFile(pidFile, c.PidText);
         if (c.Correct)
-            Host().CorrectPids = {pid, client4.Pid(), getpid(), 1};
+            Host().CorrectPids = {client.Pid(), client4.Pid(), getpid(), 1};
         if (c.KillFail != 0)
             Host().Fail["KQ_KillPid"] = c.KillFail;
         Host().KillResult = c.KillResult;
         Host().Dhcpv6Count = 1;
         EXPECT_EQ(c.Ipv6 ? KQCtrl_DynamicClientDisableIpv6("eth1", 0) : KQCtrl_DynamicClientDisableIpv4("eth1", 0), c.Ret);
-        EXPECT_EQ(Host().Killed, c.Killed ? std::vector<pid_t>{pid} : std::vector<pid_t>{});
+        EXPECT_EQ(Host().Killed, c.Killed ? std::vector<pid_t>{client.Pid()} : std::vector<pid_t>{});
         EXPECT_EQ(Exists(pidFile), c.PidFileLeft);
         for (const auto &line : c.Lines)
-            EXPECT_TRUE(HasMessage(sub(line))) << line;
+            EXPECT_TRUE(HasMessage(line)) << line;
         EXPECT_EQ(HasMessage("Pid file " + pidFile + " is stale: it names no dhclient started with it, nothing is signalled\n"),
                   c.Ret == -ENOENT && c.Correct);
         std::remove(pidFile.c_str());
     }
-    EXPECT_TRUE(client4.Alive() && client6.Alive());
+    EXPECT_TRUE(client.Alive() && client4.Alive());
 }
 
 TEST_F(ClientConfig, Dhclient6PolicyRuleAddedOnEnableRemovedWithTheLastInterface)
@@ -243,13 +237,6 @@ TEST_F(ClientConfig, EnableStopsTheRunningClientFirst)
     EXPECT_EQ(Host().Killed, (std::vector<pid_t>{client.Pid()}));
     EXPECT_TRUE(!Exists(kPid4) && Before("KQ_KillPid", "KQ_RTCSystem"));
     EXPECT_EQ(Host().NsSwitches, (Texts{"switch 4", "back 40"}));
-    EXPECT_EQ(fakehost::Message(0), "Enable ipv4 dhcp client on interface eth1.\n");
-
-    // A failed stop is only logged; the start still runs.
-    fakehost::Reset();
-    fakehost::WriteFile(kPid4, "4321\n");
-    EXPECT_EQ(KQCtrl_DynamicClientEnableIpv4("eth1", 0), 0);
-    EXPECT_TRUE(HasMessage("dhclient ipv4 disable failed\n") && Host().Commands.size() == 1);
 }
 
 TEST_F(ClientConfig, UnusableInterfaceNamesAreRefusedBeforeAnythingRuns)
@@ -257,21 +244,19 @@ TEST_F(ClientConfig, UnusableInterfaceNamesAreRefusedBeforeAnythingRuns)
     const struct { const char *Name; KQ_ERR_T Ret; std::string Message; } names[] = {
         {nullptr, -EINVAL, "Interface name (null) is invalid\n"},
         {"", -EINVAL, "Interface name  is invalid\n"},
-        {"..", -EINVAL, "Interface name .. is invalid\n"},
-        {"../etc", -EINVAL, "Interface name ../etc is invalid\n"},
         {"eth1 -sf", -EINVAL, "Interface name eth1 -sf is invalid\n"},
-        {"eth1:0", -EINVAL, "Interface name eth1:0 is invalid\n"},
         {"abcdefghijklmnop", -EOVERFLOW, "Interface name abcdefghijklmnop is overflow\n"},
         {"abcdefghijklmno/q", -EOVERFLOW, "Interface name abcdefghijklmno/q is overflow\n"},  // the length comes first
     };
     KQCtrl_DynamicClientSetIpv6AutoConfType(KQ_IPV6_ADDR_AUTOCONF_DHCP);
     const std::set<std::string> logging = {"KQ_LogTest", "KQ_Log", "KQ_ThreadGetName", "KQ_FlexLogDataReset", "KQ_FlexLogSetFormatData"};
-    for (Op op : {Enable4, Enable6, RsEnable6, Disable4, Disable6}) {
-        const std::string opName = kOpNames[op];
+    for (const auto &[opName, op] : kOps) {
         for (const auto &n : names) {
             SCOPED_TRACE(opName + " " + (n.Name ? n.Name : "(null)"));
+            if (opName == kOps[Rs].first && n.Name != nullptr)
+                continue;  // the solicitation alone refuses only a missing name
             fakehost::Reset();
-            EXPECT_EQ(Call(op, n.Name, 1), n.Ret);
+            EXPECT_EQ(op(n.Name, 1), n.Ret);
             EXPECT_EQ(fakehost::Messages().at(0), n.Message);
             EXPECT_NE(fakehost::LogTexts().at(0).find("[" + opName + ":"), std::string::npos);
             for (const auto &call : Host().Calls)

@@ -2,11 +2,6 @@
 // checks and the plan tell the operator.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <string>
-#include <vector>
-
 #include "fakehost.h"
 #include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
@@ -61,18 +56,21 @@ std::string Many(size_t n, const char *format, size_t base = 1)
 
 TEST(KqAgentRequests, ValidFilesBuildExactMessages)
 {
-    const auto parsed = ParseRequests(File(
-        R"({"op":"add","item":{"ifname":"lan1",
+    std::vector<kqagent::Request> kept;  // copies of the result keep their messages alive after the original is gone
+    {
+        const auto parsed = ParseRequests(File(
+            R"({"op":"add","item":{"ifname":"lan1",
              "ipv4dhcpitem":{"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.100","len":50},{"begin":"192.0.2.200","len":1}],
                "netmask":"255.255.255.0","dns":["192.0.2.1","198.51.100.53"],"gateway":"192.0.2.1","leasetime":3600,"offertime":60}},
              "ipv6dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}],
                "prefixlength":64,"dns":["2001:db8:1::1"],"leasetime":7200,"prefix":"2001:db8:1::","ipv6dynamicmode":"dhcp","dnsdynamicmode":1}}}},
            {"op":"add","item":{"ifname":"lan2","ipv4dhcpitem":{"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2","203.0.113.3"],"lanip":"198.51.100.1"}}}},
            {"op":"delete","item":{"ifname":"lan3"}},)" + Add("lan1", kServer4) +
-        R"(,{"op":"add","item":{"ifname":"lan1","ipv6dhcpitem":{"mode":"relay"}}})"));
-    ASSERT_TRUE(parsed.Ok()) << parsed.error;
-    EXPECT_EQ(parsed.notes, std::vector<std::string>{"request 4: item.ipv6dhcpitem.mode: the module relays IPv4 only; "
-                                                     "IPv6 relay mode configures nothing"});
+            R"(,{"op":"add","item":{"ifname":"lan1","ipv6dhcpitem":{"mode":"relay"}}})"));
+        ASSERT_TRUE(parsed.Ok()) << parsed.error;
+        EXPECT_EQ(parsed.notes, std::vector<std::string>{"request 4: item.ipv6dhcpitem.mode: the module relays IPv4 only; IPv6 relay mode configures nothing"});
+        kept = parsed.requests;
+    }
     auto full = kqtest::ServerMsg::DualStack(1, 1);
     full.IfName = "lan1";
     full.Pools = {{"192.0.2.100", 50}, {"192.0.2.200", 1}};
@@ -85,8 +83,6 @@ TEST(KqAgentRequests, ValidFilesBuildExactMessages)
     deleted.IfName = "lan3";
     minimal.IfName = "lan1";
     minimal.Pools = {{"192.0.2.100", 50}};
-    // Copies of the result keep their messages alive after the original is gone.
-    std::vector<kqagent::Request> kept = parsed.requests;
     ASSERT_EQ(kept.size(), 5u);
     const std::vector<std::string> expected = {Packed(*full.Build()), Packed(*relay.get()), Packed(*deleted.Build()),
                                                Packed(*minimal.Build())};
@@ -108,13 +104,13 @@ TEST(KqAgentRequests, FaultsAreRefusedWithIndexPathAndReason)
     const std::string badName = " is not a usable interface name (1..15 characters, no leading '-', none of / : * ? [ ] , \" ' # = \\, blanks or control characters)";
     const std::string dup = ": duplicate key (the second value would silently replace the first)";
     auto lease = [](const char *v) {
-        return Add("lan1", std::string(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.255.255.0","leasetime":)") + v + "}}");
+        return File(Add("lan1", std::string(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.255.255.0","leasetime":)") + v + "}}"));
     };
-    auto mode4 = [](const char *m) { return File(std::string(R"({"op":"add","item":{"ifname":"lan1","ipv4dhcpitem":{"mode":)") + m + "}}}"); };
     const std::string v4 = "request 0: item.ipv4dhcpitem.", s4 = v4 + "dhcpserver.", s6 = "request 0: item.ipv6dhcpitem.dhcpserver";
-    const struct {
-        std::string text, error;
-    } cases[] = {
+    auto V4 = [](const std::string &item) { return File(Add("lan1", item)); };
+    auto S4 = [](const std::string &fields) { return File(Add("lan1", Server4(fields))); };
+    auto V6 = [](const std::string &server) { return File(Add("lan1", "", server)); };
+    const struct { std::string text, error; } cases[] = {
         {"", "(file): not valid JSON near line 1, column 1: unexpected end of data"},
         {File(Add("lan1", kServer4)) + "\n}", "(file): not valid JSON near line 2, column 1: unexpected text after the document"},
         {"{\n \"requests\": [\n  {\"op\" \"add\"}]}", "(file): not valid JSON near line 3, column 9: object property name separator ':' expected"},
@@ -136,48 +132,41 @@ TEST(KqAgentRequests, FaultsAreRefusedWithIndexPathAndReason)
         {File(Add("abcdefghijklmnop", "")), "request 0: item.ifname: \"abcdefghijklmnop\"" + badName},
         {File(R"({"op":"add","item":{"ifname":7}})"), "request 0: item.ifname: expected a string, found an integer"},
         {File(R"({"op":"add","item":{"ifname":null}})"), "request 0: item.ifname: must not be null"},
-        {mode4(R"("server")"), v4 + "dhcpserver: missing (mode is \"server\")"},
-        {mode4(R"("relay")"), v4 + "dhcprelay: missing (mode is \"relay\")"},
-        {mode4("4"), v4 + "mode: 4 is out of range 1..3"},
-        {mode4(R"("on")"), v4 + "mode: \"on\" is not a mode (use 1 \"off\", 2 \"relay\", 3 \"server\")"},
-        {mode4("true"), v4 + "mode: expected a mode: 1 \"off\", 2 \"relay\", 3 \"server\", found a boolean"},
-        {File(Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.300","len":5}])"))), s4 + "dhcpiprange[0].begin: \"192.0.2.300\" is not an IPv4 address"},
-        {File(Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.10"}])"))), s4 + "dhcpiprange[0].len: missing (required)"},
-        {File(Add("lan1", Server4(R"("dhcpiprange":[{"begin":"255.255.255.250","len":7}])"))), s4 + "dhcpiprange[0].len: 7 is out of range 1..6"},
-        {File(Add("lan1", Server4(R"("dhcpiprange":[])"))), s4 + "dhcpiprange: holds 0 entries, allowed 1..64"},
-        {File(Add("lan1", R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.0.255.0","leasetime":60}})")),
+        {V4(R"({"mode":"server"})"), v4 + "dhcpserver: missing (mode is \"server\")"},
+        {V4(R"({"mode":"relay"})"), v4 + "dhcprelay: missing (mode is \"relay\")"},
+        {V4(R"({"mode":4})"), v4 + "mode: 4 is out of range 1..3"},
+        {V4(R"({"mode":"on"})"), v4 + "mode: \"on\" is not a mode (use 1 \"off\", 2 \"relay\", 3 \"server\")"},
+        {V4(R"({"mode":true})"), v4 + "mode: expected a mode: 1 \"off\", 2 \"relay\", 3 \"server\", found a boolean"},
+        {S4(R"("dhcpiprange":[{"begin":"192.0.2.300","len":5}])"), s4 + "dhcpiprange[0].begin: \"192.0.2.300\" is not an IPv4 address"},
+        {S4(R"("dhcpiprange":[{"begin":"192.0.2.10"}])"), s4 + "dhcpiprange[0].len: missing (required)"},
+        {S4(R"("dhcpiprange":[{"begin":"255.255.255.250","len":7}])"), s4 + "dhcpiprange[0].len: 7 is out of range 1..6"},
+        {S4(R"("dhcpiprange":[])"), s4 + "dhcpiprange: holds 0 entries, allowed 1..64"},
+        {V4(R"({"mode":3,"dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":5}],"netmask":"255.0.255.0","leasetime":60}})"),
          s4 + "netmask: \"255.0.255.0\" is not a netmask"},
-        {File(lease("0")), s4 + "leasetime: 0 is out of range 1..4294967295"},
-        {File(lease("4294967296")), s4 + "leasetime: 4294967296 is out of range 1..4294967295"},
-        {File(lease("\"3600\"")), s4 + "leasetime: expected an integer, found a string"},
-        {File(lease("60.5")), s4 + "leasetime: expected an integer, found a fractional number"},
-        {File(Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.10","len":5}],"dns":["192.0.2.1","0.0.0.0"])"))),
-         s4 + "dns[1]: \"0.0.0.0\" is not usable here (0.0.0.0)"},
-        {File(Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.10","len":5}],"lease":60)"))),
-         s4 + "lease: unknown key (known here: dhcpiprange, netmask, dns, offertime, gateway, leasetime)"},
-        {File(Add("lan1", R"({"mode":2,"dhcprelay":{"relayserver":[)" + Many(5, R"("203.0.113.%zu")") + R"(],"lanip":"198.51.100.1"}})")),
+        {lease("0"), s4 + "leasetime: 0 is out of range 1..4294967295"},
+        {lease("4294967296"), s4 + "leasetime: 4294967296 is out of range 1..4294967295"},
+        {lease("\"3600\""), s4 + "leasetime: expected an integer, found a string"},
+        {lease("60.5"), s4 + "leasetime: expected an integer, found a fractional number"},
+        {S4(R"("dhcpiprange":[{"begin":"192.0.2.10","len":5}],"dns":["192.0.2.1","0.0.0.0"])"), s4 + "dns[1]: \"0.0.0.0\" is not usable here (0.0.0.0)"},
+        {S4(R"("dhcpiprange":[{"begin":"192.0.2.10","len":5}],"lease":60)"), s4 + "lease: unknown key (known here: dhcpiprange, netmask, dns, offertime, gateway, leasetime)"},
+        {V4(R"({"mode":2,"dhcprelay":{"relayserver":[)" + Many(5, R"("203.0.113.%zu")") + R"(],"lanip":"198.51.100.1"}})"),
          v4 + "dhcprelay.relayserver: holds 5 entries, allowed 1..4"},
-        {File(Add("lan1", R"({"mode":2,"dhcprelay":{"relayserver":["203.0.113.1"]}})")), v4 + "dhcprelay.lanip: missing (required)"},
-        {File(Add("lan1", "", stateful6 + R"("ipv6dynamicmode":1,"dnsdynamicmode":2})")),
+        {V4(R"({"mode":2,"dhcprelay":{"relayserver":["203.0.113.1"]}})"), v4 + "dhcprelay.lanip: missing (required)"},
+        {V6(stateful6 + R"("ipv6dynamicmode":1,"dnsdynamicmode":2})"),
          s6 + ": ipv6dynamicmode \"dhcp\" with dnsdynamicmode \"slaac\" is not served; use dhcp+dhcp (stateful DHCPv6), slaac+dhcp "
               "(stateless DHCPv6), slaac+slaac (SLAAC) or both+slaac (SLAAC and DHCPv6)"},
-        {File(Add("lan1", "", stateful6 + R"("ipv6dynamicmode":1})")), s6 + ".dnsdynamicmode: missing (mode is \"server\")"},
-        {File(Add("lan1", "", R"({"prefixlength":64,"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp"})")),
+        {V6(stateful6 + R"("ipv6dynamicmode":1})"), s6 + ".dnsdynamicmode: missing (mode is \"server\")"},
+        {V6(R"({"prefixlength":64,"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp"})"),
          s6 + ".dhcpiprange: needs at least one range (ipv6dynamicmode \"dhcp\" with dnsdynamicmode \"dhcp\")"},
-        {File(Add("lan1", "", R"({"prefixlength":64,"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac"})")),
-         s6 + ".prefix: missing (ipv6dynamicmode \"slaac\" with dnsdynamicmode \"slaac\")"},
-        {File(Add("lan1", "", R"({"prefix":"2001:db8:1::","ipv6dynamicmode":"slaac","dnsdynamicmode":"dhcp"})")),
+        {V6(R"({"prefixlength":64,"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac"})"), s6 + ".prefix: missing (ipv6dynamicmode \"slaac\" with dnsdynamicmode \"slaac\")"},
+        {V6(R"({"prefix":"2001:db8:1::","ipv6dynamicmode":"slaac","dnsdynamicmode":"dhcp"})"),
          s6 + ".prefixlength: missing (ipv6dynamicmode \"slaac\" with dnsdynamicmode \"dhcp\")"},
-        {File(Add("lan1", "", R"({"prefix":"2001:db8:1::","prefixlength":129,"ipv6dynamicmode":2,"dnsdynamicmode":2})")),
-         s6 + ".prefixlength: 129 is out of range 1..128"},
-        {File(Add("lan1", "", R"({"prefix":"2001:db8:1::/64","prefixlength":64,"ipv6dynamicmode":2,"dnsdynamicmode":2})")),
-         s6 + ".prefix: \"2001:db8:1::/64\" is not an IPv6 address"},
-        {File(Add("lan1", "", R"({"dhcpiprange":[{"ipv6begin":"2001:db8:1::200","ipv6end":"2001:db8:1::100"}],"prefixlength":64,"ipv6dynamicmode":1,"dnsdynamicmode":1})")),
+        {V6(R"({"prefix":"2001:db8:1::","prefixlength":129,"ipv6dynamicmode":2,"dnsdynamicmode":2})"), s6 + ".prefixlength: 129 is out of range 1..128"},
+        {V6(R"({"prefix":"2001:db8:1::/64","prefixlength":64,"ipv6dynamicmode":2,"dnsdynamicmode":2})"), s6 + ".prefix: \"2001:db8:1::/64\" is not an IPv6 address"},
+        {V6(R"({"dhcpiprange":[{"ipv6begin":"2001:db8:1::200","ipv6end":"2001:db8:1::100"}],"prefixlength":64,"ipv6dynamicmode":1,"dnsdynamicmode":1})"),
          s6 + ".dhcpiprange[0]: ipv6end 2001:db8:1::100 lies before ipv6begin 2001:db8:1::200"},
-        {File(Add("lan1", "", stateful6 + R"("ipv6dynamicmode":1,"dnsdynamicmode":1,"dns":["::"]})")),
-         s6 + ".dns[0]: \"::\" is not usable here (the unspecified address)"},
-        {File(Add("lan1", "", stateful6 + R"("ipv6dynamicmode":"stateful","dnsdynamicmode":1})")),
-         s6 + ".ipv6dynamicmode: \"stateful\" is not a mode (use 1 \"dhcp\", 2 \"slaac\", 3 \"both\")"},
+        {V6(stateful6 + R"("ipv6dynamicmode":1,"dnsdynamicmode":1,"dns":["::"]})"), s6 + ".dns[0]: \"::\" is not usable here (the unspecified address)"},
+        {V6(stateful6 + R"("ipv6dynamicmode":"stateful","dnsdynamicmode":1})"), s6 + ".ipv6dynamicmode: \"stateful\" is not a mode (use 1 \"dhcp\", 2 \"slaac\", 3 \"both\")"},
     };
     for (const auto &c : cases) {
         const auto parsed = ParseRequests(c.text);
@@ -194,10 +183,7 @@ TEST(KqAgentChecks, RefusalsAndWarningsNameRequestPathAndReason)
     const std::string slaac = R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:1::")";
     const std::string longDns = "\"2001:db8:ffff:ffff:ffff:ffff:%04zx:%04zx\"";
     const std::string lost = "a restart would lose lan1's IPv6 service", s6 = "request 0: item.ipv6dhcpitem.dhcpserver.";
-    const struct {
-        std::string requests;
-        std::vector<std::string> errors, warnings;
-    } cases[] = {
+    const struct { std::string requests; std::vector<std::string> errors, warnings; } cases[] = {
         {Add("lan1", ""), {"request 0: item: an add with neither ipv4dhcpitem nor ipv6dhcpitem would remove lan1's DHCP service; to "
                            "remove it, use {\"op\":\"delete\",\"item\":{\"ifname\":\"lan1\"}}"}},
         {Add("lan1", Server4(pools + R"(,{"begin":"192.0.2.149","len":2},{"begin":"192.0.2.10","len":5}])")),
