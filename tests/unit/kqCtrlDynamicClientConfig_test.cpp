@@ -169,6 +169,7 @@ TEST_F(ClientConfig, StopReadsAndVerifiesThePidFile)
         // Nothing read, or no number: pid 0, result the negated errno of the read (0 here).
         {false, "", true, 0, 0, 0, false, true, {noPid}},
         {true, "dhclient\n", true, 0, 0, 0, false, true, {noPid}},
+        {false, std::string(32, ' ') + p, true, 0, 0, 0, false, true, {noPid}},  // only the first 32 bytes are read
         // Stale files: the host's word is not enough, nothing is signalled, the file goes.
         {true, std::to_string(client4.Pid()), true, 0, 0, -ENOENT, false, false, {notCorrect}},
         {false, std::to_string(getpid()), true, 0, 0, -ENOENT, false, false, {}},
