@@ -105,12 +105,12 @@ TEST_F(ClientConfig, StartCommandLines)
 {
     const std::string tail4 = "eth1 -pf /var/run/eth1_dhclient.pid -lf /var/lib/dhclient/dhclient.eth1.leases -nw";
     const std::string tail6 = "eth1 -pf /var/run/eth1_dhclient6.pid -lf /var/lib/dhclient/dhclient6.eth1.leases -nw";
-    const std::string longPrefix(511, 'x');  // the longest the buffer holds: nothing of the client's own part fits
+    const std::string longPrefix(510, 'x');  // a host prefix filling the buffer: the command is cut at its end
     Host().NetNsPrefix["9"] = longPrefix;
     const struct { bool Ipv6; KQ_IPV6_ADDR_AUTOCONF_TYPE Type; uint32_t Zone; std::string Command; /* empty: none */ } cases[] = {
         {false, KQ_IPV6_ADDR_AUTOCONF_SLAAC, 0, "/sbin/dhclient -4 " + tail4},
         {false, KQ_IPV6_ADDR_AUTOCONF_SLAAC, 5, "ip netns exec vpn5 /sbin/dhclient -4 " + tail4},
-        {false, KQ_IPV6_ADDR_AUTOCONF_SLAAC, 9, longPrefix},
+        {false, KQ_IPV6_ADDR_AUTOCONF_SLAAC, 9, longPrefix + "/"},
         {true, KQ_IPV6_ADDR_AUTOCONF_DHCP, 0, "/sbin/dhclient -6 " + tail6},
         {true, KQ_IPV6_ADDR_AUTOCONF_DHCP, 3, "ip netns exec vpn3 /sbin/dhclient -6 " + tail6},
         {true, KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP, 0, "/sbin/dhclient -6 -S " + tail6},
