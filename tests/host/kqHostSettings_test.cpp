@@ -10,7 +10,7 @@ std::string Load(const char *text, const char *path = kConfig)
 {
     if (text != nullptr)
         std::ofstream(kConfig) << text;
-    text != nullptr ? setenv("KQ_HOST_CONFIG", path, 1) : unsetenv("KQ_HOST_CONFIG");
+    text ? setenv("KQ_HOST_CONFIG", path, 1) : unsetenv("KQ_HOST_CONFIG");
     testing::internal::CaptureStderr();
     KQ_HostReloadConfig();
     return testing::internal::GetCapturedStderr();
@@ -93,7 +93,7 @@ TEST_F(HostSettings, KeysAreReadAndEveryProblemFallsBackWithAMessage)
         SCOPED_TRACE(c.text);
         std::string err = Load(c.text), expected;
         for (const std::string &m : c.messages)
-            expected += std::string("kqhost: ") + kConfig + ": " + m + "\n";
+            expected += "kqhost: /etc/kq-host-settings.json: " + m + "\n";
         EXPECT_EQ(err, expected);
         EXPECT_EQ(Settings(), c.settings);
         EXPECT_STREQ(KQ_HostConfigPath(), kConfig);
@@ -112,28 +112,23 @@ TEST_F(HostSettings, KeysAreReadAndEveryProblemFallsBackWithAMessage)
 TEST_F(HostSettings, LoggingFollowsTheLevelAndWritesWholeLines)
 {
     Load(R"({"logLevel": 2})");
-    struct { unsigned level; BOOL normal, expected; } atTwo[] = {{1, TRUE, FALSE}, {2, TRUE, TRUE}, {4, TRUE, TRUE},
-                                                                {4, FALSE, FALSE}};
-    for (const auto &c : atTwo)
-        EXPECT_EQ(KQ_LogTest(62, c.level, c.normal, "f"), c.expected) << c.level << c.normal;
+    auto test = [](unsigned level, BOOL normal) { return KQ_LogTest(62, level, normal, "f"); };
+    EXPECT_EQ((std::vector<BOOL>{test(1, TRUE), test(2, TRUE), test(4, TRUE), test(4, FALSE)}),
+              (std::vector<BOOL>{FALSE, TRUE, TRUE, FALSE}));
     KQ_HostSetLogLevel(1);  // the flex-log dump only when everything is written
-    EXPECT_TRUE(KQ_LogTest(62, 4, FALSE, "f"));
-    EXPECT_TRUE(KQ_LogTest(62, 1, TRUE, "f"));
+    EXPECT_TRUE(test(4, FALSE) && test(1, TRUE));
     KQ_HostSetLogLevel(9);
     EXPECT_EQ(KQ_HostLogLevel(), 1u);
-
     KQ_LOG_IMPL_S *impl = KQ_LogGetImplItem(62);
     ASSERT_TRUE(impl != nullptr && impl->Log != nullptr && impl->LogLevel2Str != nullptr);
-    std::string names;
+    std::string names = std::string(KQ_LogGetModuleName(62)) + " " + KQ_LogGetModuleName(1) + " " + KQ_AgentLogGetTag();
     for (uint32_t level = 0; level <= 5; level++)
-        names += std::string(impl->LogLevel2Str(level)) + "|";
-    EXPECT_EQ(names, "|DEBUG:|INFO:|WARN:|ERROR:||");
-    EXPECT_EQ(std::string(KQ_LogGetModuleName(62)) + KQ_LogGetModuleName(1) + KQ_AgentLogGetTag(), "dynamicunknownkqagent");
+        names += std::string(" ") + impl->LogLevel2Str(level);
+    EXPECT_EQ(names, "dynamic unknown kqagent  DEBUG: INFO: WARN: ERROR: ");
     testing::internal::CaptureStderr();
     impl->Log(KQ_AgentLogGetTag(), 4, "<%s%s>[f:%d] failed(%d:%s)\n", "ERROR:", "dynamic", 7, 2, "x");
     impl->Log(KQ_AgentLogGetTag(), 2, "no newline %s", "here");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "kqagent: <ERROR:dynamic>[f:7] failed(2:x)\nkqagent: no newline here\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kqagent: <ERROR:dynamic>[f:7] failed(2:x)\nkqagent: no newline here\n");
     Load(R"({"logTo": "syslog"})");
     testing::internal::CaptureStderr();
     impl->Log("kqagent", 4, "to syslog\n");
@@ -146,10 +141,9 @@ TEST(HostLog, ThreadTextAndFlexLogArePerThread)
     pthread_setname_np(pthread_self(), "kq-main");
     EXPECT_EQ(KQ_ThreadGetName(name, sizeof(name)), 0);
     EXPECT_STREQ(name, "kq-main");
-    EXPECT_EQ(KQ_ThreadGetName(name, 4), -ERANGE);
-    EXPECT_EQ(KQ_ThreadGetName(name, 0), -EINVAL);
-    EXPECT_EQ(KQ_PlatformGetCurrentThreadId(), static_cast<long>(syscall(SYS_gettid)));
-    EXPECT_EQ(KQ_PlatformGetCurrentProcessId(), static_cast<long>(getpid()));
+    EXPECT_EQ((std::vector<long>{KQ_ThreadGetName(name, 4), KQ_ThreadGetName(name, 0), KQ_PlatformGetCurrentThreadId(),
+                                 KQ_PlatformGetCurrentProcessId()}),
+              (std::vector<long>{-ERANGE, -EINVAL, syscall(SYS_gettid), getpid()}));
     EXPECT_EQ(KQ_FlexLogSetFormatData("Start %s failed(%d:%s)\n", "eth1", 22, "Invalid argument"), 0);
     EXPECT_STREQ(KQ_FlexLogGetFormatBuff(), "Start eth1 failed(22:Invalid argument)\n");
     std::string other = "?";
