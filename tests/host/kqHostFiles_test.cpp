@@ -8,21 +8,14 @@ using hosttest::Slurp;
 std::set<std::string> Names(const std::string &dir)
 {
     std::set<std::string> names;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (struct dirent *e = readdir(d))
-            names.insert(e->d_name);
-        closedir(d);
-    }
-    names.erase(".");
-    names.erase("..");
+    for (const auto &entry : std::filesystem::directory_iterator(dir))
+        names.insert(entry.path().filename());
     return names;
 }
 
-mode_t Mode(const std::string &path)
+unsigned Mode(const std::string &path)
 {
-    struct stat st {};
-    stat(path.c_str(), &st);
-    return st.st_mode & 07777;
+    return static_cast<unsigned>(std::filesystem::status(path).permissions());
 }
 
 TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndFailuresLeaveThemAsTheyWere)
