@@ -40,8 +40,9 @@ TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndFailuresLeaveThemAsTheyWere)
                                 KQ_FileCopy(dir.path.c_str(), conf.c_str()),
                                 KQ_WriteSyncWithFilePath((dir.path + "/agent").c_str(), "x", 1),
                                 KQ_WriteSyncWithFilePath((conf + "/sub").c_str(), "x", 1),
-                                KQ_WriteSyncWithFilePath(nullptr, "x", 1), KQ_WriteSyncWithFilePath(conf.c_str(), nullptr, 1)}),
-              (std::vector<int>{-ENOENT, -EISDIR, -EISDIR, -ENOTDIR, -EINVAL, -EINVAL}));
+                                KQ_WriteSyncWithFilePath(nullptr, "x", 1), KQ_WriteSyncWithFilePath(conf.c_str(), nullptr, 1),
+                                KQ_FileCopy(nullptr, conf.c_str()), KQ_FileCopy(bak.c_str(), nullptr)}),
+              (std::vector<int>{-ENOENT, -EISDIR, -EISDIR, -ENOTDIR, -EINVAL, -EINVAL, -EINVAL, -EINVAL}));
     EXPECT_EQ(Slurp(conf), "");
     EXPECT_EQ(Names(dir.path + "/agent"), (std::set<std::string>{"dhcp.conf", "dhcp.conf.bak"}));
 }

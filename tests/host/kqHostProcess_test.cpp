@@ -105,10 +105,16 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
     }
     close(leaked);
     unsetenv("KQ_PROBE_SECRET");
+    testing::internal::CaptureStderr();
     EXPECT_EQ((std::vector<int>{KQ_RTCSystem("ip netns exec kqnone /bin/true"),  // as from `ip`, which exits 255
                                 KQ_RTCSystem("ip netns exec kqpz /no/such/program"), KQ_RTCSystem("ip netns exec kqpz /bin/false"),
                                 KQ_RTCSystem("ip netns exec kqpz kq-no-such-program")}),
               (std::vector<int>{-EIO, -EIO, -EIO, -ENOENT}));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kqagent: <WARN:host> KQ_RTCSystem: cannot open the network namespace kqnone: No such file or directory\n"
+              "kqagent: <WARN:host> KQ_RTCSystem: cannot start the program /no/such/program: No such file or directory\n"
+              "kqagent: <WARN:host> KQ_RTCSystem: ip netns exec kqpz /bin/false exited with status 1\n"
+              "kqagent: <WARN:host> KQ_RTCSystem: kq-no-such-program: program not found\n");
     system("ip netns del kqpz; rm -rf /etc/netns/kqpz");
 }
 
@@ -119,7 +125,7 @@ TEST(HostProcess, KillAndPidCheckTouchOnlyTheRightDaemon)
 {
     Daemons d;
     auto notOurChild = [&] {
-        system(("setsid " + d.dir.path + "/dnsmasq -c 'sleep 30; :' sh --pid-file=/run/x.pid >/dev/null 2>&1 & echo $! > " +
+        system(("setsid " + d.dir.path + "/dnsmasq -c 'sleep 30; :' sh -x /run/x.pid >/dev/null 2>&1 & echo $! > " +
                 d.dir.path + "/pid").c_str());
         usleep(100 * 1000);
         d.started.push_back(atoi(Slurp(d.dir.path + "/pid").c_str()));
@@ -128,7 +134,7 @@ TEST(HostProcess, KillAndPidCheckTouchOnlyTheRightDaemon)
     struct { pid_t pid; double atLeast, below; } stopped[] = {
         {d.Start("dnsmasq", {"-K", "--pid-file=/run/vyr_dhcpd_eth1.pid"}), 0, 1.5},
         {d.Start("dhclient", {"-4", "eth1", "-pf", "/run/eth1_dhclient.pid"}, true), 2.0, 4.0},  // waited for SIGTERM
-        {notOurChild(), 0, 1.5}};
+        {notOurChild(), 0, 1.5}, {d.Start("dnsmasq", {"--pid-file", "/run/y.pid"}), 0, 1.5}};
     for (const auto &s : stopped) {
         auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(KQ_KillPid(s.pid), 0);
