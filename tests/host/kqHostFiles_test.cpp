@@ -85,11 +85,11 @@ TEST(HostFiles, AllocAndGetConfReadsWholeRegularFilesUpToTheLimit)
     hosttest::TempDir dir("/etc");
     const std::string text = dir.path + "/text", limit = dir.path + "/limit", over = dir.path + "/over";
     std::ofstream(text) << "line one\nline two\n";
-    std::ofstream(limit).flush();
-    std::ofstream(over).flush();
+    for (const std::string &path : {limit, over, dir.path + "/empty"})
+        std::ofstream(path).flush();
     ASSERT_EQ(truncate(limit.c_str(), 16 << 20) | truncate(over.c_str(), (16 << 20) + 1), 0);
     struct { std::string path; const char *want; } cases[] = {  // null: refused
-        {text, "line one\nline two\n"}, {limit, ""},  // NUL bytes
+        {text, "line one\nline two\n"}, {dir.path + "/empty", ""}, {limit, ""},  // NUL bytes
         {over, nullptr}, {dir.path, nullptr}, {dir.path + "/none", nullptr}, {"/dev/zero", nullptr}};
     for (const auto &c : cases) {
         char *conf = static_cast<char *>(KQ_AllocAndGetConf(c.path.c_str()));
