@@ -44,4 +44,10 @@ inline std::string Slurp(const std::string &Path)
     return text.str();
 }
 
+// Catches descriptors a host operation leaves open.
+inline long OpenDescriptors()
+{
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 }  // namespace hosttest

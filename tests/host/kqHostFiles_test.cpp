@@ -23,6 +23,7 @@ TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndFailuresLeaveThemAsTheyWere)
     hosttest::TempDir dir("/etc");
     const std::string bak = dir.path + "/agent/dhcp.conf.bak", conf = dir.path + "/agent/dhcp.conf";
     std::string first = "{ \"dhcps\": [ ] }\n", second(100000, 'x');
+    const long descriptors = hosttest::OpenDescriptors();
     ASSERT_EQ(KQ_WriteSyncWithFilePath(bak.c_str(), first.data(), first.size()), 0);  // folder made
     ASSERT_EQ(KQ_FileCopy(bak.c_str(), conf.c_str()), 0);
     EXPECT_EQ(Slurp(conf), first);
@@ -45,6 +46,7 @@ TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndFailuresLeaveThemAsTheyWere)
               (std::vector<int>{-ENOENT, -EISDIR, -EISDIR, -ENOTDIR, -EINVAL, -EINVAL, -EINVAL, -EINVAL}));
     EXPECT_EQ(Slurp(conf), "");
     EXPECT_EQ(Names(dir.path + "/agent"), (std::set<std::string>{"dhcp.conf", "dhcp.conf.bak"}));
+    EXPECT_EQ(hosttest::OpenDescriptors(), descriptors);
 }
 
 // A writer killed half-way leaves nothing behind (the temporary has no name while it is

@@ -51,6 +51,7 @@ TEST_F(HostNet, PrefixAndSwitchFollowTheSettings)
         EXPECT_STREQ(buf, p.prefix);
     }
     const ino_t own = Netns(), zone = Netns("/run/netns/kqzone");
+    const long descriptors = hosttest::OpenDescriptors();
     int saved = -1;
     ASSERT_EQ(KQ_RtcNetNsSaveAndSwitch(7, &saved), 0);
     EXPECT_EQ(Netns(), zone);
@@ -65,6 +66,7 @@ TEST_F(HostNet, PrefixAndSwitchFollowTheSettings)
     EXPECT_EQ(saved, -1);
     EXPECT_EQ(KQ_RtcNetNsSwitchToDefault(&saved), 0);
     EXPECT_EQ(Netns(), own);
+    EXPECT_EQ(hosttest::OpenDescriptors(), descriptors);
 }
 
 TEST_F(HostNet, AddressesAreReadInTheLansNamespace)

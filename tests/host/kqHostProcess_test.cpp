@@ -62,6 +62,7 @@ TEST(HostProcess, CommandLineIsSplitAtBlanksAndNeverSeenByAShell)
     std::string script = dir.path + "/args", out = dir.path + "/out", marker = dir.path + "/marker";
     std::ofstream(script) << "#!/bin/sh\nprintf '[%s]\\n' \"$@\" > " << out << "\n";
     chmod(script.c_str(), 0755);
+    const long descriptors = hosttest::OpenDescriptors();
     std::string line = script + "  a;touch\t" + marker + " b|c $(touch${IFS}" + marker + ") 'q r' >x\n";
     EXPECT_EQ(KQ_CmdExec(line.data()), 0);
     EXPECT_EQ(Slurp(out), "[a;touch]\n[" + marker + "]\n[b|c]\n[$(touch${IFS}" + marker + ")]\n['q]\n[r']\n[>x]\n");
@@ -76,6 +77,7 @@ TEST(HostProcess, CommandLineIsSplitAtBlanksAndNeverSeenByAShell)
         EXPECT_EQ(KQ_RTCSystem(c.line), c.result) << c.line;
     }
     EXPECT_EQ(KQ_RTCSystem(nullptr), -EINVAL);
+    EXPECT_EQ(hosttest::OpenDescriptors(), descriptors);
 }
 
 // A line with the host's zone prefix runs in that zone as `ip netns exec` would run it (its
@@ -92,6 +94,7 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
     chmod(script.c_str(), 0755);
     setenv("KQ_PROBE_SECRET", "ours", 1);
     int leaked = open("/dev/null", O_RDONLY);  // no O_CLOEXEC: only the host keeps it from children
+    const long descriptors = hosttest::OpenDescriptors();
     auto probe = [&](const std::string &ns, const std::string &hosts) {
         struct stat st {};
         stat(ns.c_str(), &st);
@@ -103,7 +106,6 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
         ASSERT_EQ(KQ_CmdExec(line.data()), 0) << line;
         EXPECT_EQ(Slurp(out), expected) << line;
     }
-    close(leaked);
     unsetenv("KQ_PROBE_SECRET");
     testing::internal::CaptureStderr();
     EXPECT_EQ((std::vector<int>{KQ_RTCSystem("ip netns exec kqnone /bin/true"),  // as from `ip`, which exits 255
@@ -115,6 +117,8 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
               "kqagent: <WARN:host> KQ_RTCSystem: cannot start the program /no/such/program: No such file or directory\n"
               "kqagent: <WARN:host> KQ_RTCSystem: ip netns exec kqpz /bin/false exited with status 1\n"
               "kqagent: <WARN:host> KQ_RTCSystem: kq-no-such-program: program not found\n");
+    EXPECT_EQ(hosttest::OpenDescriptors(), descriptors);
+    close(leaked);
     system("ip netns del kqpz; rm -rf /etc/netns/kqpz");
 }
 
