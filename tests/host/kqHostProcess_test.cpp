@@ -139,6 +139,7 @@ TEST(HostProcess, KillAndPidCheckTouchOnlyTheRightDaemon)
         {d.Start("dnsmasq", {"-K", "--pid-file=/run/vyr_dhcpd_eth1.pid"}), 0, 1.5},
         {d.Start("dhclient", {"-4", "eth1", "-pf", "/run/eth1_dhclient.pid"}, true), 2.0, 4.0},  // waited for SIGTERM
         {notOurChild(), 0, 1.5}, {d.Start("dnsmasq", {"--pid-file", "/run/y.pid"}), 0, 1.5}};
+    testing::internal::CaptureStderr();
     for (const auto &s : stopped) {
         auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(KQ_KillPid(s.pid), 0);
@@ -147,6 +148,8 @@ TEST(HostProcess, KillAndPidCheckTouchOnlyTheRightDaemon)
         EXPECT_TRUE(Gone(s.pid)) << s.pid;
         EXPECT_EQ(waitpid(s.pid, nullptr, WNOHANG), -1) << "the child was not reaped";
     }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kqagent: <WARN:host> KQ_KillPid: pid " + std::to_string(stopped[1].pid) + " ignored SIGTERM, sending SIGKILL\n");
     EXPECT_EQ((std::vector<int>{KQ_KillPid(0), KQ_KillPid(-1), KQ_KillPid(-getpgrp())}),
               (std::vector<int>{-EINVAL, -EINVAL, -EINVAL}));
     pid_t gone = d.Start("/bin/true", {});
@@ -161,6 +164,10 @@ TEST(HostProcess, KillAndPidCheckTouchOnlyTheRightDaemon)
         EXPECT_LT(Seconds(start), 0.5);
     }
     EXPECT_FALSE(Gone(v4) || Gone(plain) || Gone(other) || Gone(noPidFile) || Gone(emptyPidFile)) << "one was signalled";
+    testing::internal::CaptureStderr();
+    KQ_KillPid(other);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kqagent: <WARN:host> KQ_KillPid: pid " + std::to_string(other) +
+                                                          " is no dnsmasq or dhclient with a pid file (a stale pid file?), not signalled\n");
     struct { pid_t pid; const char *ifName, *tag; BOOL expected; } checks[] = {
         {v6, "eth9", "dhclient6", TRUE}, {v6, "eth9", "dhclient", FALSE}, {v6, "eth1", "dhclient6", FALSE},
         {v6, "eth", "dhclient6", FALSE}, {v4, "eth9", "dhclient", TRUE}, {v4, "eth9", "dhclient6", FALSE},
