@@ -3,16 +3,12 @@
 # (instead of failing later in CMake or in the namespaces).
 set -u
 root=$(cd "$(dirname "$0")/.." && pwd)
-as_user=()
-# As root, drop to nobody for the run; otherwise we already are a user.
+as_user=()  # as root, drop to nobody for the run; otherwise we already are a user
 [ "$(id -u)" -eq 0 ] && as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
 status=0
 for script in test demo; do
   out=$("${as_user[@]}" "$root/scripts/$script" 2>&1 </dev/null)
   rc=$?
-  if [ "$rc" -ne 2 ] || ! grep -q "^$script: needs root" <<<"$out"; then
-    echo "scripts/$script without root: exit $rc, output: $out" >&2
-    status=1
-  fi
+  [ "$rc" -eq 2 ] && grep -q "^$script: needs root" <<<"$out" || { echo "scripts/$script without root: exit $rc, output: $out" >&2; status=1; }
 done
 exit $status

@@ -11,13 +11,10 @@
 
 namespace kqfuzz {
 
-inline void RequireIsolation()
+[[noreturn]] inline void Fail(const char *What, long Value)
 {
-    const char *isolated = getenv("KQ_ISOLATED");
-    if (isolated == nullptr || isolated[0] != '1') {
-        fprintf(stderr, "fuzz targets write /etc and /run: run them through scripts/isolate\n");
-        exit(2);
-    }
+    fprintf(stderr, "%s: %ld\n", What, Value);
+    abort();
 }
 
 inline void BeginInput()
@@ -27,12 +24,11 @@ inline void BeginInput()
 }
 
 // A result is 0 or a negative errno value; anything else is a fault of the module.
-inline void CheckResult(const char *Operation, KQ_ERR_T Result)
+inline KQ_ERR_T CheckResult(const char *Operation, KQ_ERR_T Result)
 {
-    if (Result > 0 || Result < -4095) {
-        fprintf(stderr, "%s returned %d\n", Operation, Result);
-        abort();
-    }
+    if (Result > 0 || Result < -4095)
+        Fail(Operation, Result);
+    return Result;
 }
 
 // The registry is emptied by the caller's own delete or here; after that every node, flex
@@ -40,16 +36,18 @@ inline void CheckResult(const char *Operation, KQ_ERR_T Result)
 inline void EndInput()
 {
     fakehost::ClearRegistry();
-    if (fakehost::Host().LiveAllocations != 0) {
-        fprintf(stderr, "host allocations not returned: %ld\n", fakehost::Host().LiveAllocations);
-        abort();
-    }
+    if (fakehost::Host().LiveAllocations != 0)
+        Fail("host allocations not returned", fakehost::Host().LiveAllocations);
 }
 
 }  // namespace kqfuzz
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    kqfuzz::RequireIsolation();
+    const char *isolated = getenv("KQ_ISOLATED");
+    if (isolated == nullptr || isolated[0] != '1') {
+        fprintf(stderr, "fuzz targets write /etc and /run: run them through scripts/isolate\n");
+        exit(2);
+    }
     return 0;
 }
