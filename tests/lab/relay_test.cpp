@@ -1,18 +1,8 @@
-// The shared DHCP relay with a real dnsmasq relaying for real dhclients to a remote
-// dnsmasq server, all inside the test's own network namespaces:
+// The shared relay: the module's dnsmasq in the appliance's own namespace relays for real
+// clients on two LANs to a remote dnsmasq server.
 //
-//   client netns "rlcli1" (cl1) --veth-- rl1 192.0.2.1      appliance (the isolated default
-//   client netns "rlcli2" (cl2) --veth-- rl2 203.0.113.1    namespace, where the module
-//                                         rs0 198.51.100.1   runs the relay dnsmasq)
-//                                          |
-//   server netns "rlsrv"  srv0 198.51.100.2 (dnsmasq with pools for both client LANs)
-#include <gtest/gtest.h>
-
-#include <sys/socket.h>
-
-#include <string>
-#include <vector>
-
+//   "rlcli1" cl1 --- rl1 192.0.2.1     appliance     rs0 198.51.100.1 --- srv0 198.51.100.2 "rlsrv"
+//   "rlcli2" cl2 --- rl2 203.0.113.1
 #include "kqtest.h"
 #include "labutil.h"
 
@@ -21,99 +11,54 @@ namespace {
 using kqtest::kRelayConfPath;
 using kqtest::kRelayPidPath;
 
-// The relay dnsmasq processes in this test's own network namespace.
-std::vector<pid_t> RelayProcesses()
-{
-    std::vector<pid_t> found;
-    for (const auto &[pid, cmdline] : lab::OwnDnsmasq())
-        if (cmdline.find(kRelayConfPath) != std::string::npos)
-            found.push_back(pid);
-    return found;
-}
-
-// The relay dnsmasq puts itself in the background, outside any Child: it must not outlive
-// the test, also when the test fails half-way.
-struct RelayReaper {
-    ~RelayReaper()
-    {
-        (void)KQCtrl_DynamicRelayStop();
-        lab::KillAll("dnsmasq");
-    }
-};
-
 TEST(RelayLab, ClientsGetRemoteLeasesThroughOneSharedRelay)
 {
-    LAB_REQUIRE_PREREQUISITES();
-
-    lab::TempDir dir("kq-relay-");
-    lab::HostConfig host(dir);
-    RelayReaper reaper;
-
-    lab::MustSh("ip link set lo up");
+    LAB_REQUIRE();
+    lab::Sweep sweep;  // the relay puts itself in the background
+    lab::TempDir dir;
+    lab::UseHost(dir);
     lab::Netns server("rlsrv"), client1("rlcli1"), client2("rlcli2");
-    for (const lab::Netns *ns : {&server, &client1, &client2})
-        ns->MustSh("ip link set lo up");
-
-    lab::VethPair("", "rs0", server.Name(), "srv0");
-    lab::AddAddr("", "rs0", "198.51.100.1/24");
-    lab::AddAddr(server.Name(), "srv0", "198.51.100.2/24");
+    lab::Veth("", "rs0", {"198.51.100.1/24"}, "rlsrv", "srv0", {"198.51.100.2/24"});
     // The remote server answers the relay's LAN address (giaddr) through the appliance.
-    server.MustSh("ip route add 192.0.2.0/24 via 198.51.100.1");
-    server.MustSh("ip route add 203.0.113.0/24 via 198.51.100.1");
-
-    lab::VethPair("", "rl1", client1.Name(), "cl1");
-    lab::AddAddr("", "rl1", "192.0.2.1/24");
-    lab::VethPair("", "rl2", client2.Name(), "cl2");
-    lab::AddAddr("", "rl2", "203.0.113.1/24");
-
-    lab::Dnsmasq remote(server.Name(), dir, "remote",
-                        "port=0\n"
-                        "interface=srv0\n"
-                        "dhcp-authoritative\n"
+    lab::MustSh("ip -n rlsrv route add 192.0.2.0/24 via 198.51.100.1 && ip -n rlsrv route add 203.0.113.0/24 via 198.51.100.1");
+    lab::Veth("", "rl1", {"192.0.2.1/24"}, "rlcli1", "cl1");
+    lab::Veth("", "rl2", {"203.0.113.1/24"}, "rlcli2", "cl2");
+    lab::Dnsmasq remote("rlsrv", dir, "remote",
+                        "port=0\ninterface=srv0\ndhcp-authoritative\n"
                         "dhcp-range=192.0.2.100,192.0.2.150,255.255.255.0,10m\n"
                         "dhcp-range=203.0.113.100,203.0.113.150,255.255.255.0,10m\n");
 
-    // First relay interface: the module starts the shared relay.
+    // Each relay interface added: one relay process, all lines in one file, and a lease
+    // from the remote pool of that LAN.
     kqtest::RelayMsg lan1 = kqtest::RelayItem("rl1", "192.0.2.1", {"198.51.100.2"});
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(lan1.get()), 0);
-    EXPECT_EQ(lab::ReadFile(kRelayConfPath), "dhcp-relay=192.0.2.1,198.51.100.2\n");
-    ASSERT_TRUE(lab::WaitFor([] { return lab::ReadPidFile(kRelayPidPath).has_value(); }, std::chrono::seconds(5)));
-
-    {
-        lab::Dhclient dhclient(client1.Name(), "cl1", lab::Dhclient::Mode::V4, dir);
-        EXPECT_TRUE(lab::WaitIpv4InRange(client1.Name(), "cl1", "192.0.2.100", "192.0.2.150"))
-            << "dhclient log:\n" << lab::ReadFile(dhclient.LogFile()).value_or("")
-            << "\nremote log:\n" << remote.Log();
-    }
-
-    // Second relay interface: same process role, one pid file, both lines in one conf.
     kqtest::RelayMsg lan2 = kqtest::RelayItem("rl2", "203.0.113.1", {"198.51.100.2"});
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(lan2.get()), 0);
-    EXPECT_EQ(lab::ReadFile(kRelayConfPath),
-              "dhcp-relay=192.0.2.1,198.51.100.2\ndhcp-relay=203.0.113.1,198.51.100.2\n");
-    ASSERT_TRUE(lab::WaitFor([] { return lab::ReadPidFile(kRelayPidPath).has_value(); }, std::chrono::seconds(5)));
-    std::optional<pid_t> relayPid = lab::ReadPidFile(kRelayPidPath);
-    ASSERT_TRUE(relayPid.has_value());
-    EXPECT_EQ(RelayProcesses(), std::vector<pid_t>{*relayPid});
-
-    {
-        lab::Dhclient dhclient(client2.Name(), "cl2", lab::Dhclient::Mode::V4, dir);
-        EXPECT_TRUE(lab::WaitIpv4InRange(client2.Name(), "cl2", "203.0.113.100", "203.0.113.150"))
-            << "dhclient log:\n" << lab::ReadFile(dhclient.LogFile()).value_or("")
-            << "\nremote log:\n" << remote.Log();
+    const struct {
+        kqtest::RelayMsg *Item;
+        const char *Ns, *IfName, *Conf, *First, *Last;
+    } steps[] = {
+        {&lan1, "rlcli1", "cl1", "dhcp-relay=192.0.2.1,198.51.100.2\n", "192.0.2.100", "192.0.2.150"},
+        {&lan2, "rlcli2", "cl2", "dhcp-relay=192.0.2.1,198.51.100.2\ndhcp-relay=203.0.113.1,198.51.100.2\n",
+         "203.0.113.100", "203.0.113.150"},
+    };
+    for (const auto &s : steps) {
+        SCOPED_TRACE(s.IfName);
+        ASSERT_EQ(KQCtrl_ConfigDynamicAdd(s.Item->get()), 0);
+        EXPECT_EQ(lab::Text(kRelayConfPath), s.Conf);
+        ASSERT_TRUE(lab::WaitFor([] { return lab::ReadPid(kRelayPidPath).has_value(); }, 5s));
+        EXPECT_EQ(lab::Procs(kRelayConfPath), std::vector<pid_t>{*lab::ReadPid(kRelayPidPath)});
+        lab::Dhclient client(s.Ns, s.IfName, dir, "-4");
+        const std::string address = client.Wait("fixed-address").value_or("none");
+        EXPECT_TRUE(lab::InRange(address, s.First, s.Last)) << address << lab::Text(client.Log) << lab::Text(remote.Log);
     }
 
     // Removing rl2 keeps the relay for rl1; removing rl1, the last, stops it.
     ASSERT_EQ(KQCtrl_ConfigDynamicDel(lan2.get()), 0);
-    EXPECT_EQ(lab::ReadFile(kRelayConfPath), "dhcp-relay=192.0.2.1,198.51.100.2\n");
-    ASSERT_TRUE(lab::WaitFor([] { return lab::ReadPidFile(kRelayPidPath).has_value(); }, std::chrono::seconds(5)));
-    relayPid = lab::ReadPidFile(kRelayPidPath);
-
+    EXPECT_EQ(lab::Text(kRelayConfPath), "dhcp-relay=192.0.2.1,198.51.100.2\n");
+    ASSERT_TRUE(lab::WaitFor([] { return lab::Procs(kRelayConfPath).size() == 1; }, 5s));
     ASSERT_EQ(KQCtrl_ConfigDynamicDel(lan1.get()), 0);
-    EXPECT_TRUE(lab::WaitFor([&] { return !lab::ProcessAlive(*relayPid); }, std::chrono::seconds(5)));
-    EXPECT_TRUE(RelayProcesses().empty());
-    EXPECT_FALSE(lab::ReadFile(kRelayPidPath).has_value());
-    EXPECT_FALSE(lab::ReadFile(kRelayConfPath).has_value());
+    EXPECT_TRUE(lab::WaitFor([] { return lab::Procs(kRelayConfPath).empty(); }, 5s));
+    EXPECT_FALSE(lab::ReadFile(kRelayPidPath));
+    EXPECT_FALSE(lab::ReadFile(kRelayConfPath));
 }
 
 }  // namespace
