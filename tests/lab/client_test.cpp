@@ -2,7 +2,6 @@
 // 7's namespace ("vpn7"), a dnsmasq server across a veth pair in "kqfar", and the router
 // solicitation that server receives.
 #include "kqCtrlDynamic.h"
-#include "kqHostLinux.h"
 #include "labutil.h"
 
 namespace {

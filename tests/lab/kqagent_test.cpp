@@ -31,14 +31,14 @@ TEST(KqAgentLab, ApplyRefuseStatusDeleteAndLoad)
     // Applied: the zone's dnsmasq starts and a real client gets an address from the pool.
     const lab::Outcome applied = apply("server.json", request);
     ASSERT_EQ(applied.Status, 0) << applied.Out << applied.Err;
-    EXPECT_NE(applied.Out.find("[0] add lan1 (ipv4 server): ok\n"), std::string::npos) << applied.Out;
+    EXPECT_TRUE(lab::Has(applied.Out, "[0] add lan1 (ipv4 server): ok\n"));
     const std::optional<pid_t> pid = lab::ReadPid("/var/run/vyr_dhcpd_lan1.pid");
     ASSERT_TRUE(pid && lab::Alive(*pid));
     const std::string confText = lab::Text(confFile), persisted = lab::Text(dhcpConf);
     lab::Dhclient dhclient("kqa-client", "c1", dir, "-4");
     const std::string address = dhclient.Wait("fixed-address").value_or("none");
     ASSERT_TRUE(lab::InRange(address, "192.0.2.100", "192.0.2.119")) << address;
-    ASSERT_TRUE(lab::WaitFor([&] { return lab::Text("/etc/vyr_dhcpd_lan1.leases").find(address) != std::string::npos; }));
+    ASSERT_TRUE(lab::WaitFor([&] { return lab::Has(lab::Text("/etc/vyr_dhcpd_lan1.leases"), address); }));
 
     // A refused file (request 0 alone would apply) and a dry run touch nothing.
     const lab::Outcome refused = apply("bad.json", "{\"requests\":[" + Replace(item, "3600", "600") + "," +
@@ -50,7 +50,7 @@ TEST(KqAgentLab, ApplyRefuseStatusDeleteAndLoad)
     EXPECT_EQ(refused.Out, "");
     const lab::Outcome longer = apply("longer.json", Replace(request, "3600", "7200"), "--dry-run ");
     EXPECT_EQ(longer.Status, 0);
-    EXPECT_NE(longer.Out.find("\n[0] add lan1: server restart (ipv4 leasetime differs)\n"), std::string::npos) << longer.Out;
+    EXPECT_TRUE(lab::Has(longer.Out, "\n[0] add lan1: server restart (ipv4 leasetime differs)\n"));
     EXPECT_EQ(longer.Err, "");  // the module's reader traces stay out of a plan
     EXPECT_EQ(lab::Text(confFile), confText);
     EXPECT_EQ(lab::Text(dhcpConf), persisted);
@@ -60,77 +60,66 @@ TEST(KqAgentLab, ApplyRefuseStatusDeleteAndLoad)
     const lab::Outcome shown = lab::Kqagent(dir, "status --json");
     ASSERT_EQ(shown.Status, 0) << shown.Err;
     const std::vector<std::pair<std::string, std::string>> facts = {
-        {"dhcpConf.path", "\"" + dhcpConf + "\""},
-        {"interfaces.0.ifname", "\"lan1\""},
-        {"interfaces.0.zone", "7"},
-        {"interfaces.0.netns", "\"vpn7\""},
-        {"interfaces.1", "absent"},
-        {"interfaces.0.server.process.running", "true"},
-        {"interfaces.0.server.process.pid", std::to_string(*pid)},
-        {"interfaces.0.server.leases.0.address", "\"" + address + "\""},
-        {"interfaces.0.server.leases.1", "absent"},
-        {"interfaces.0.server.poolUse.ipv4.leases", "1"},
-        {"interfaces.0.server.poolUse.ipv4.addresses", "20"},
-        {"interfaces.0.dhclient.process.running", "false"},
-        {"relay.process.running", "false"},
-    };
+        {"dhcpConf.path", "\"" + dhcpConf + "\""}, {"interfaces.0.ifname", "\"lan1\""}, {"interfaces.0.zone", "7"},
+        {"interfaces.0.netns", "\"vpn7\""}, {"interfaces.1", "absent"}, {"interfaces.0.server.process.running", "true"},
+        {"interfaces.0.server.process.pid", std::to_string(*pid)}, {"interfaces.0.server.leases.0.address", "\"" + address + "\""},
+        {"interfaces.0.server.leases.1", "absent"}, {"interfaces.0.server.poolUse.ipv4.leases", "1"},
+        {"interfaces.0.server.poolUse.ipv4.addresses", "20"}, {"interfaces.0.dhclient.process.running", "false"},
+        {"relay.process.running", "false"}};
     for (const auto &[path, value] : facts)
         EXPECT_EQ(lab::JsonAt(shown.Out, path), value) << path << "\n" << shown.Out;
-
-    // An add the module refuses because lan9's dnsmasq cannot start: no file of lan9 is
-    // left behind, and status does not list lan9.
-    const lab::Outcome lan9 = apply("lan9.json", Replace(request, "lan1", "lan9"));
-    EXPECT_EQ(lan9.Status, 1);
-    EXPECT_NE(lan9.Err.find("kqagent: request 0: add of lan9 refused (EINVAL (-22) Invalid argument): "), std::string::npos) << lan9.Err;
-    EXPECT_NE(lan9.Err.find("kqagent: removed /etc/vyr_dhcpd_lan9.conf, left behind by the failed start (lan9 is not configured)\n"),
-              std::string::npos) << lan9.Err;
-    EXPECT_FALSE(lab::ReadFile("/etc/vyr_dhcpd_lan9.conf"));
-    const lab::Outcome listed = lab::Kqagent(dir, "status");
-    EXPECT_EQ(listed.Out.find("\nlan9: zone"), std::string::npos) << listed.Out;
-    EXPECT_NE(listed.Out.find("\nlan1: zone 7 (netns vpn7)\n"), std::string::npos) << listed.Out;
 
     // The module's own refusal (dhcp.conf cannot be written) names the request and the code.
     lab::UseHost(dir, lans + R"(, "dhcpConf": "/proc/kq-nowhere/dhcp.conf")");
     const lab::Outcome failed = lab::Kqagent(dir, "apply " + dir.File("server.json"));
     EXPECT_EQ(failed.Status, 1);
-    EXPECT_NE(failed.Err.find("kqagent: request 0: add of lan1 failed (E"), std::string::npos) << failed.Err;
-    EXPECT_NE(failed.Err.find("kqagent: request 0: {\"op\":\"add\",\"item\":{\"ifname\":\"lan1\""), std::string::npos) << failed.Err;
+    EXPECT_TRUE(lab::Has(failed.Err, "kqagent: request 0: add of lan1 failed (E"));
+    EXPECT_TRUE(lab::Has(failed.Err, "kqagent: request 0: {\"op\":\"add\",\"item\":{\"ifname\":\"lan1\""));
     lab::UseHost(dir, lans);
 
-    // Delete: the server goes with its files; its lease file is stale, shown once as such.
-    const lab::Outcome deleted = apply("delete.json", R"({"requests":[{"op":"delete","item":{"ifname":"lan1"}}]})");
-    ASSERT_EQ(deleted.Status, 0) << deleted.Out << deleted.Err;
-    EXPECT_TRUE(lab::WaitFor([&] { return !lab::Alive(*pid); }, 5s));
+    // An add refused because lan9's dnsmasq cannot start leaves no file of lan9 and is not
+    // listed; a delete removes the server with its files, and its lease file is stale.
+    // Then load and status on what an operator may find in dhcp.conf.
+    lab::WriteFile(dir.File("lan9.json"), Replace(request, "lan1", "lan9"));
+    lab::WriteFile(dir.File("delete.json"), R"({"requests":[{"op":"delete","item":{"ifname":"lan1"}}]})");
+    const struct {
+        const char *Conf;  // written to dhcp.conf first unless null
+        std::string Args;
+        int Status;
+        std::vector<std::string> Has;
+        std::string HasNot;  // "": anything else may be said
+    } steps[] = {
+        {nullptr, "apply " + dir.File("lan9.json"), 1,
+         {"kqagent: request 0: add of lan9 refused (EINVAL (-22) Invalid argument): ",
+          "kqagent: removed /etc/vyr_dhcpd_lan9.conf, left behind by the failed start (lan9 is not configured)\n"}, ": ok"},
+        {nullptr, "status", 0, {"\nlan1: zone 7 (netns vpn7)\n"}, "\nlan9: zone"},
+        {nullptr, "apply " + dir.File("delete.json"), 0, {"[0] delete lan1"}, "kqagent:"},
+        {nullptr, "status", 0, {"no interfaces configured\n", "stale files (interfaces not configured):\n  lan1: /etc/vyr_dhcpd_lan1.leases\n"}, "lan1: zone"},
+        {R"({ "dhcps": [ ] })", "load", 0,
+         {"dhcp.conf at " + dhcpConf + " holds no interfaces; nothing to restore\nloaded " + dhcpConf + "\n"}, ""},
+        {nullptr, "load " + dir.File("none.conf"), 1,
+         {"kqagent: dhcp.conf at " + dir.File("none.conf") + " is missing; nothing to restore\n"}, ""},
+        {R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpIpv4Se)", "load", 1,
+         {"kqagent: dhcp.conf at " + dhcpConf + " is not a document; its backup " + dhcpConf + ".bak is intact: kqagent load " +
+          dhcpConf + ".bak\n"}, "vaild"},
+        // lan1 turned relay: the leases its server handed out are not the relay's.
+        {R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpRelay": { "lanIp": "192.0.2.1", "relayServer": [ "203.0.113.2" ] } } ] })",
+         "status", 0, {"  DRIFT: in dhcp.conf but not in the desired state\n  relay: lan ip 192.0.2.1 -> 203.0.113.2\n\n"}, address},
+    };
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.Args);
+        if (step.Conf != nullptr)
+            lab::WriteFile(dhcpConf, step.Conf);
+        const lab::Outcome run = lab::Kqagent(dir, step.Args);
+        EXPECT_EQ(run.Status, step.Status);
+        for (const std::string &piece : step.Has)
+            EXPECT_TRUE(lab::Has(run.Out + run.Err, piece));
+        EXPECT_TRUE(step.HasNot.empty() || !lab::Has(run.Out + run.Err, step.HasNot)) << run.Out + run.Err;
+    }
+    EXPECT_FALSE(lab::ReadFile("/etc/vyr_dhcpd_lan9.conf"));
+    EXPECT_FALSE(lab::Alive(*pid));
     EXPECT_FALSE(lab::ReadFile("/var/run/vyr_dhcpd_lan1.pid"));
     EXPECT_FALSE(lab::ReadFile(confFile));
-    const lab::Outcome after = lab::Kqagent(dir, "status");
-    EXPECT_NE(after.Out.find("no interfaces configured\n"), std::string::npos) << after.Out;
-    EXPECT_NE(after.Out.find("stale files (interfaces not configured):\n  lan1: /etc/vyr_dhcpd_lan1.leases\n"), std::string::npos)
-        << after.Out;
-
-    // load: an empty document, a missing one and a damaged one with a good backup, in words.
-    lab::WriteFile(dhcpConf, R"({ "dhcps": [ ] })");
-    EXPECT_EQ(lab::Kqagent(dir, "load").Out,
-              "dhcp.conf at " + dhcpConf + " holds no interfaces; nothing to restore\nloaded " + dhcpConf + "\n");
-    const lab::Outcome missing = lab::Kqagent(dir, "load " + dir.File("none.conf"));
-    EXPECT_EQ(missing.Status, 1);
-    EXPECT_NE(missing.Err.find("kqagent: dhcp.conf at " + dir.File("none.conf") + " is missing; nothing to restore\n"),
-              std::string::npos) << missing.Err;
-    lab::WriteFile(dhcpConf, R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpIpv4Se)");
-    const lab::Outcome damaged = lab::Kqagent(dir, "load");
-    EXPECT_EQ(damaged.Status, 1);
-    EXPECT_NE(damaged.Err.find("kqagent: dhcp.conf at " + dhcpConf + " is not a document; its backup " + dhcpConf +
-                               ".bak is intact: kqagent load " + dhcpConf + ".bak\n"),
-              std::string::npos) << damaged.Err;
-    EXPECT_EQ(damaged.Err.find("vaild"), std::string::npos) << damaged.Err;
-
-    // lan1 turned relay: the leases its server handed out are not the relay's.
-    lab::WriteFile(dhcpConf, R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, )"
-                             R"("dhcpRelay": { "lanIp": "192.0.2.1", "relayServer": [ "203.0.113.2" ] } } ] })");
-    const lab::Outcome relayed = lab::Kqagent(dir, "status");
-    EXPECT_NE(relayed.Out.find("  DRIFT: in dhcp.conf but not in the desired state\n  relay: lan ip 192.0.2.1 -> 203.0.113.2\n\n"),
-              std::string::npos) << relayed.Out;
-    EXPECT_EQ(relayed.Out.find(address), std::string::npos) << relayed.Out;
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 // The module's own servers: dnsmasq started through the reference host in zone 7's
 // namespace, and real clients across a veth pair getting what each mode promises.
-#include <sys/stat.h>
-
 #include "kqtest.h"
 #include "labutil.h"
 
@@ -34,7 +32,7 @@ TEST(ServerLab, EveryModeLeasesAndTheProcessRulesHold)
     ASSERT_EQ(KQCtrl_ConfigDynamicAdd(m.Build()), 0) << serverLog();
     const std::optional<pid_t> pid = lab::ReadPid(pidFile);
     ASSERT_TRUE(pid && *pid != unrelated.Pid) << serverLog();
-    EXPECT_EQ(lab::ShOut("ip netns identify " + std::to_string(*pid)), "vpn7\n");
+    EXPECT_EQ(lab::MustSh("ip netns identify " + std::to_string(*pid)), "vpn7\n");
     EXPECT_TRUE(unrelated.Running());
     EXPECT_FALSE(lab::ReadFile("/var/run/vyr_dhcpd_relay.pid"));
 
@@ -72,7 +70,7 @@ TEST(ServerLab, EveryModeLeasesAndTheProcessRulesHold)
     EXPECT_TRUE(lab::WaitFor(
         [] { return lab::Sh("ip -n lab-cli -6 -o addr show dev cli0 scope global | grep -q 'inet6 2001:db8:1:.*/64 '") == 0; },
         20s))
-        << lab::ShOut("ip -n lab-cli -6 addr show dev cli0") << serverLog();
+        << lab::MustSh("ip -n lab-cli -6 addr show dev cli0") << serverLog();
 
     // Stateless: addresses by SLAAC, DNS by an information request, which leaves no lease:
     // the client's script reports the DNS it got.
