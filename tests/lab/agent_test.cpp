@@ -1,6 +1,7 @@
-// `kqagent serve` as an appliance runs it: a restart loses nothing, a start after a reboot
-// restores every interface (zone, IPv6 mode and relay-only ones included) from dhcp.conf and
-// the desired state, and concurrent commands are serialised.
+// kqagent as an appliance and a user run it: under `kqagent serve` a restart loses nothing,
+// a start after a reboot restores every interface (zone, IPv6 mode and relay-only ones
+// included) from dhcp.conf and the desired state, and concurrent commands are serialised;
+// on its own it refuses, plans, reports, deletes and loads as it says.
 //
 //   zone 7 (netns vpn7)   lan1 192.0.2.1, 2001:db8:1::1 --- c1 in "ag-c1"    IPv4 + stateful DHCPv6
 //   zone 0                lan2 203.0.113.1, 2001:db8:2::1 --- c2 in "ag-c2"  IPv4 + DHCPv6 and SLAAC
@@ -11,6 +12,11 @@
 #include "labutil.h"
 
 namespace {
+
+std::string Replace(std::string Text, const std::string &From, const std::string &To)
+{
+    return Text.replace(Text.find(From), From.size(), To);
+}
 
 const char *kLans = R"({"requests":[
   {"op":"add","item":{"ifname":"lan1",
@@ -50,8 +56,8 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
     lab::MustSh("ip -n ag-srv route add 198.51.100.128/25 via 198.51.100.1");
     lab::Dnsmasq remote("ag-srv", dir, "remote",
                         "port=0\ninterface=srv0\ndhcp-authoritative\ndhcp-range=198.51.100.200,198.51.100.220,255.255.255.128,10m\n");
-    lab::UseHost(dir, R"("lans": [{"ifname": "lan1", "vpnId": 7}, {"ifname": "lan2", "vpnId": 0}, {"ifname": "rl3", "vpnId": 0}],
-                        "logLevel": 3)");
+    const std::string lans = R"("logLevel": 3, "lans": [{"ifname": "lan1", "vpnId": 7}, {"ifname": "lan2", "vpnId": 0}, {"ifname": "rl3", "vpnId": 0}])";
+    lab::UseHost(dir, lans);
     auto agent = lab::Serve(KQAGENT_PATH, dir.File("serve.0.log"));
     lab::WriteFile(dir.File("lans.json"), kLans);
     const lab::Outcome applied = lab::Kqagent(dir, "apply " + dir.File("lans.json"));
@@ -77,6 +83,7 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
             EXPECT_TRUE(lab::Has(lab::Text(dir.File(file)), ifname));
     const std::string whole = "\"lan1\" []\n\"lan2\" []\n\"rl3\" []\nabsent absent\n";
     EXPECT_EQ(Drift(dir), whole);
+    std::string address;
     {
         lab::Dhclient v4a("ag-c1", "c1", dir, "-4"), v6a("ag-c1", "c1", dir, "-6"), v4b("ag-c2", "c2", dir, "-4"),
             v6b("ag-c2", "c2", dir, "-6"), relayed("ag-c3", "c3", dir, "-4");
@@ -91,9 +98,10 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
             {relayed, "fixed-address", "198.51.100.200", "198.51.100.220"},
         };
         for (const auto &l : leases) {
-            const std::string address = l.Client.Wait(l.Field).value_or("none");
-            EXPECT_TRUE(lab::InRange(address, l.First, l.Last)) << l.Client.Lease << ": " << address;
+            const std::string got = l.Client.Wait(l.Field).value_or("none");
+            EXPECT_TRUE(lab::InRange(got, l.First, l.Last)) << l.Client.Lease << ": " << got;
         }
+        address = v4a.Wait("fixed-address").value_or("none");
         if (HasFailure())
             FAIL() << lab::Text(dir.File("serve.1.log")) << lab::Text("/var/log/morvaxel.log") << lab::Text(remote.Log);
     }
@@ -118,6 +126,101 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
     lab::WriteFile(desired, good);
     kill(agent->Pid, SIGHUP);
     EXPECT_TRUE(lab::WaitFor([&] { return Drift(dir) == whole; }, 20s)) << Drift(dir) << lab::Text(dir.File("serve.2.log"));
+
+    // kqagent on its own, as a user runs it, against what the lab holds: refusals and a dry
+    // run touch nothing, status tells the real processes and leases, then the reads.
+    agent->Stop();
+    const std::string dhcpConf = dir.File("dhcp.conf"), confFile = "/etc/vyr_dhcpd_lan1.conf";
+    const std::string item = R"({"op":"add","item":{"ifname":"lan1",
+      "ipv4dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.100","len":20}],
+      "netmask":"255.255.255.0","gateway":"192.0.2.1","dns":["192.0.2.1"],"leasetime":3600}}}})";
+    auto apply = [&](const std::string &name, const std::string &text, const std::string &options = "") {
+        lab::WriteFile(dir.File(name), text);
+        return lab::Kqagent(dir, "apply " + options + dir.File(name));
+    };
+    const std::optional<pid_t> pid = lab::ReadPid("/var/run/vyr_dhcpd_lan1.pid");
+    ASSERT_TRUE(pid && lab::Alive(*pid));
+    const std::string confText = lab::Text(confFile), persisted = lab::Text(dhcpConf);
+    const lab::Outcome bad = apply("bad.json", "{\"requests\":[" + Replace(item, "3600", "600") + "," +
+                                                   Replace(item, "\"leasetime\"", "\"leastime\"") + "]}");
+    EXPECT_EQ(bad.Status, 2);
+    EXPECT_EQ(bad.Err, "kqagent: " + dir.File("bad.json") +
+                           ": request 1: item.ipv4dhcpitem.dhcpserver.leastime: unknown key (known here: "
+                           "dhcpiprange, netmask, dns, offertime, gateway, leasetime)\nkqagent: nothing applied\n");
+    EXPECT_EQ(bad.Out, "");
+    const lab::Outcome longer = apply("longer.json", "{\"requests\":[" + Replace(item, "3600", "7200") + "]}", "--dry-run ");
+    EXPECT_EQ(longer.Status, 0);
+    EXPECT_TRUE(lab::Has(longer.Out, "\n[0] add lan1: server restart (served families ipv4+ipv6 -> ipv4, ipv4 leasetime differ)\n"));
+    EXPECT_EQ(longer.Err, "");  // the module's reader traces stay out of a plan
+    EXPECT_EQ(lab::Text(confFile), confText);
+    EXPECT_EQ(lab::Text(dhcpConf), persisted);
+    EXPECT_EQ(lab::ReadPid("/var/run/vyr_dhcpd_lan1.pid"), pid);
+
+    const lab::Outcome shown = lab::Kqagent(dir, "status --json");
+    ASSERT_EQ(shown.Status, 0) << shown.Err;
+    const std::vector<std::pair<std::string, std::string>> facts = {
+        {"dhcpConf.path", "\"" + dhcpConf + "\""}, {"interfaces.0.ifname", "\"lan1\""}, {"interfaces.0.zone", "7"},
+        {"interfaces.0.netns", "\"vpn7\""}, {"interfaces.0.server.process.running", "true"},
+        {"interfaces.0.server.process.pid", std::to_string(*pid)}, {"interfaces.0.server.poolUse.ipv4.leases", "1"},
+        {"interfaces.0.server.poolUse.ipv4.addresses", "20"}, {"interfaces.0.dhclient.process.running", "false"},
+        {"interfaces.3", "absent"}};
+    for (const auto &[path, value] : facts)
+        EXPECT_EQ(lab::JsonAt(shown.Out, path), value) << path << "\n" << shown.Out;
+    EXPECT_TRUE(lab::Has(shown.Out, "\"address\":\"" + address + "\""));
+
+    // The module's own refusal (dhcp.conf cannot be written) names the request and the code.
+    lab::UseHost(dir, lans + R"(, "dhcpConf": "/proc/kq-nowhere/dhcp.conf")");
+    lab::WriteFile(dir.File("server.json"), "{\"requests\":[" + item + "]}");
+    const lab::Outcome failed = lab::Kqagent(dir, "apply " + dir.File("server.json"));
+    EXPECT_EQ(failed.Status, 1);
+    EXPECT_TRUE(lab::Has(failed.Err, "kqagent: request 0: add of lan1 failed (E"));
+    EXPECT_TRUE(lab::Has(failed.Err, "kqagent: request 0: {\"op\":\"add\",\"item\":{\"ifname\":\"lan1\""));
+    lab::UseHost(dir, lans);
+
+    // An add refused because lan9's dnsmasq cannot start leaves no file of lan9 and is not
+    // listed; a delete removes the server with its files, and its lease file is stale.
+    // Then load and status on what an operator may find in dhcp.conf.
+    lab::WriteFile(dir.File("lan9.json"), "{\"requests\":[" + Replace(item, "lan1", "lan9") + "]}");
+    lab::WriteFile(dir.File("delete.json"), R"({"requests":[{"op":"delete","item":{"ifname":"lan1"}},)"
+                                            R"({"op":"delete","item":{"ifname":"lan2"}},{"op":"delete","item":{"ifname":"rl3"}}]})");
+    const struct {
+        const char *Conf;  // written to dhcp.conf first unless null
+        std::string Args;
+        int Status;
+        std::vector<std::string> Has;
+        std::string HasNot;  // "": anything else may be said
+    } steps[] = {
+        {nullptr, "apply " + dir.File("lan9.json"), 1,
+         {"kqagent: request 0: add of lan9 refused (EINVAL (-22) Invalid argument): ",
+          "kqagent: removed /etc/vyr_dhcpd_lan9.conf, left behind by the failed start (lan9 is not configured)\n"}, ": ok"},
+        {nullptr, "status", 0, {"\nlan1: zone 7 (netns vpn7)\n"}, "\nlan9: zone"},
+        {nullptr, "apply " + dir.File("delete.json"), 0, {"[0] delete lan1"}, "kqagent:"},
+        {nullptr, "status", 0, {"no interfaces configured\n", "stale files (interfaces not configured):\n  lan1: /etc/vyr_dhcpd_lan1.leases\n"}, "lan1: zone"},
+        {R"({ "dhcps": [ ] })", "load", 0,
+         {"dhcp.conf at " + dhcpConf + " holds no interfaces; nothing to restore\nloaded " + dhcpConf + "\n"}, ""},
+        {nullptr, "load " + dir.File("none.conf"), 1,
+         {"kqagent: dhcp.conf at " + dir.File("none.conf") + " is missing; nothing to restore\n"}, ""},
+        {R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpIpv4Se)", "load", 1,
+         {"kqagent: dhcp.conf at " + dhcpConf + " is not a document; its backup " + dhcpConf + ".bak is intact: kqagent load " +
+          dhcpConf + ".bak\n"}, "vaild"},
+        // lan1 turned relay: the leases its server handed out are not the relay's.
+        {R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpRelay": { "lanIp": "192.0.2.1", "relayServer": [ "203.0.113.2" ] } } ] })",
+         "status", 0, {"  DRIFT: in dhcp.conf but not in the desired state\n  relay: lan ip 192.0.2.1 -> 203.0.113.2\n\n"}, address},
+    };
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.Args);
+        if (step.Conf != nullptr)
+            lab::WriteFile(dhcpConf, step.Conf);
+        const lab::Outcome run = lab::Kqagent(dir, step.Args);
+        EXPECT_EQ(run.Status, step.Status);
+        for (const std::string &piece : step.Has)
+            EXPECT_TRUE(lab::Has(run.Out + run.Err, piece));
+        EXPECT_TRUE(step.HasNot.empty() || !lab::Has(run.Out + run.Err, step.HasNot)) << run.Out + run.Err;
+    }
+    EXPECT_FALSE(lab::ReadFile("/etc/vyr_dhcpd_lan9.conf"));
+    EXPECT_FALSE(lab::Alive(*pid));
+    EXPECT_FALSE(lab::ReadFile("/var/run/vyr_dhcpd_lan1.pid"));
+    EXPECT_FALSE(lab::ReadFile(confFile));
 }
 
 // Commands at once, first through a running agent, then each on its own: none is lost from
