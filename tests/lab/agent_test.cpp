@@ -4,7 +4,7 @@
 // on its own it refuses, plans, reports, deletes and loads as it says.
 //
 //   zone 7 (netns vpn7)   lan1 192.0.2.1, 2001:db8:1::1 --- c1 in "ag-c1"    IPv4 + stateful DHCPv6
-//   zone 0                lan2 203.0.113.1, 2001:db8:2::1 --- c2 in "ag-c2"  IPv4 + DHCPv6 and SLAAC
+//   zone 0                lan2 2001:db8:2::1 --- c2 in "ag-c2"                DHCPv6 and SLAAC
 //   zone 0                rl3 198.51.100.129 --- c3 in "ag-c3"               relay only, towards
 //                         up0 198.51.100.1 --- srv0 198.51.100.2 in "ag-srv" (a lab dnsmasq)
 #include <signal.h>
@@ -25,8 +25,6 @@ const char *kLans = R"({"requests":[
     "ipv6dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"ipv6begin":"2001:db8:1::1000","ipv6end":"2001:db8:1::1fff"}],
       "prefixlength":64,"dns":["2001:db8:1::1"],"leasetime":3600,"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp"}}}},
   {"op":"add","item":{"ifname":"lan2",
-    "ipv4dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"begin":"203.0.113.100","len":20}],
-      "netmask":"255.255.255.0","leasetime":3600}},
     "ipv6dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"ipv6begin":"2001:db8:2::100","ipv6end":"2001:db8:2::1ff"}],
       "prefixlength":64,"leasetime":3600,"ipv6dynamicmode":"both","dnsdynamicmode":"slaac"}}}},
   {"op":"add","item":{"ifname":"rl3",
@@ -50,7 +48,7 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
     lab::TempDir dir;
     lab::Netns zone("vpn7"), c1("ag-c1"), c2("ag-c2"), c3("ag-c3"), server("ag-srv");
     lab::Veth("vpn7", "lan1", {"192.0.2.1/24", "2001:db8:1::1/64"}, "ag-c1", "c1");
-    lab::Veth("", "lan2", {"203.0.113.1/24", "2001:db8:2::1/64"}, "ag-c2", "c2");
+    lab::Veth("", "lan2", {"2001:db8:2::1/64"}, "ag-c2", "c2");
     lab::Veth("", "rl3", {"198.51.100.129/25"}, "ag-c3", "c3");
     lab::Veth("", "up0", {"198.51.100.1/25"}, "ag-srv", "srv0", {"198.51.100.2/25"});
     lab::MustSh("ip -n ag-srv route add 198.51.100.128/25 via 198.51.100.1");
@@ -78,22 +76,18 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
         agent = lab::Serve(KQAGENT_PATH, dir.File("serve." + std::to_string(round) + ".log"));
     };
     reboot(1);
-    for (const char *file : {"dhcp.conf", "desired.json"})
-        for (const char *ifname : {"\"lan1\"", "\"lan2\"", "\"rl3\""})
-            EXPECT_TRUE(lab::Has(lab::Text(dir.File(file)), ifname));
     const std::string whole = "\"lan1\" []\n\"lan2\" []\n\"rl3\" []\nabsent absent\n";
     EXPECT_EQ(Drift(dir), whole);
     std::string address;
     {
-        lab::Dhclient v4a("ag-c1", "c1", dir, "-4"), v6a("ag-c1", "c1", dir, "-6"), v4b("ag-c2", "c2", dir, "-4"),
-            v6b("ag-c2", "c2", dir, "-6"), relayed("ag-c3", "c3", dir, "-4");
+        lab::Dhclient v4a("ag-c1", "c1", dir, "-4"), v6a("ag-c1", "c1", dir, "-6"), v6b("ag-c2", "c2", dir, "-6"),
+            relayed("ag-c3", "c3", dir, "-4");
         const struct {
             const lab::Dhclient &Client;
             const char *Field, *First, *Last;
         } leases[] = {
             {v4a, "fixed-address", "192.0.2.100", "192.0.2.119"},
             {v6a, "iaaddr", "2001:db8:1::1000", "2001:db8:1::1fff"},
-            {v4b, "fixed-address", "203.0.113.100", "203.0.113.119"},
             {v6b, "iaaddr", "2001:db8:2::100", "2001:db8:2::1ff"},
             {relayed, "fixed-address", "198.51.100.200", "198.51.100.220"},
         };
@@ -102,14 +96,11 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
             EXPECT_TRUE(lab::InRange(got, l.First, l.Last)) << l.Client.Lease << ": " << got;
         }
         address = v4a.Wait("fixed-address").value_or("none");
-        if (HasFailure())
-            FAIL() << lab::Text(dir.File("serve.1.log")) << lab::Text("/var/log/morvaxel.log") << lab::Text(remote.Log);
     }
 
     // A desired state that cannot be read: the start says so and what it could not
     // reconcile, dhcp.conf is still restored, and nothing overwrites the operator's file.
-    const std::string desired = dir.File("desired.json"), good = lab::Text(desired);
-    const std::string broken = good.substr(0, good.size() / 2);
+    const std::string desired = dir.File("desired.json"), good = lab::Text(desired), broken = good.substr(0, good.size() / 2);
     lab::WriteFile(desired, broken);
     reboot(2);
     const std::string log = lab::Text(dir.File("serve.2.log"));
@@ -134,21 +125,19 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
     const std::string item = R"({"op":"add","item":{"ifname":"lan1",
       "ipv4dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.100","len":20}],
       "netmask":"255.255.255.0","gateway":"192.0.2.1","dns":["192.0.2.1"],"leasetime":3600}}}})";
-    auto apply = [&](const std::string &name, const std::string &text, const std::string &options = "") {
-        lab::WriteFile(dir.File(name), text);
-        return lab::Kqagent(dir, "apply " + options + dir.File(name));
-    };
     const std::optional<pid_t> pid = lab::ReadPid("/var/run/vyr_dhcpd_lan1.pid");
     ASSERT_TRUE(pid && lab::Alive(*pid));
     const std::string confText = lab::Text(confFile), persisted = lab::Text(dhcpConf);
-    const lab::Outcome bad = apply("bad.json", "{\"requests\":[" + Replace(item, "3600", "600") + "," +
-                                                   Replace(item, "\"leasetime\"", "\"leastime\"") + "]}");
+    lab::WriteFile(dir.File("bad.json"), "{\"requests\":[" + Replace(item, "3600", "600") + "," +
+                                             Replace(item, "\"leasetime\"", "\"leastime\"") + "]}");
+    const lab::Outcome bad = lab::Kqagent(dir, "apply " + dir.File("bad.json"));
     EXPECT_EQ(bad.Status, 2);
     EXPECT_EQ(bad.Err, "kqagent: " + dir.File("bad.json") +
                            ": request 1: item.ipv4dhcpitem.dhcpserver.leastime: unknown key (known here: "
                            "dhcpiprange, netmask, dns, offertime, gateway, leasetime)\nkqagent: nothing applied\n");
     EXPECT_EQ(bad.Out, "");
-    const lab::Outcome longer = apply("longer.json", "{\"requests\":[" + Replace(item, "3600", "7200") + "]}", "--dry-run ");
+    lab::WriteFile(dir.File("longer.json"), "{\"requests\":[" + Replace(item, "3600", "7200") + "]}");
+    const lab::Outcome longer = lab::Kqagent(dir, "apply --dry-run " + dir.File("longer.json"));
     EXPECT_EQ(longer.Status, 0);
     EXPECT_TRUE(lab::Has(longer.Out, "\n[0] add lan1: server restart (served families ipv4+ipv6 -> ipv4, ipv4 leasetime differ)\n"));
     EXPECT_EQ(longer.Err, "");  // the module's reader traces stay out of a plan

@@ -45,28 +45,22 @@ void Veth(const std::string &ANs, const std::string &A, const std::vector<std::s
             cmd += " && " + InNs(ns) + "ip addr add " + a + " dev " + ifname + (a.find(':') != std::string::npos ? " nodad" : "");
         MustSh(cmd + " && " + InNs(ns) + "ip link set " + ifname + " up");
     }
-    for (const auto &[ns, ifname] : {std::tie(ANs, A), std::tie(BNs, B)}) {
-        const std::string show = InNs(ns) + "ip -6 addr show dev " + ifname;
-        if (!WaitFor([&] { return Sh(show + " | grep -q 'scope link' && ! " + show + " | grep -q tentative") == 0; }))
-            throw std::runtime_error(ifname + " has no usable IPv6 link-local address:\n" + MustSh(show));
-    }
+    const std::string show = "{ " + InNs(ANs) + "ip -6 addr show dev " + A + "; " + InNs(BNs) + "ip -6 addr show dev " + B + "; }";
+    if (!WaitFor([&] { return Sh("test $(" + show + " | grep -c 'scope link') = 2 && ! " + show + " | grep -q tentative") == 0; }))
+        throw std::runtime_error(A + " and " + B + " have no usable IPv6 link-local addresses:\n" + MustSh(show));
 }
 
 std::vector<pid_t> Procs(const std::string &Needle)
 {
+    std::string out;
+    Sh("pgrep -f -- '" + Needle + "'", &out);  // also finds its own shell, gone once Sh returns
     std::vector<pid_t> found;
+    std::istringstream pids(out);
     std::error_code ec;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/ns/net", ec);
-    if (self == std::filesystem::read_symlink("/proc/1/ns/net", ec))
-        return found;  // never the machine's own namespace
-    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
-        const pid_t pid = atoi(entry.path().filename().c_str());
-        std::string cmdline = Text(entry.path() / "cmdline");
-        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
-        if (pid > 0 && pid != getpid() && Has(cmdline, Needle) &&
-            std::filesystem::read_symlink(entry.path() / "ns/net", ec) == self && Alive(pid))
+    for (pid_t pid; pids >> pid && self != std::filesystem::read_symlink("/proc/1/ns/net", ec);)  // never the machine's
+        if (std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/ns/net", ec) == self && Alive(pid))
             found.push_back(pid);
-    }
     return found;
 }
 
@@ -101,13 +95,9 @@ bool Child::Running()
 
 void Child::Stop()
 {
-    if (!Running())
-        return;
-    kill(Pid, SIGTERM);
-    if (!WaitFor([&] { return !Running(); }, 2s)) {
-        kill(Pid, SIGKILL);
-        WaitFor([&] { return !Running(); });
-    }
+    for (int signal : {SIGTERM, SIGKILL})
+        if (Running() && kill(Pid, signal) == 0)
+            WaitFor([&] { return !Running(); }, 2s);
 }
 
 Dnsmasq::Dnsmasq(const std::string &Ns, const TempDir &Dir, const std::string &Name, const std::string &Conf)

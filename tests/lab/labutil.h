@@ -42,15 +42,14 @@ inline std::string MustSh(const std::string &Cmd)
 
 inline std::string InNs(const std::string &Ns) { return Ns.empty() ? "" : "ip netns exec " + Ns + " "; }
 
-// What this machine lacks for the lab (root, dnsmasq, dhclient, ip, the isolation and the
-// extra commands named), "" when nothing.
+// What this machine lacks for the lab (dnsmasq, dhclient, ip, the isolation, which needs
+// root, and the extra commands named), "" when nothing.
 inline std::string Missing(const std::string &Commands = "")
 {
     std::string missing;
     Sh("for c in /usr/sbin/dnsmasq /sbin/dhclient ip " + Commands + "; do command -v $c >/dev/null || printf ' %s' $c; done", &missing);
     const char *isolated = getenv("KQ_ISOLATED");
-    return missing + (geteuid() == 0 ? "" : " root") +
-           (isolated != nullptr && std::string(isolated) == "1" ? "" : " isolation (run through scripts/isolate --net, as ctest does)");
+    return missing + (isolated != nullptr && std::string(isolated) == "1" ? "" : " isolation (run through scripts/isolate --net, as ctest does)");
 }
 
 // First statement of a lab test: a lab that cannot run fails the test under CI=true and

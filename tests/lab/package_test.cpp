@@ -19,12 +19,12 @@ TEST(KqPackageLab, DebInstallsRunsAndRemovesCleanly)
                 "/var/lib/dpkg/status && dpkg --root=" + root + " --force-depends -i " + deb);
     const std::string listed = lab::MustSh("dpkg --root=" + root + " -L kqagent");
     const std::string prefix = KQ_INSTALL_PREFIX;  // /usr unless the build was told otherwise
-    for (const char *file : {"/bin/kqagent", "/lib/systemd/system/kqagent.service", "/share/man/man8/kqagent.8",
-                             "/share/man/man5/kqagent.conf.5", "/include/kqdynamic/kqCtrlDynamic.h",
-                             "/include/kqdynamic/kqHost.h", "/include/kqdynamic/kqDhcp.pb-c.h"})
-        EXPECT_NE(listed.find("\n" + prefix + file + "\n"), std::string::npos) << file << " not in\n" << listed;
-    for (const char *file : {"/libkqdynamic.so\n", "/libkqhost.so\n", "/pkgconfig/kqdynamic.pc\n"})
-        EXPECT_NE(listed.find(file), std::string::npos) << file << " not in\n" << listed;
+    for (const std::string &file : {"\n" + prefix + "/bin/kqagent\n", "\n" + prefix + "/lib/systemd/system/kqagent.service\n",
+                                     "\n" + prefix + "/share/man/man8/kqagent.8\n", "\n" + prefix + "/share/man/man5/kqagent.conf.5\n",
+                                     "\n" + prefix + "/include/kqdynamic/kqCtrlDynamic.h\n", "\n" + prefix + "/include/kqdynamic/kqHost.h\n",
+                                     "\n" + prefix + "/include/kqdynamic/kqDhcp.pb-c.h\n", std::string("/libkqdynamic.so\n"),
+                                     std::string("/libkqhost.so\n"), std::string("/pkgconfig/kqdynamic.pc\n")})
+        EXPECT_TRUE(lab::Has(listed, file));
     EXPECT_NE(lab::Text(root + prefix + "/lib/systemd/system/kqagent.service").find("ExecStart=" + prefix + "/bin/kqagent "),
               std::string::npos);
     EXPECT_EQ(lab::Sh("man -l " + root + prefix + "/share/man/man8/kqagent.8 >/dev/null 2>&1 || test ! -x /usr/bin/man"), 0);

@@ -64,9 +64,9 @@ TEST(ServerLab, EveryModeLeasesAndTheProcessRulesHold)
 
     // SLAAC: the client's kernel builds an address in the advertised prefix.
     m.AddrMode = m.DnsMode = KQ_IPV6_SLAAC;
-    lab::MustSh("ip -n lab-cli -6 addr flush dev cli0 scope global");
     ASSERT_EQ(KQCtrl_ConfigDynamicAdd(m.Build()), 0);
-    lab::MustSh("ip -n lab-cli link set cli0 down && ip -n lab-cli link set cli0 up");  // solicit at once
+    // Without the DHCPv6 address, and soliciting at once.
+    lab::MustSh("ip -n lab-cli -6 addr flush dev cli0 scope global && ip -n lab-cli link set cli0 down && ip -n lab-cli link set cli0 up");
     EXPECT_TRUE(lab::WaitFor(
         [] { return lab::Sh("ip -n lab-cli -6 -o addr show dev cli0 scope global | grep -q 'inet6 2001:db8:1:.*/64 '") == 0; },
         20s))
