@@ -59,7 +59,7 @@ std::vector<pid_t> Procs(const std::string &Needle)
     std::error_code ec;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/ns/net", ec);
     for (pid_t pid; pids >> pid && self != std::filesystem::read_symlink("/proc/1/ns/net", ec);)  // never the machine's
-        if (std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/ns/net", ec) == self && Alive(pid))
+        if (pid != getpid() && pid != getppid() && std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/ns/net", ec) == self && Alive(pid))
             found.push_back(pid);
     return found;
 }

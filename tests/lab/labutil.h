@@ -156,7 +156,7 @@ void KillAll(const std::string &Needle);  // SIGKILLs Procs(Needle) and waits un
 struct Sweep {
     ~Sweep()
     {
-        for (const char *daemon : {"kqagent", "/usr/sbin/dnsmasq", "dhclient"})
+        for (const char *daemon : {KQAGENT_PATH " ", "/usr/sbin/dnsmasq ", "dhclient "})
             KillAll(daemon);
     }
 };
