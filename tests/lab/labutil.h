@@ -1,265 +1,253 @@
-// Utilities for lab tests: real dnsmasq and ISC dhclient in network namespaces that the
-// test creates inside its own isolated network namespace (scripts/isolate --net).
-//
-// Failure style: a set-up step that cannot go on (a command that fails, a namespace that
-// cannot be made, a process that cannot start) throws lab::Error, whose text holds the
-// command and its output. GoogleTest reports an exception that leaves a TEST body as a
-// failure of that test with this text, and every RAII object made so far is destroyed on
-// the way out, so nothing is left behind. Queries (Sh, ShOut, WaitFor, ReadPidFile, ...)
-// never throw; they return what they found.
-//
-// Everything here may be used from several test processes at the same time: names of
-// namespaces, interfaces and files live inside the test's own isolate namespaces.
+// Lab helpers: real dnsmasq, ISC dhclient and kqagent in network namespaces that the test
+// makes inside its own isolated one (scripts/isolate --net, as ctest runs it). A set-up
+// step that cannot go on throws std::runtime_error with the command and its output:
+// GoogleTest fails the test with that text, and every RAII object made so far cleans up.
 #pragma once
 
-#include <sys/types.h>
+#include <arpa/inet.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "kqHostLinux.h"
+
+using namespace std::chrono_literals;
+
 namespace lab {
 
-struct Error : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+// Runs Cmd through /bin/sh; returns its exit status (128 + signal), its stdout in *Out.
+int Sh(const std::string &Cmd, std::string *Out = nullptr);
 
-// ---- Shell (tests may use one; the module never does) -------------------------------
+// Cmd's stdout and stderr; throws unless it exits 0.
+inline std::string MustSh(const std::string &Cmd)
+{
+    std::string out;
+    if (const int status = Sh("{ " + Cmd + "\n} 2>&1", &out); status != 0)
+        throw std::runtime_error("command failed (status " + std::to_string(status) + "): " + Cmd + "\n" + out);
+    return out;
+}
 
-// Runs cmd through /bin/sh -c; returns its exit status (128 + signal when killed, -1 when
-// it could not be run). Output goes to the test's own stdout/stderr.
-int Sh(const std::string &cmd);
-// Runs cmd through /bin/sh -c and returns what it wrote to stdout (stderr passes through).
-std::string ShOut(const std::string &cmd);
-// Runs cmd; on a non-zero status throws Error with the command, status and its output
-// (stdout and stderr together). Returns that output on success.
-std::string MustSh(const std::string &cmd);
-// Quotes text for /bin/sh: 'text' with embedded quotes escaped.
-std::string Quote(const std::string &text);
-// "ip netns exec <ns> " for a named namespace, "" for the current one (ns "").
-std::string InNs(const std::string &ns);
+inline std::string InNs(const std::string &Ns) { return Ns.empty() ? "" : "ip netns exec " + Ns + " "; }
 
-// ---- Prerequisites ------------------------------------------------------------------
+// What this machine lacks for the lab (dnsmasq, dhclient, ip, the isolation, which needs
+// root, and the extra commands named), "" when nothing.
+inline std::string Missing(const std::string &Commands = "")
+{
+    std::string missing;
+    Sh("for c in /usr/sbin/dnsmasq /sbin/dhclient ip " + Commands + "; do command -v $c >/dev/null || printf ' %s' $c; done", &missing);
+    const char *isolated = getenv("KQ_ISOLATED");
+    return missing + (isolated != nullptr && std::string(isolated) == "1" ? "" : " isolation (run through scripts/isolate --net, as ctest does)");
+}
 
-// Empty when the lab can run here (root, /usr/sbin/dnsmasq, /sbin/dhclient, ip, and
-// KQ_ISOLATED=1 from scripts/isolate); otherwise what is missing.
-std::string MissingLabPrerequisites();
-// True when env CI is "true".
-bool InCi();
+// First statement of a lab test: a lab that cannot run fails the test under CI=true and
+// skips it elsewhere, never silently.
+#define LAB_REQUIRE(Commands)                                                                   \
+    if (const std::string labMissing_ = ::lab::Missing(Commands); !labMissing_.empty()) {       \
+        if (getenv("CI") != nullptr && std::string(getenv("CI")) == "true")                     \
+            GTEST_FAIL() << "lab prerequisites missing under CI: " << labMissing_;              \
+        GTEST_SKIP() << "lab prerequisites missing: " << labMissing_;                           \
+    }
 
-// First statement of a lab TEST body: skips the test with the reason when the lab cannot
-// run here, or fails it when CI=true (a lab test never skips silently under CI).
-#define LAB_REQUIRE_PREREQUISITES()                                                       \
-    do {                                                                                  \
-        const std::string labMissing_ = ::lab::MissingLabPrerequisites();                 \
-        if (!labMissing_.empty()) {                                                       \
-            if (::lab::InCi())                                                            \
-                GTEST_FAIL() << "lab prerequisites missing under CI: " << labMissing_;    \
-            else                                                                          \
-                GTEST_SKIP() << "lab prerequisites missing: " << labMissing_;             \
-        }                                                                                 \
-    } while (0)
+// Whether Text holds Piece, saying which and showing Text: EXPECT_TRUE(lab::Has(out, "...")).
+inline ::testing::AssertionResult Has(const std::string &Text, const std::string &Piece)
+{
+    const bool found = Text.find(Piece) != std::string::npos;
+    return (found ? ::testing::AssertionSuccess() : ::testing::AssertionFailure())
+           << '"' << Piece << (found ? "\" in:\n" : "\" not in:\n") << Text;
+}
 
-// ---- Temporary folders --------------------------------------------------------------
+inline bool WaitFor(const std::function<bool()> &Cond, std::chrono::milliseconds Timeout = 10s)
+{
+    for (auto deadline = std::chrono::steady_clock::now() + Timeout; !Cond(); std::this_thread::sleep_for(50ms))
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+    return true;
+}
 
-// A fresh folder <base>/<prefix>XXXXXX, removed with everything in it on destruction.
-// The default base /etc is an overlay inside scripts/isolate, so even a crash leaves
-// nothing on the machine.
-class TempDir {
-public:
-    explicit TempDir(const std::string &prefix = "kq-lab-", const std::string &base = "/etc");
-    ~TempDir();
+// A fresh folder under /etc (an overlay of the isolation), removed with all it holds.
+struct TempDir {
+    TempDir()
+    {
+        if (mkdtemp(Path.data()) == nullptr)
+            throw std::runtime_error("mkdtemp " + Path + ": " + strerror(errno));
+        chmod(Path.c_str(), 0755);  // daemons that drop privileges still reach their files
+    }
+    ~TempDir() { std::error_code ec; std::filesystem::remove_all(Path, ec); }
     TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::string &Path() const { return path_; }
-    // Path() + "/" + name.
-    std::string File(const std::string &name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
+    std::string File(const std::string &Name) const { return Path + "/" + Name; }
+    std::string Path = "/etc/kq-lab-XXXXXX";
 };
 
-// Writes text to path (created or truncated); throws Error on failure.
-void WriteFile(const std::string &path, const std::string &text);
-// The whole file, or nullopt when it cannot be read.
-std::optional<std::string> ReadFile(const std::string &path);
+inline void WriteFile(const std::string &Path, const std::string &Text)
+{
+    std::ofstream out(Path, std::ios::binary | std::ios::trunc);
+    if (!(out << Text).flush())
+        throw std::runtime_error("cannot write " + Path);
+}
 
-// ---- Network namespaces and links ---------------------------------------------------
+inline std::optional<std::string> ReadFile(const std::string &Path)
+{
+    std::ifstream in(Path, std::ios::binary);
+    std::ostringstream text;
+    if (!in)
+        return std::nullopt;
+    text << in.rdbuf();
+    return text.str();
+}
 
-// `ip netns add <name>` on construction. On destruction every process inside is killed
-// (SIGKILL) and the namespace deleted, which also removes its interfaces.
-class Netns {
-public:
-    explicit Netns(std::string name);
-    ~Netns();
+inline std::string Text(const std::string &Path) { return ReadFile(Path).value_or(""); }
+
+inline std::optional<pid_t> ReadPid(const std::string &PidFile)
+{
+    const long pid = atol(Text(PidFile).c_str());
+    return pid > 0 ? std::optional<pid_t>(static_cast<pid_t>(pid)) : std::nullopt;
+}
+
+// Whether Pid exists and is no zombie (reaping our own child once it has ended).
+bool Alive(pid_t Pid);
+
+// Whether address text A (IPv4 or IPv6) lies within [First, Last].
+inline bool InRange(const std::string &A, const std::string &First, const std::string &Last)
+{
+    const int family = A.find(':') != std::string::npos ? AF_INET6 : AF_INET;
+    unsigned char x[16], lo[16], hi[16];
+    const size_t n = family == AF_INET ? 4 : 16;
+    return inet_pton(family, A.c_str(), x) == 1 && inet_pton(family, First.c_str(), lo) == 1 &&
+           inet_pton(family, Last.c_str(), hi) == 1 && memcmp(lo, x, n) <= 0 && memcmp(x, hi, n) <= 0;
+}
+
+// A named network namespace with lo up and duplicate address detection off, so addresses
+// are usable at once. Its processes are killed and it is deleted on destruction.
+struct Netns {
+    explicit Netns(const std::string &Name) : Name(Name)
+    {
+        MustSh("ip netns add " + Name + " && ip -n " + Name + " link set lo up && " + InNs(Name) +
+               "sysctl -qw net.ipv6.conf.default.accept_dad=0");
+    }
+    ~Netns() { Sh("ip netns pids " + Name + " | xargs -r kill -9; ip netns del " + Name); }
     Netns(const Netns &) = delete;
-    Netns &operator=(const Netns &) = delete;
-    const std::string &Name() const { return name_; }
-    // Runs cmd inside the namespace (through the shell); see Sh / ShOut / MustSh.
-    int Sh(const std::string &cmd) const;
-    std::string ShOut(const std::string &cmd) const;
-    std::string MustSh(const std::string &cmd) const;
-
-private:
-    std::string name_;
+    std::string Name;
 };
 
-// A veth pair a_if <-> b_if with each end moved into its namespace ("" = the current
-// one). Both ends are set up; the pair vanishes with either namespace.
-void VethPair(const std::string &aNs, const std::string &aIf, const std::string &bNs,
-              const std::string &bIf);
-// `ip addr add <cidr> dev <ifname>` inside ns ("" = current). IPv6 addresses are added
-// with nodad so that they are usable at once.
-void AddAddr(const std::string &ns, const std::string &ifname, const std::string &cidr);
-// `ip link set <ifname> up` inside ns.
-void LinkUp(const std::string &ns, const std::string &ifname);
-// accept_dad=0 for ifname (and for "default", so later links inherit it) inside ns.
-void DisableDad(const std::string &ns, const std::string &ifname);
-// Waits until ifname inside ns has an IPv6 link-local address and none is tentative.
-bool WaitIpv6Ready(const std::string &ns, const std::string &ifname,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
+// A veth pair, up, each end in its namespace ("" = the test's own) with its addresses
+// (CIDR); returns once both ends have a usable IPv6 link-local address.
+void Veth(const std::string &ANs, const std::string &A, const std::vector<std::string> &AAddrs,
+          const std::string &BNs, const std::string &B, const std::vector<std::string> &BAddrs = {});
 
-// One address of an interface, from `ip -o addr show dev X`.
-struct IfAddr {
-    int family;           // AF_INET or AF_INET6
-    std::string address;  // without prefix length
-    int prefixLen;
-    bool tentative;
-    std::string scope;    // "global", "link", "host"
+// Live processes of the test's own network namespace whose command line holds Needle.
+std::vector<pid_t> Procs(const std::string &Needle);
+void KillAll(const std::string &Needle);  // SIGKILLs Procs(Needle) and waits until they are gone
+
+// Daemons that leave the test's control (the relay, agents, their clients) go, however the
+// test ends.
+struct Sweep {
+    ~Sweep()
+    {
+        for (const char *daemon : {KQAGENT_PATH " ", "/usr/sbin/dnsmasq ", "dhclient "})
+            KillAll(daemon);
+    }
 };
-std::vector<IfAddr> Addresses(const std::string &ns, const std::string &ifname);
-// True when a (dotted IPv4 or IPv6 text) lies within [first, last], same family.
-bool AddrInRange(const std::string &a, const std::string &first, const std::string &last);
 
-// ---- Waiting and processes ----------------------------------------------------------
-
-// Polls cond every 50 ms until it is true (returns true) or timeout passes (false).
-bool WaitFor(const std::function<bool()> &cond, std::chrono::milliseconds timeout);
-// The first number in a pid file, or nullopt when missing, empty or not a number > 0.
-std::optional<pid_t> ReadPidFile(const std::string &path);
-// True when pid exists and is not a zombie.
-bool ProcessAlive(pid_t pid);
-// SIGKILLs every process named comm (as in /proc/<pid>/comm) whose network namespace is
-// one this test owns: the test's own isolated namespace (only when KQ_ISOLATED=1 and it
-// is not init's) or a namespace under /run/netns (a private tmpfs inside isolate). Never
-// touches the machine's processes. Reaps our own children. Returns how many it killed.
-int KillAll(const char *comm);
-
-// The live dnsmasq processes in this test's own network namespace, by pid, with their
-// command lines (arguments joined by blanks).
-std::map<pid_t, std::string> OwnDnsmasq();
-// Waits until ifname inside ns has an IPv4 address in [first, last].
-bool WaitIpv4InRange(const std::string &ns, const std::string &ifname, const std::string &first,
-                     const std::string &last, std::chrono::milliseconds timeout = std::chrono::seconds(30));
-
-// A child process started with argv inside ns ("" = current), stdout and stderr going to
-// logFile (appended; "" = inherited). The destructor sends SIGTERM, waits up to 2 s, then
-// SIGKILL, and reaps it. Stop() does the same earlier.
-class Child {
-public:
-    Child(const std::string &ns, const std::vector<std::string> &argv,
-          const std::string &logFile = "");
-    ~Child();
+// A child running command line Cmd (no quoting) inside Ns ("" = the test's own), output
+// appended to Log. Stop (and destruction) sends SIGTERM, then SIGKILL after 2 s, and reaps it.
+struct Child {
+    Child(const std::string &Ns, const std::string &Cmd, const std::string &Log = "");
+    ~Child() { Stop(); }
     Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
-    pid_t Pid() const { return pid_; }
-    // True while the child runs (reaps it when it has exited).
     bool Running();
-    // Exit status once it has ended (as from waitpid), nullopt while it runs.
-    std::optional<int> Status() const { return status_; }
     void Stop();
-
-private:
-    pid_t pid_ = -1;
-    std::optional<int> status_;
+    pid_t Pid = -1;
+    std::optional<int> Status;  // as from waitpid, once ended
 };
 
-// dnsmasq in the foreground (-k) inside ns with a configuration given as text, written to
-// <dir>/<name>.conf. The command line adds --log-dhcp, --user=root, --log-facility=
-// <dir>/<name>.log (Log() reads it), --pid-file=<dir>/<name>.pid and --dhcp-leasefile=
-// <dir>/<name>.leases, so the text must not set those. Throws Error when it exits within
-// the first 300 ms (a bad configuration), with the configuration and its log.
-class Dnsmasq {
-public:
-    Dnsmasq(const std::string &ns, const TempDir &dir, const std::string &name,
-            const std::string &confText);
-    pid_t Pid() const { return child_->Pid(); }
-    std::string Log() const;
-    const std::string &ConfPath() const { return confPath_; }
-
-private:
-    std::string confPath_, logPath_;
-    std::unique_ptr<Child> child_;
+// dnsmasq in the foreground inside Ns with configuration Conf, logging to <dir>/<name>.log.
+struct Dnsmasq : Child {
+    Dnsmasq(const std::string &Ns, const TempDir &Dir, const std::string &Name, const std::string &Conf);
+    std::string Log;
 };
 
-// ISC dhclient on ifname inside ns, in the foreground (-d) as our own child:
-//   dhclient -4|-6 [-S] -d -v -pf <dir>/<ifname>.dhclient[6].pid
-//            -lf <dir>/<ifname>.dhclient[6].leases [-sf <script>] <ifname>
-// The default script (/sbin/dhclient-script) configures the address it gets, which is
-// what a test checks with Addresses(); it does so before dhclient writes the lease file,
-// so a test that reads both waits for both. Killed and reaped on destruction.
-class Dhclient {
-public:
-    enum class Mode { V4, V6, V6Stateless };
-    Dhclient(const std::string &ns, const std::string &ifname, Mode mode, const TempDir &dir,
-             const std::string &script = "");
-    const std::string &LeaseFile() const { return leaseFile_; }
-    const std::string &PidFile() const { return pidFile_; }
-    const std::string &LogFile() const { return logFile_; }
-    pid_t Pid() const { return child_->Pid(); }
-    bool Running() { return child_->Running(); }
+// The value of the last "<field> value;" line of a dhclient lease file.
+inline std::optional<std::string> LeaseField(const std::string &LeaseFile, const std::string &Field)
+{
+    std::optional<std::string> value;
+    std::istringstream lines(Text(LeaseFile));
+    for (std::string line; std::getline(lines, line);) {
+        line.erase(0, line.find_first_not_of(" \t"));
+        if (line.rfind(Field + " ", 0) == 0)
+            value = line.substr(Field.size() + 1, line.find_last_not_of(" ;{") - Field.size());
+    }
+    return value;
+}
 
-private:
-    std::string leaseFile_, pidFile_, logFile_;
-    std::unique_ptr<Child> child_;
+// ISC dhclient in the foreground on IfName inside Ns; Mode is "-4", "-6" or "-S"
+// (information only). Its lease and log files are in Dir; the default script configures
+// the address it gets.
+struct Dhclient : Child {
+    Dhclient(const std::string &Ns, const std::string &IfName, const TempDir &Dir, const std::string &Mode,
+             const std::string &Script = "")
+        : Child(Ns,
+                "/sbin/dhclient " + std::string(Mode == "-4" ? "-4" : "-6") + (Mode == "-S" ? " -S" : "") + " -d -v -pf " +
+                    Dir.File(IfName + Mode + ".pid") + " -lf " + Dir.File(IfName + Mode + ".leases") +
+                    (Script.empty() ? "" : " -sf " + Script) + " " + IfName,
+                Dir.File(IfName + Mode + ".log")),
+          Lease(Dir.File(IfName + Mode + ".leases")), Log(Dir.File(IfName + Mode + ".log"))
+    {
+    }
+    // The lease's Field once it is there.
+    std::optional<std::string> Wait(const std::string &Field, std::chrono::milliseconds Timeout = 30s) const
+    {
+        std::optional<std::string> value;
+        WaitFor([&] { return (value = LeaseField(Lease, Field)).has_value(); }, Timeout);
+        return value;
+    }
+    std::string Lease, Log;
 };
 
-// The value of the last "<field> value;" statement in a dhclient lease file ("fixed-address",
-// "iaaddr", "option domain-name-servers", ...), without the ';', or nullopt.
-std::optional<std::string> LeaseField(const std::string &leaseFile, const std::string &field);
+// Points the reference host at <dir>/kqhost.json: dhcp.conf in Dir, every log line, then
+// Settings (more JSON members; a repeated key takes the later value).
+inline void UseHost(const TempDir &Dir, const std::string &Settings = "")
+{
+    WriteFile(Dir.File("kqhost.json"), "{\"dhcpConf\": \"" + Dir.File("dhcp.conf") + "\", \"dhcpConfBak\": \"" +
+                                           Dir.File("dhcp.conf.bak") + "\", \"logLevel\": 1" +
+                                           (Settings.empty() ? "" : ", ") + Settings + "}\n");
+    setenv("KQ_HOST_CONFIG", Dir.File("kqhost.json").c_str(), 1);
+    KQ_HostReloadConfig();
+}
 
-// Waits up to timeout for LeaseField(leaseFile, field) and returns it.
-std::optional<std::string> WaitLeaseField(const std::string &leaseFile, const std::string &field,
-                                          std::chrono::milliseconds timeout = std::chrono::seconds(20));
-
-// ---- Settings of the reference host -------------------------------------------------
-
-struct HostSettings {
-    std::string dhcpConf;     // "" = <dir>/dhcp.conf
-    std::string dhcpConfBak;  // "" = <dir>/dhcp.conf.bak
-    std::vector<std::pair<std::string, uint32_t>> lans;  // ifname -> VPN id
-    std::map<uint32_t, std::string> netns;               // VPN id -> namespace name
-    int logLevel = 1;                                    // everything, for test output
-    std::string logTo = "stderr";
-    std::vector<std::string> dhcpv6Interfaces;
+// The built kqagent run as a user runs it.
+struct Outcome {
+    int Status;
+    std::string Out, Err;
 };
+inline Outcome Kqagent(const TempDir &Dir, const std::string &Args)
+{
+    const int status = Sh(KQAGENT_PATH " " + Args + " >" + Dir.File("agent.out") + " 2>" + Dir.File("agent.err"));
+    return {status, Text(Dir.File("agent.out")), Text(Dir.File("agent.err"))};
+}
 
-// Writes the settings as <dir>/kqhost.json, sets KQ_HOST_CONFIG to it and reloads the
-// reference host's settings. Update() rewrites and reloads. The destructor restores the
-// variable as it was (usually unset) and reloads.
-class HostConfig {
-public:
-    HostConfig(const TempDir &dir, HostSettings settings = {});
-    ~HostConfig();
-    HostConfig(const HostConfig &) = delete;
-    HostConfig &operator=(const HostConfig &) = delete;
-    void Update(HostSettings settings);
-    const HostSettings &Settings() const { return settings_; }
-    const std::string &Path() const { return path_; }
+// `<Agent> serve` as a child, returned once it listens; throws with its log otherwise.
+inline std::unique_ptr<Child> Serve(const std::string &Agent, const std::string &Log)
+{
+    auto agent = std::make_unique<Child>("", Agent + " serve", Log);
+    if (!WaitFor([&] { return Has(Text(Log), "kqagent: listening on "); }, 30s))
+        throw std::runtime_error("the agent did not start listening:\n" + Text(Log));
+    return agent;
+}
 
-private:
-    void Apply();
-    std::string dir_, path_;
-    std::optional<std::string> previous_;
-    HostSettings settings_;
-};
+// The JSON text at a dotted path ("interfaces.0.zone") of document Doc, "absent" if none.
+std::string JsonAt(const std::string &Doc, const std::string &Path);
 
 }  // namespace lab
