@@ -192,6 +192,13 @@ bool Failing(const char *Op, long *Result)
             return nullptr;                             \
     } while (0)
 
+// The result of a host operation that only records: the failure asked for, or Ok.
+long Outcome(const char *Op, long Ok = 0)
+{
+    long failure;
+    return Failing(Op, &failure) ? failure : Ok;
+}
+
 std::string VFormat(const char *Format, va_list Args)
 {
     va_list copy;
@@ -414,31 +421,13 @@ void KQ_FreeConf(void *Conf)
     free(Conf);
 }
 
-int32_t KQ_CmdExec(char *Command)
-{
-    Host().Commands.push_back(Command);
-    FAIL_AS(int32_t);
-    return 0;
-}
-
-int KQ_RTCSystem(const char *Command)
-{
-    Host().Commands.push_back(Command);
-    FAIL_AS(int);
-    return 0;
-}
-
-KQ_ERR_T KQ_KillPid(const pid_t Pid)
-{
-    Host().Killed.push_back(Pid);
-    FAIL_AS(KQ_ERR_T);
-    return static_cast<KQ_ERR_T>(Host().KillResult);
-}
+int32_t KQ_CmdExec(char *Command) { return (Host().Commands.push_back(Command), Outcome(__func__)); }
+int KQ_RTCSystem(const char *Command) { return (Host().Commands.push_back(Command), Outcome(__func__)); }
+KQ_ERR_T KQ_KillPid(const pid_t Pid) { return (Host().Killed.push_back(Pid), Outcome(__func__, Host().KillResult)); }
 
 BOOL KQ_IsPIDCorrectInPIDFile(pid_t Pid, const char *, const char *)
 {
-    Host().Calls.push_back("KQ_IsPIDCorrectInPIDFile");
-    return Host().CorrectPids.count(Pid) ? TRUE : FALSE;
+    return (Host().Calls.push_back(__func__), Host().CorrectPids.count(Pid) ? TRUE : FALSE);
 }
 
 KQ_ERR_T KQ_RtcGetNetNsExecCmdPrefix(uint32_t VpnId, char *Buf, size_t Size)
@@ -501,24 +490,16 @@ KQ_ERR_T KQ_RtcNetioInterfaceGetFirstIpv6(const char *IfName, KQ_IN6_ADDR *Ip, u
     return 0;
 }
 
-uint32_t KQCtrl_IfmInterfaceGetDhcpv6Count(void)
-{
-    Host().Calls.push_back(__func__);
-    return Host().Dhcpv6Count;
-}
+uint32_t KQCtrl_IfmInterfaceGetDhcpv6Count(void) { return (Host().Calls.push_back(__func__), Host().Dhcpv6Count); }
 
 KQ_ERR_T KQ_RtcRuleConfAdd(KQ_CONF_RULE *Rule, uint16_t Arg1, BOOL Arg2, BOOL Arg3)
 {
-    Host().RulesAdded.push_back({*Rule, Arg1, Arg2, Arg3});
-    FAIL_AS(KQ_ERR_T);
-    return 0;
+    return (Host().RulesAdded.push_back({*Rule, Arg1, Arg2, Arg3}), Outcome(__func__));
 }
 
 KQ_ERR_T KQ_RtcRuleConfDel(uint8_t Zone, uint32_t Id, uint32_t Arg3, uint16_t Arg4, BOOL Arg5)
 {
-    Host().RulesDeleted.push_back({Zone, Id, Arg3, Arg4, Arg5});
-    FAIL_AS(KQ_ERR_T);
-    return 0;
+    return (Host().RulesDeleted.push_back({Zone, Id, Arg3, Arg4, Arg5}), Outcome(__func__));
 }
 
 KQ_ERR_T KQ_Socket(int32_t Family, int32_t Type, int32_t Protocol, KQ_SOCKET *Sock)
@@ -534,17 +515,12 @@ KQ_LEN_ERR_T KQ_SendTo(KQ_SOCKET, const void *Data, size_t Len, int32_t Flags, c
     const auto *bytes = static_cast<const uint8_t *>(Data);
     const auto *addr = reinterpret_cast<const uint8_t *>(To);
     Host().Packets.push_back({{bytes, bytes + Len}, Flags, {addr, addr + ToLen}, ToLen});
-    FAIL_AS(KQ_LEN_ERR_T);
-    return static_cast<KQ_LEN_ERR_T>(Len);
+    return Outcome(__func__, static_cast<long>(Len));
 }
 
 BOOL KQ_SocketIsErr(KQ_SOCKET Sock) { return Sock < 0 ? TRUE : FALSE; }
 
-KQ_ERR_T KQ_SocketClose(KQ_SOCKET)
-{
-    ++Host().SocketsClosed;
-    return 0;
-}
+KQ_ERR_T KQ_SocketClose(KQ_SOCKET) { return (++Host().SocketsClosed, 0); }
 
 void KQ_PbToConfIpRange(const Range *RangePb, KQ_AGENT_IP_RANGE *IpRange)
 {

@@ -132,14 +132,14 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
         {"empty array restores nothing", Doc({}), -2, {}, {}, 0, std::nullopt, std::nullopt},
         {"relay only: started once", Doc({eth2, Relay("eth3", "198.51.100.3", "203.0.113.30")}), 0, {kqtest::kRelayStartCmd},
          {"eth2:0/0", "eth3:0/0"}, 0, relay1 + "dhcp-relay=198.51.100.3,203.0.113.30\n", std::nullopt},
-        // The second entry of an interface is started but not stored: the file is its.
-        {"second entry of an interface", Doc({eth1, V4Server("eth1", "192.0.2.150", "\"192.0.2.54\"")}), 0,
-         {kEth1Start, kEth1Start}, {"eth1:1/0"}, 0, std::nullopt, "dhcp-option=eth1,6,192.0.2.54\n"},
         {"pools without dns serve the interface address", Doc({V4Server("eth1", "192.0.2.100", "")}), 0, {kEth1Start},
          {"eth1:1/0"}, 0, std::nullopt, "dhcp-option=eth1,6,192.0.2.1\n"},
         // The server load registered the interface first, so the relay half stays empty.
         {"server and relay in one entry", Doc({V4Server("eth1", "192.0.2.100", "\"192.0.2.53\"", Relay("", "198.51.100.1", "203.0.113.10", false))}),
          0, {kEth1Start, kqtest::kRelayStartCmd}, {"eth1:1/0"}, 0, relay1, "dhcp-option=eth1,6,192.0.2.53\n"},
+        // The second entry of an interface is started but not stored: the file is its.
+        {"second entry of an interface", Doc({eth1, V4Server("eth1", "192.0.2.150", "\"192.0.2.54\"")}), 0,
+         {kEth1Start, kEth1Start}, {"eth1:1/0"}, 0, std::nullopt, "dhcp-option=eth1,6,192.0.2.54\n"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.Name);
@@ -162,35 +162,7 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
         // Both loaders read the document, unless the server load failed.
         EXPECT_EQ(Count("agent dhcp.conf = " + row.Document + " \n"), row.Result == -2 ? 1 : 2);
     }
-    EXPECT_EQ(_KQCtrl_GetDynamicServerConfByName("eth1")->ServerIpv4Conf.Dns[0], Ip4("192.0.2.53"));  // the first one
-}
-
-// Add, forget the registry as an agent restart does, load: the same services come back,
-// except what the document does not hold (the zone, the IPv6 mode).
-TEST_F(DynamicLoad, AddedServicesComeBackFromTheDocument)
-{
-    Host().LanVpnId = {{"eth1", 3}, {"eth3", 0}};
-    kqtest::ServerMsg server = kqtest::ServerMsg::DualStack(KQ_IPV6_DHCP, KQ_IPV6_DHCP);
-    server.Dns = {Ip4("192.0.2.53")};
-    server.Gateway = Ip4("192.0.2.1");
-    server.Prefix.reset();
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(server.Build()), 0) << ::testing::PrintToString(fakehost::Messages());
-    kqtest::RelayMsg relay = kqtest::RelayItem("eth3", "198.51.100.1", {"203.0.113.10", "203.0.113.11"});
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(relay.get()), 0) << ::testing::PrintToString(fakehost::Messages());
-
-    KQ_CTRL_DYNAMIC_SERVICE_CONF eth1 = *_KQCtrl_GetDynamicConfByName("eth1");
-    ASSERT_EQ(eth1.DynamicServerConf.SecurityZoneId, 3u);
-    ASSERT_EQ(eth1.DynamicServerConf.ServerIpv6Conf.DynamicMode, KQ_IPV6_ADDR_AUTOCONF_DHCP);
-    eth1.DynamicServerConf.SecurityZoneId = 0;
-    eth1.DynamicServerConf.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_SLAAC;
-
-    fakehost::ClearRegistry();
-    fakehost::Reset();
-    ASSERT_EQ(KQCtrl_LoadDynamicServiceConf(Host().DhcpConfPath.c_str()), 0);
-    EXPECT_EQ(Host().Commands, (Strings{kEth1Start, kqtest::kRelayStartCmd}));
-    EXPECT_EQ(Registry(), (Strings{"eth1:3/0", "eth3:0/0"}));
-    EXPECT_EQ(memcmp(&_KQCtrl_GetDynamicConfByName("eth1")->DynamicServerConf, &eth1.DynamicServerConf, sizeof(eth1.DynamicServerConf)), 0);
-    EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath), "dhcp-relay=198.51.100.1,203.0.113.10\ndhcp-relay=198.51.100.1,203.0.113.11\n");
+    EXPECT_EQ(_KQCtrl_GetDynamicServerConfByName("eth1")->ServerIpv4Conf.Dns[0], Ip4("192.0.2.53"));  // the first entry's
 }
 
 }  // namespace
