@@ -45,6 +45,7 @@ TEST(LogTest, LinesDumpAndResetPerLevelAndHostSetUp)
         {"no thread name", 2, [](H &h) { h.ThreadName.reset(); }, {"<NOTICEdynamic>[100:200]@" + odd}, 0, odd},
         {"thread id only", 2, [](H &h) { h.ThreadName.reset(); h.ProcessId = 0; }, {"<NOTICEdynamic>[200]@" + odd}, 0, odd},
         {"no thread id", 2, [](H &h) { h.ThreadId = 0; }, {"<NOTICEdynamic>@" + odd}, 0, odd},
+        {"no thread id nor name", 2, [](H &h) { h.ThreadId = 0; h.ThreadName.reset(); }, {"<NOTICEdynamic>@" + odd}, 0, odd},
         {"no level text", 3, [](H &h) { h.HasLevel2Str = false; }, {"<dynamic>[100:200:main]@" + odd}, 0, odd},
         {"no logger", 4, [](H &h) { h.HasLog = false; }, {}, 1, ""},
         {"below threshold", 2, [](H &h) { h.LogThreshold = 3; }, {}, 0, odd},

@@ -42,6 +42,8 @@ TEST_F(ServerConfig, UnchangedRequestsAreShortCutAndChangesRestart)
     EXPECT_FALSE(Restarted(m));
     EXPECT_TRUE(fakehost::HasMessage("Dynamic ipv4service for eth1 is same to current configuration\n"));
     EXPECT_EQ(Stored()->ServerIpv4Conf.IpRange[0].StartIp, Ip4("192.0.2.100"));  // registry untouched
+    m.Dns = {Ip4("192.0.2.1"), Ip4("192.0.2.53")};  // one DNS server more
+    EXPECT_TRUE(Restarted(m));
     m.Pools[1] = {"192.0.2.160", 10};
     EXPECT_TRUE(Restarted(m));
     Host().LanVpnId["eth1"] = 7;
