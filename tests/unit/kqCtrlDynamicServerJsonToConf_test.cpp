@@ -171,31 +171,31 @@ TEST(ServerJson, ReaderEdgeCases)
         {R"({"ifname":"eth1","vpnId":"seven"})", 0, "eth1 type 0 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0", ""},
         {R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"",)" + range + "}}", 0, "eth1 type 0 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0",
          "Not found vaild mode from Json object\n"},
-        {R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"x",)" + range + "}}", 0, "", "Get netmask ip number failed\n"},
+        {R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"x",)" + range + "}}", 0, "eth1 type 1 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0", "Get netmask ip number failed\n"},
         {v4 + "\"ipRange\":" + list(65, R"({"startIp":"192.0.2.1","endIp":"192.0.2.2"})") + "}}", 0,
          "eth1 type 1 zone 0 | v4 65/0/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "Ip range number in dhcp.conf is overflow\n"},
-        {v4 + "\"ipRange\":[]}}", 0, "", "Ip range in dhcp.conf is empty\n"},
-        {v4 + "\"ipRange\":{}}}", 0, "", "invalid dhcp.conf, ipRange is not array\n"},
-        {v4 + "\"ipRange\":[null]}}", 0, "", "dhcp ip range [0] is null\n"},
-        {v4 + R"("ipRange":[{"startIp":"192.0.2.1","endIp":"192.0.2"}]}})", 0, "", "Get end ip number failed\n"},
+        {v4 + "\"ipRange\":[]}}", 0, "eth1 type 1 zone 0 | v4 0/0/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "Ip range in dhcp.conf is empty\n"},
+        {v4 + "\"ipRange\":{}}}", 0, "eth1 type 1 zone 0 | v4 0/0/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "invalid dhcp.conf, ipRange is not array\n"},
+        {v4 + "\"ipRange\":[null]}}", 0, "eth1 type 1 zone 0 | v4 1/0/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "dhcp ip range [0] is null\n"},
+        {v4 + R"("ipRange":[{"startIp":"192.0.2.1","endIp":"192.0.2"}]}})", 0, "eth1 type 1 zone 0 | v4 1/0/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "Get end ip number failed\n"},
         {v4 + range + ",\"dnsIps\":" + list(65, "\"192.0.2.53\"") + "}}", 0, "eth1 type 1 zone 0 | v4 1/0/600 mask ffffff00 | v6 0/0/0 | slaac -/0/0", ""},
         {v4 + range + ",\"dnsIps\":{}}}", 0, "eth1 type 1 zone 0 | v4 1/0/600 mask ffffff00 | v6 0/0/0 | slaac -/0/0", ""},
         {v4 + range + "}}", 0, "eth1 type 1 zone 0 | v4 1/1/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "Get ipv4 dns from json failed(22:Invalid argument)\n"},
-        {v4 + range + ",\"dnsIps\":[5]}}", 0, "", "Get dns ip number failed\n"},
-        {v4 + range + ",\"dnsIps\":[\"192.000.002.0000053\"]}}", 0, "", "dns ip [0] is overflow\n"},
-        {v4 + range + ",\"dnsIps\":[\"192.0.2.1\",null]}}", 0, "", "dns ip [1] is null\n"},
+        {v4 + range + ",\"dnsIps\":[5]}}", 0, "eth1 type 1 zone 0 | v4 1/1/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "Get dns ip number failed\n"},
+        {v4 + range + ",\"dnsIps\":[\"192.000.002.0000053\"]}}", 0, "eth1 type 1 zone 0 | v4 1/1/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "dns ip [0] is overflow\n"},
+        {v4 + range + ",\"dnsIps\":[\"192.0.2.1\",null]}}", 0, "eth1 type 1 zone 0 | v4 1/2/0 mask ffffff00 | v6 0/0/0 | slaac -/0/0", "dns ip [1] is null\n"},
         {dhcp6 + R"(2001:db8:abcd::1001","endIpv6":"2001:db8::2"}]}})", 0, "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 1/0/60 | slaac -/0/0", "Get start ipv6 string from json failed" + tooLarge},
-        {dhcp6 + R"(2001:db8:::1","endIpv6":"2001:db8::2"}]}})", 0, "", "Get ip number failed\n"},
+        {dhcp6 + R"(2001:db8:::1","endIpv6":"2001:db8::2"}]}})", 0, "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 1/0/60 | slaac -/0/0", "Get ip number failed\n"},
         {v6 + R"("dynamicMode":3,"prefixlengthdhcp":64,"leaseTimeIpv6":60,"ipv6Range":[{"startIpv6":"2001:db8:::1","endIpv6":"2001:db8::2"}],"prefix":"2001:db8::","prefixlengthslaac":64}})",
          0, "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 1/0/60 | slaac -/0/0", "Json to stateless dhcp ipv6 server failed\n"},
         {v6 + R"("dynamicMode":0,"prefixlengthslaac":0,"prefix":"2001:db8::"}})", 0, "eth1 type 0 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0", ""},
-        {v6 + R"("dynamicMode":0,"prefixlengthslaac":64,"prefix":"2001:db8:::"}})", 0, "", "Json to slaac ipv6 server failed\n"},
+        {v6 + R"("dynamicMode":0,"prefixlengthslaac":64,"prefix":"2001:db8:::"}})", 0, "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/64/0", "Json to slaac ipv6 server failed\n"},
         {v6 + R"("dynamicMode":0,"prefixlengthslaac":64,"prefix":")" + std::string(60, 'f') + R"(","dnsIpv6s":["2001:db8::53"]}})", 0,
          "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/64/1", ""},
         {v6 + R"("dynamicMode":7,"prefixlengthdhcp":64}})", 0, "eth1 type 0 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0", "Json to dhcp ipv6 server failed\n"},
         {v6 + R"("prefixlengthdhcp":64,"leaseTimeIpv6":60,"startIpv6":"2001:db8::10","endIpv6":"2001:db8::20","dnsIpv6":"2001:db8::53"}})", 0,
          "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 1/1/60 | slaac -/0/0", ""},
-        {v6 + R"("dynamicMode":0,"prefixlengthslaac":64,"dnsIpv6s":[")" + std::string(50, '1') + "\"]}}", 0, "", "dns ipv6 [0] is overflow\n"},
+        {v6 + R"("dynamicMode":0,"prefixlengthslaac":64,"dnsIpv6s":[")" + std::string(50, '1') + "\"]}}", 0, "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/64/1", "dns ipv6 [0] is overflow\n"},
         // The older "dhcpServer" object serves both families and wins over the newer ones.
         {R"({"ifname":"eth1","mode":3,"dhcpServer":{"netmask":"255.255.255.0","startIp":"192.0.2.10","endIp":"192.0.2.20","gateway":"192.0.2.1",
             "dns":"192.0.2.53","leaseTime":600,"prefixlengthdhcp":64,"leaseTimeIpv6":700,"startIpv6":"2001:db8::10","endIpv6":"2001:db8::20",
@@ -209,6 +209,7 @@ TEST(ServerJson, ReaderEdgeCases)
         EXPECT_EQ(Read(row.Item, &c), row.Result);
         if (!row.Record.empty())
             EXPECT_EQ(Summary(c), row.Record);
+
         if (!row.Line.empty())
             EXPECT_TRUE(fakehost::HasMessage(row.Line)) << ::testing::PrintToString(fakehost::Messages());
         EXPECT_FALSE(fakehost::HasMessage("dynamic ipv4 Server is invaild\n") && row.Item.find("dhcpServer") != std::string::npos);
