@@ -1,10 +1,10 @@
 #include "fakehost.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -13,8 +13,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "kqCtrlDynamicInternal.h"
 
 namespace fakehost {
 
@@ -26,19 +24,13 @@ State &Host()
 
 void Reset()
 {
+    // Allocations outlive a reset (the registry keeps its nodes): the count stays honest.
     long live = Host().LiveAllocations;
     Host() = State{};
-    // Allocations outlive a reset (the registry keeps its nodes); the count stays honest.
     Host().LiveAllocations = live;
 }
 
-int CallCount(const std::string &Op)
-{
-    int n = 0;
-    for (const auto &c : Host().Calls)
-        n += c == Op;
-    return n;
-}
+int CallCount(const std::string &Op) { return static_cast<int>(std::count(Host().Calls.begin(), Host().Calls.end(), Op)); }
 
 std::vector<std::string> LogTexts()
 {
@@ -48,28 +40,39 @@ std::vector<std::string> LogTexts()
     return out;
 }
 
-std::vector<std::string> Messages()
+// The message part of a log line, after the "] " that ends the prefix.
+static std::string MessageOf(const std::string &Text)
+{
+    size_t pos = Text.find("] ");
+    return pos == std::string::npos ? Text : Text.substr(pos + 2);
+}
+
+// The messages of the log lines at MinLevel or above, without the flex-log dumps when asked.
+static std::vector<std::string> Select(uint32_t MinLevel, bool Dumps)
 {
     std::vector<std::string> out;
     for (const auto &l : Host().Logs) {
-        size_t pos = l.Text.find("] ");
-        out.push_back(pos == std::string::npos ? l.Text : l.Text.substr(pos + 2));
+        std::string m = MessageOf(l.Text);
+        if (l.Level >= MinLevel && (Dumps || m.rfind("dump flexlog:", 0) != 0))
+            out.push_back(m);
     }
     return out;
 }
 
+std::vector<std::string> Messages() { return Select(0, true); }
+std::vector<std::string> Lines() { return Select(0, false); }
+std::vector<std::string> ErrorLines() { return Select(4, false); }
+
 bool HasMessage(const std::string &Message)
 {
-    for (const auto &m : Messages())
-        if (m == Message)
-            return true;
-    return false;
+    auto all = Messages();
+    return std::find(all.begin(), all.end(), Message) != all.end();
 }
 
 std::string Message(size_t Index)
 {
     auto all = Messages();
-    return Index < all.size() ? all[Index] : std::string("<no line ") + std::to_string(Index) + ">";
+    return Index < all.size() ? all[Index] : "<no line " + std::to_string(Index) + ">";
 }
 
 void ClearRegistry()
@@ -79,39 +82,15 @@ void ClearRegistry()
         _KQCtrl_DeleteDynamicConfListNode(name.c_str());
 }
 
-std::vector<std::string> Lines()
-{
-    std::vector<std::string> out;
-    for (const auto &m : Messages())
-        if (m.rfind("dump flexlog:", 0) != 0)
-            out.push_back(m);
-    return out;
-}
-
-std::vector<std::string> ErrorLines()
-{
-    std::vector<std::string> out;
-    for (const auto &l : Host().Logs) {
-        size_t pos = l.Text.find("] ");
-        std::string m = pos == std::string::npos ? l.Text : l.Text.substr(pos + 2);
-        if (l.Level == 4 && m.rfind("dump flexlog:", 0) != 0)
-            out.push_back(m);
-    }
-    return out;
-}
-
 void RemoveModuleFiles()
 {
-    std::remove(Host().DhcpConfPath.c_str());
-    std::remove(Host().DhcpConfBakPath.c_str());
-    std::remove(kqtest::kRelayConfPath);
-    std::remove(kqtest::kRelayPidPath);
-    for (const char *name : {"eth1", "eth2", "eth3", "eth4", "eth5", "eth9", "lan0", "lan1"})
-        for (const char *kind : {"/etc/vyr_dhcpd_%s.conf", "/etc/vyr_dhcpd_%s.leases", "/var/run/vyr_dhcpd_%s.pid"}) {
-            char path[64];
-            snprintf(path, sizeof(path), kind, name);
-            std::remove(path);
-        }
+    for (const std::string &path : {Host().DhcpConfPath, Host().DhcpConfBakPath, std::string(kqtest::kRelayConfPath),
+                                    std::string(kqtest::kRelayPidPath)})
+        std::remove(path.c_str());
+    for (std::string name : {"eth1", "eth2", "eth3", "eth4", "eth5", "eth9", "lan0", "lan1"})
+        for (const std::string &path : {"/etc/vyr_dhcpd_" + name + ".conf", "/etc/vyr_dhcpd_" + name + ".leases",
+                                        "/var/run/vyr_dhcpd_" + name + ".pid"})
+            std::remove(path.c_str());
 }
 
 std::optional<std::string> ReadFile(const std::string &Path)
@@ -124,17 +103,11 @@ std::optional<std::string> ReadFile(const std::string &Path)
     return s.str();
 }
 
-static void MakeParents(const std::string &Path)
+void WriteFile(const std::string &Path, const std::string &Data)
 {
     for (size_t pos = Path.find('/', 1); pos != std::string::npos; pos = Path.find('/', pos + 1))
         mkdir(Path.substr(0, pos).c_str(), 0755);
-}
-
-void WriteFile(const std::string &Path, const std::string &Data)
-{
-    MakeParents(Path);
-    std::ofstream out(Path, std::ios::binary | std::ios::trunc);
-    out << Data;
+    std::ofstream(Path, std::ios::binary | std::ios::trunc) << Data;
 }
 
 Lookalike::Lookalike(const std::string &Program, const std::vector<std::string> &Args)
@@ -180,9 +153,7 @@ Lookalike::~Lookalike()
 bool Lookalike::Alive() const
 {
     auto stat = ReadFile("/proc/" + std::to_string(Child) + "/stat");
-    if (!stat)
-        return false;
-    size_t paren = stat->rfind(')');
+    size_t paren = stat ? stat->rfind(')') : std::string::npos;
     return paren != std::string::npos && stat->compare(paren, 3, ") Z") != 0;
 }
 
@@ -197,22 +168,35 @@ bool Failing(const char *Op, long *Result)
 {
     auto &h = Host();
     h.Calls.push_back(Op);
-    int n = 0;
-    for (const auto &c : h.Calls)
-        n += c == Op;
     auto at = h.FailOnCall.find(Op);
     auto fail = h.Fail.find(Op);
-    if (at != h.FailOnCall.end()) {
-        if (at->second != n)
-            return false;
-        *Result = fail != h.Fail.end() ? fail->second : -EIO;
-        return true;
-    }
-    if (fail != h.Fail.end()) {
-        *Result = fail->second;
-        return true;
-    }
-    return false;
+    if (at != h.FailOnCall.end() && at->second != fakehost::CallCount(Op))
+        return false;
+    if (at == h.FailOnCall.end() && fail == h.Fail.end())
+        return false;
+    *Result = fail != h.Fail.end() ? fail->second : -EIO;
+    return true;
+}
+
+// In a host operation: records it, and returns the failure the test asked for, if any.
+#define FAIL_AS(Type)                                   \
+    do {                                                \
+        long failure_;                                  \
+        if (Failing(__func__, &failure_))               \
+            return static_cast<Type>(failure_);         \
+    } while (0)
+#define FAIL_NULL()                                     \
+    do {                                                \
+        long failure_;                                  \
+        if (Failing(__func__, &failure_))               \
+            return nullptr;                             \
+    } while (0)
+
+// The result of a host operation that only records: the failure asked for, or Ok.
+long Outcome(const char *Op, long Ok = 0)
+{
+    long failure;
+    return Failing(Op, &failure) ? failure : Ok;
 }
 
 std::string VFormat(const char *Format, va_list Args)
@@ -227,19 +211,17 @@ std::string VFormat(const char *Format, va_list Args)
     return out;
 }
 
-void FakeLog(const char *Tag, uint32_t Level, const char *Format, ...)
+void FakeLogValist(const char *, uint32_t Level, const char *Format, va_list Args)
 {
-    (void)Tag;
-    va_list args;
-    va_start(args, Format);
-    Host().Logs.push_back({Level, VFormat(Format, args)});
-    va_end(args);
+    Host().Logs.push_back({Level, VFormat(Format, Args)});
 }
 
-void FakeLogValist(const char *Tag, uint32_t Level, const char *Format, va_list Args)
+void FakeLog(const char *Tag, uint32_t Level, const char *Format, ...)
 {
-    (void)Tag;
-    Host().Logs.push_back({Level, VFormat(Format, Args)});
+    va_list args;
+    va_start(args, Format);
+    FakeLogValist(Tag, Level, Format, args);
+    va_end(args);
 }
 
 const char *FakeLevel2Str(uint32_t Level)
@@ -255,23 +237,26 @@ struct FakeFlexMsg {
     std::string Text;
 };
 
+// Copies Text into Buf the way the host's safe copy does: the whole length is returned.
+size_t CopyOut(char *Buf, size_t Size, const std::string &Text)
+{
+    if (Size > 0)
+        snprintf(Buf, Size, "%s", Text.c_str());
+    return Text.size();
+}
+
 }  // namespace
 
 extern "C" {
 
-BOOL KQ_LogTest(unsigned int Module, unsigned int Level, BOOL Normal, const char *Function)
+BOOL KQ_LogTest(unsigned int, unsigned int Level, BOOL Normal, const char *)
 {
-    (void)Module;
-    (void)Function;
     Host().Calls.push_back("KQ_LogTest");
-    if (!Normal)
-        return Host().LogTestDump ? TRUE : FALSE;
-    return Level >= Host().LogThreshold ? TRUE : FALSE;
+    return (Normal ? Level >= Host().LogThreshold : Host().LogTestDump) ? TRUE : FALSE;
 }
 
-KQ_LOG_IMPL_S *KQ_LogGetImplItem(uint32_t Module)
+KQ_LOG_IMPL_S *KQ_LogGetImplItem(uint32_t)
 {
-    (void)Module;
     g_logImpl.Log = Host().HasLog ? FakeLog : nullptr;
     g_logImpl.LogValist = FakeLogValist;
     g_logImpl.LogLevel2Str = Host().HasLevel2Str ? FakeLevel2Str : nullptr;
@@ -290,15 +275,13 @@ KQ_ERR_T KQ_ThreadGetName(char *Buf, int Size)
 {
     if (!Host().ThreadName)
         return -ENOENT;
-    snprintf(Buf, Size, "%s", Host().ThreadName->c_str());
+    CopyOut(Buf, Size, *Host().ThreadName);
     return 0;
 }
 
 KQ_ERR_T KQ_FlexLogSetFormatData(const char *Format, ...)
 {
-    long r;
-    if (Failing("KQ_FlexLogSetFormatData", &r))
-        return static_cast<KQ_ERR_T>(r);
+    FAIL_AS(KQ_ERR_T);
     va_list args;
     va_start(args, Format);
     Host().FlexLog = VFormat(Format, args);
@@ -319,27 +302,21 @@ long KQ_PlatformGetCurrentProcessId(void) { return Host().ProcessId; }
 
 void *KQ_AgentMemZeroAlloc(const size_t Size)
 {
-    long r;
-    if (Failing("KQ_AgentMemZeroAlloc", &r))
-        return nullptr;
+    FAIL_NULL();
     void *p = calloc(1, Size);
-    if (p != nullptr)
-        ++Host().LiveAllocations;
+    Host().LiveAllocations += p != nullptr;
     return p;
 }
 
 void KQ_AgentMemFree(void *Ptr)
 {
-    if (Ptr != nullptr)
-        --Host().LiveAllocations;
+    Host().LiveAllocations -= Ptr != nullptr;
     free(Ptr);
 }
 
 KQ_FLEXIBLE_MSG *KQ_FlexMsgAlloc(void)
 {
-    long r;
-    if (Failing("KQ_FlexMsgAlloc", &r))
-        return nullptr;
+    FAIL_NULL();
     auto *m = new FakeFlexMsg;
     m->Msg.FlexBuf = m->Text.data();
     ++Host().LiveAllocations;
@@ -348,9 +325,7 @@ KQ_FLEXIBLE_MSG *KQ_FlexMsgAlloc(void)
 
 KQ_ERR_T KQ_FlexMsgSetFormatData(KQ_FLEXIBLE_MSG *Msg, const char *Format, ...)
 {
-    long r;
-    if (Failing("KQ_FlexMsgSetFormatData", &r))
-        return static_cast<KQ_ERR_T>(r);
+    FAIL_AS(KQ_ERR_T);
     auto *m = reinterpret_cast<FakeFlexMsg *>(Msg);
     va_list args;
     va_start(args, Format);
@@ -364,9 +339,7 @@ KQ_ERR_T KQ_FlexMsgSetFormatData(KQ_FLEXIBLE_MSG *Msg, const char *Format, ...)
 
 void KQ_FlexMsgFree(KQ_FLEXIBLE_MSG *Msg)
 {
-    if (Msg == nullptr)
-        return;
-    --Host().LiveAllocations;
+    Host().LiveAllocations -= Msg != nullptr;
     delete reinterpret_cast<FakeFlexMsg *>(Msg);
 }
 
@@ -379,28 +352,15 @@ size_t KQ_SNPrintf(char *Buf, size_t Size, const char *Format, ...)
     return n < 0 ? Size : static_cast<size_t>(n);
 }
 
-size_t KQ_SafeStrCopy(char *Dst, size_t Size, const char *Src)
-{
-    size_t len = strlen(Src);
-    if (Size > 0) {
-        size_t n = len < Size - 1 ? len : Size - 1;
-        memcpy(Dst, Src, n);
-        Dst[n] = '\0';
-    }
-    return len;
-}
+size_t KQ_SafeStrCopy(char *Dst, size_t Size, const char *Src) { return CopyOut(Dst, Size, Src); }
 
 char *KQ_SafeStrGetIp4Addr(const char *Text, size_t Size, uint32_t *Out)
 {
-    char buf[32] = {0};
-    size_t len = strnlen(Text, Size);
-    if (len >= sizeof(buf))
-        return nullptr;
-    memcpy(buf, Text, len);
+    std::string text(Text, strnlen(Text, Size));
     unsigned a, b, c, d;
     char tail;
-    if (sscanf(buf, "%3u.%3u.%3u.%3u%c", &a, &b, &c, &d, &tail) != 4 || a > 255 || b > 255 ||
-        c > 255 || d > 255 || buf[0] < '0' || buf[0] > '9')
+    if (text.size() >= 32 || sscanf(text.c_str(), "%3u.%3u.%3u.%3u%c", &a, &b, &c, &d, &tail) != 4 || a > 255 ||
+        b > 255 || c > 255 || d > 255 || text[0] < '0' || text[0] > '9')
         return nullptr;
     *Out = (a << 24) | (b << 16) | (c << 8) | d;
     return const_cast<char *>(Text);
@@ -408,42 +368,32 @@ char *KQ_SafeStrGetIp4Addr(const char *Text, size_t Size, uint32_t *Out)
 
 char *KQ_SafeStrGetIp6Addr(const char *Text, size_t Size, KQ_IN6_ADDR *Out)
 {
-    char buf[64] = {0};
-    size_t len = strnlen(Text, Size);
-    if (len >= sizeof(buf))
-        return nullptr;
-    memcpy(buf, Text, len);
-    if (inet_pton(AF_INET6, buf, Out->In6.U6Addr8) != 1)
+    std::string text(Text, strnlen(Text, Size));
+    if (text.size() >= 64 || inet_pton(AF_INET6, text.c_str(), Out->In6.U6Addr8) != 1)
         return nullptr;
     return const_cast<char *>(Text);
 }
 
 size_t KQ_SafeStrFormatIp6Addr(char *Buf, size_t Size, const KQ_IN6_ADDR *Addr)
 {
-    long r;
-    if (Failing("KQ_SafeStrFormatIp6Addr", &r))
-        return static_cast<size_t>(r);
+    FAIL_AS(size_t);
     char text[INET6_ADDRSTRLEN] = {0};
     inet_ntop(AF_INET6, Addr->In6.U6Addr8, text, sizeof(text));
-    return KQ_SafeStrCopy(Buf, Size, text);
+    return CopyOut(Buf, Size, text);
 }
 
 int32_t KQ_WriteSyncWithFilePath(const char *Path, const char *Data, size_t Len)
 {
-    long r;
     Host().Writes.emplace_back(Path, std::string(Data, Len));
-    if (Failing("KQ_WriteSyncWithFilePath", &r))
-        return static_cast<int32_t>(r);
+    FAIL_AS(int32_t);
     fakehost::WriteFile(Path, std::string(Data, Len));
     return 0;
 }
 
 KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
 {
-    long r;
     Host().Copies.emplace_back(From, To);
-    if (Failing("KQ_FileCopy", &r))
-        return static_cast<KQ_ERR_T>(r);
+    FAIL_AS(KQ_ERR_T);
     auto data = fakehost::ReadFile(From);
     if (!data)
         return -ENOENT;
@@ -456,84 +406,46 @@ const char *KQ_AgentPathDhcpConfbak(void) { return Host().DhcpConfBakPath.c_str(
 
 void *KQ_AllocAndGetConf(const char *Path)
 {
-    long r;
-    if (Failing("KQ_AllocAndGetConf", &r))
-        return nullptr;
+    FAIL_NULL();
     auto data = fakehost::ReadFile(Path);
     if (!data)
         return nullptr;
-    char *text = static_cast<char *>(calloc(1, data->size() + 1));
-    memcpy(text, data->data(), data->size());
     ++Host().LiveAllocations;
-    return text;
+    return strdup(data->c_str());
 }
 
 void KQ_FreeConf(void *Conf)
 {
     Host().Calls.push_back("KQ_FreeConf");
-    if (Conf != nullptr)
-        --Host().LiveAllocations;
+    Host().LiveAllocations -= Conf != nullptr;
     free(Conf);
 }
 
-int32_t KQ_CmdExec(char *Command)
-{
-    long r;
-    Host().Commands.push_back(Command);
-    if (Failing("KQ_CmdExec", &r))
-        return static_cast<int32_t>(r);
-    return 0;
-}
+int32_t KQ_CmdExec(char *Command) { return (Host().Commands.push_back(Command), Outcome(__func__)); }
+int KQ_RTCSystem(const char *Command) { return (Host().Commands.push_back(Command), Outcome(__func__)); }
+KQ_ERR_T KQ_KillPid(const pid_t Pid) { return (Host().Killed.push_back(Pid), Outcome(__func__, Host().KillResult)); }
 
-int KQ_RTCSystem(const char *Command)
+BOOL KQ_IsPIDCorrectInPIDFile(pid_t Pid, const char *, const char *)
 {
-    long r;
-    Host().Commands.push_back(Command);
-    if (Failing("KQ_RTCSystem", &r))
-        return static_cast<int>(r);
-    return 0;
-}
-
-KQ_ERR_T KQ_KillPid(const pid_t Pid)
-{
-    long r;
-    Host().Killed.push_back(Pid);
-    if (Failing("KQ_KillPid", &r))
-        return static_cast<KQ_ERR_T>(r);
-    return static_cast<KQ_ERR_T>(Host().KillResult);
-}
-
-BOOL KQ_IsPIDCorrectInPIDFile(pid_t Pid, const char *IfName, const char *DynamicStr)
-{
-    (void)IfName;
-    (void)DynamicStr;
-    Host().Calls.push_back("KQ_IsPIDCorrectInPIDFile");
-    return Host().CorrectPids.count(Pid) ? TRUE : FALSE;
+    return (Host().Calls.push_back(__func__), Host().CorrectPids.count(Pid) ? TRUE : FALSE);
 }
 
 KQ_ERR_T KQ_RtcGetNetNsExecCmdPrefix(uint32_t VpnId, char *Buf, size_t Size)
 {
-    long r;
-    if (Failing("KQ_RtcGetNetNsExecCmdPrefix", &r))
-        return static_cast<KQ_ERR_T>(r);
-    std::string prefix;
+    FAIL_AS(KQ_ERR_T);
     auto it = Host().NetNsPrefix.find(std::to_string(VpnId));
-    if (it != Host().NetNsPrefix.end())
-        prefix = it->second;
-    else if (VpnId != 0)
-        prefix = "ip netns exec vpn" + std::to_string(VpnId) + " ";
+    std::string prefix = it != Host().NetNsPrefix.end() ? it->second
+                         : VpnId != 0                   ? "ip netns exec vpn" + std::to_string(VpnId) + " "
+                                                        : "";
     if (prefix.size() >= Size)
         return -EOVERFLOW;
-    memcpy(Buf, prefix.c_str(), prefix.size() + 1);
-    return static_cast<KQ_ERR_T>(prefix.size());
+    return static_cast<KQ_ERR_T>(CopyOut(Buf, Size, prefix));
 }
 
 KQ_ERR_T KQ_RtcNetNsSaveAndSwitch(uint32_t VpnId, int *SavedFd)
 {
-    long r;
     Host().NsSwitches.push_back("switch " + std::to_string(VpnId));
-    if (Failing("KQ_RtcNetNsSaveAndSwitch", &r))
-        return static_cast<KQ_ERR_T>(r);
+    FAIL_AS(KQ_ERR_T);
     *SavedFd = Host().NextNsFd;
     return 0;
 }
@@ -548,9 +460,7 @@ KQ_ERR_T KQ_RtcNetNsSwitchToDefault(int *SavedFd)
 
 KQ_ERR_T KQ_RtcNetioLanGetByName(const char *IfName, KQ_CONF_LAN *Lan)
 {
-    long r;
-    if (Failing("KQ_RtcNetioLanGetByName", &r))
-        return static_cast<KQ_ERR_T>(r);
+    FAIL_AS(KQ_ERR_T);
     auto it = Host().LanVpnId.find(IfName);
     if (it == Host().LanVpnId.end())
         return -ENODEV;
@@ -560,7 +470,7 @@ KQ_ERR_T KQ_RtcNetioLanGetByName(const char *IfName, KQ_CONF_LAN *Lan)
 
 KQ_ERR_T KQ_RtcNetioInterfaceGetFirstIpv4(const char *IfName, uint32_t *Ip, uint8_t *MaskLen)
 {
-    Host().Calls.push_back("KQ_RtcNetioInterfaceGetFirstIpv4");
+    Host().Calls.push_back(__func__);
     auto it = Host().FirstIpv4.find(IfName);
     if (it == Host().FirstIpv4.end())
         return -EADDRNOTAVAIL;
@@ -571,7 +481,7 @@ KQ_ERR_T KQ_RtcNetioInterfaceGetFirstIpv4(const char *IfName, uint32_t *Ip, uint
 
 KQ_ERR_T KQ_RtcNetioInterfaceGetFirstIpv6(const char *IfName, KQ_IN6_ADDR *Ip, uint8_t *PrefixLen)
 {
-    Host().Calls.push_back("KQ_RtcNetioInterfaceGetFirstIpv6");
+    Host().Calls.push_back(__func__);
     auto it = Host().FirstIpv6.find(IfName);
     if (it == Host().FirstIpv6.end())
         return -EADDRNOTAVAIL;
@@ -580,77 +490,49 @@ KQ_ERR_T KQ_RtcNetioInterfaceGetFirstIpv6(const char *IfName, KQ_IN6_ADDR *Ip, u
     return 0;
 }
 
-uint32_t KQCtrl_IfmInterfaceGetDhcpv6Count(void)
-{
-    Host().Calls.push_back("KQCtrl_IfmInterfaceGetDhcpv6Count");
-    return Host().Dhcpv6Count;
-}
+uint32_t KQCtrl_IfmInterfaceGetDhcpv6Count(void) { return (Host().Calls.push_back(__func__), Host().Dhcpv6Count); }
 
 KQ_ERR_T KQ_RtcRuleConfAdd(KQ_CONF_RULE *Rule, uint16_t Arg1, BOOL Arg2, BOOL Arg3)
 {
-    long r;
-    Host().RulesAdded.push_back({*Rule, Arg1, Arg2, Arg3});
-    if (Failing("KQ_RtcRuleConfAdd", &r))
-        return static_cast<KQ_ERR_T>(r);
-    return 0;
+    return (Host().RulesAdded.push_back({*Rule, Arg1, Arg2, Arg3}), Outcome(__func__));
 }
 
 KQ_ERR_T KQ_RtcRuleConfDel(uint8_t Zone, uint32_t Id, uint32_t Arg3, uint16_t Arg4, BOOL Arg5)
 {
-    long r;
-    Host().RulesDeleted.push_back({Zone, Id, Arg3, Arg4, Arg5});
-    if (Failing("KQ_RtcRuleConfDel", &r))
-        return static_cast<KQ_ERR_T>(r);
-    return 0;
+    return (Host().RulesDeleted.push_back({Zone, Id, Arg3, Arg4, Arg5}), Outcome(__func__));
 }
 
 KQ_ERR_T KQ_Socket(int32_t Family, int32_t Type, int32_t Protocol, KQ_SOCKET *Sock)
 {
-    long r;
     Host().SocketsOpened.emplace_back(Family, Type, Protocol);
-    if (Failing("KQ_Socket", &r))
-        return static_cast<KQ_ERR_T>(r);
+    FAIL_AS(KQ_ERR_T);
     *Sock = 77;
     return 0;
 }
 
-KQ_LEN_ERR_T KQ_SendTo(KQ_SOCKET Sock, const void *Data, size_t Len, int32_t Flags,
-                       const struct sockaddr *To, int32_t ToLen)
+KQ_LEN_ERR_T KQ_SendTo(KQ_SOCKET, const void *Data, size_t Len, int32_t Flags, const struct sockaddr *To, int32_t ToLen)
 {
-    (void)Sock;
-    long r;
     const auto *bytes = static_cast<const uint8_t *>(Data);
     const auto *addr = reinterpret_cast<const uint8_t *>(To);
-    Host().Packets.push_back({std::vector<uint8_t>(bytes, bytes + Len), Flags,
-                              std::vector<uint8_t>(addr, addr + ToLen), ToLen});
-    if (Failing("KQ_SendTo", &r))
-        return r;
-    return static_cast<KQ_LEN_ERR_T>(Len);
+    Host().Packets.push_back({{bytes, bytes + Len}, Flags, {addr, addr + ToLen}, ToLen});
+    return Outcome(__func__, static_cast<long>(Len));
 }
 
 BOOL KQ_SocketIsErr(KQ_SOCKET Sock) { return Sock < 0 ? TRUE : FALSE; }
 
-KQ_ERR_T KQ_SocketClose(KQ_SOCKET Sock)
-{
-    (void)Sock;
-    ++Host().SocketsClosed;
-    return 0;
-}
+KQ_ERR_T KQ_SocketClose(KQ_SOCKET) { return (++Host().SocketsClosed, 0); }
 
 void KQ_PbToConfIpRange(const Range *RangePb, KQ_AGENT_IP_RANGE *IpRange)
 {
-    Host().Calls.push_back("KQ_PbToConfIpRange");
+    Host().Calls.push_back(__func__);
     IpRange->StartIp = RangePb->begin;
-    uint64_t end = RangePb->has_len && RangePb->len > 0 ? uint64_t(RangePb->begin) + RangePb->len - 1
-                                                        : RangePb->begin;
+    uint64_t end = RangePb->has_len && RangePb->len > 0 ? uint64_t(RangePb->begin) + RangePb->len - 1 : RangePb->begin;
     IpRange->EndIp = end > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(end);
 }
 
 KQ_ERR_T KQ_GetIpv6AddrFromIpv6Pb(const ProtobufCBinaryData *Pb, KQ_IN6_ADDR *Addr)
 {
-    long r;
-    if (Failing("KQ_GetIpv6AddrFromIpv6Pb", &r))
-        return static_cast<KQ_ERR_T>(r);
+    FAIL_AS(KQ_ERR_T);
     if (Pb->data == nullptr || Pb->len != 16)
         return -EINVAL;
     memcpy(Addr->In6.U6Addr8, Pb->data, 16);

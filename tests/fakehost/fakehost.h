@@ -52,18 +52,16 @@ struct State {
     std::map<std::string, uint32_t> FirstIpv4;  // KQ_RtcNetioInterfaceGetFirstIpv4
     std::map<std::string, KQ_IN6_ADDR> FirstIpv6;
     uint32_t Dhcpv6Count = 0;
-    std::string DhcpConfPath = "/etc/kqagent/dhcp.conf";
-    std::string DhcpConfBakPath = "/etc/kqagent/dhcp.conf.bak";
+    std::string DhcpConfPath = "/etc/kqagent/dhcp.conf", DhcpConfBakPath = "/etc/kqagent/dhcp.conf.bak";
     std::set<pid_t> CorrectPids;                // KQ_IsPIDCorrectInPIDFile says TRUE for these
     std::map<std::string, std::string> NetNsPrefix;  // by VPN id as text; default "ip netns exec vpn<id> " (empty for 0)
 
     // Logging set-up.
-    unsigned LogThreshold = 1;      // KQ_LogTest: level >= threshold
-    bool LogTestDump = true;        // KQ_LogTest answer for the flex-log dump (Normal = 0)
-    bool HasLog = true;             // the Log pointer of the impl record
-    bool HasLevel2Str = true;       // the LogLevel2Str pointer
-    long ThreadId = 200;
-    long ProcessId = 100;
+    // KQ_LogTest: level >= threshold; its answer for the flex-log dump (Normal = 0); whether
+    // the impl record has its Log and LogLevel2Str pointers.
+    unsigned LogThreshold = 1;
+    bool LogTestDump = true, HasLog = true, HasLevel2Str = true;
+    long ThreadId = 200, ProcessId = 100;
     std::optional<std::string> ThreadName = "main";  // nullopt: KQ_ThreadGetName fails
 
     // ---- Failures on demand ----
@@ -77,8 +75,7 @@ struct State {
     std::vector<std::string> Calls;       // every host operation, by name, in order
     std::vector<LogLine> Logs;
     std::vector<std::string> Commands;    // KQ_CmdExec and KQ_RTCSystem lines, in order
-    std::vector<std::pair<std::string, std::string>> Writes;  // (path, data)
-    std::vector<std::pair<std::string, std::string>> Copies;  // (from, to)
+    std::vector<std::pair<std::string, std::string>> Writes, Copies;  // (path, data), (from, to)
     std::vector<pid_t> Killed;            // KQ_KillPid arguments
     long KillResult = 0;                  // what KQ_KillPid returns when not failed
     std::vector<RuleAdd> RulesAdded;
@@ -100,9 +97,9 @@ void Reset();
 // Counts calls of one operation.
 int CallCount(const std::string &Op);
 
-// The log lines' texts, and the message part after the "] " of the prefix.
-std::vector<std::string> LogTexts();
-std::vector<std::string> Messages();
+// The log lines' texts; their message parts (after the "] " of the prefix); the messages
+// without the flex-log dump lines that follow each error; only the error lines (level 4).
+std::vector<std::string> LogTexts(), Messages(), Lines(), ErrorLines();
 bool HasMessage(const std::string &Message);  // exact match on the message part
 std::string Message(size_t Index);
 
@@ -111,11 +108,6 @@ void ClearRegistry();
 
 using kqtest::Ip4;
 using kqtest::Ip6;
-
-// The messages without the flex-log dump lines that follow each error; ErrorLines: only
-// the error lines (level 4).
-std::vector<std::string> Lines();
-std::vector<std::string> ErrorLines();
 
 // Removes dhcp.conf, its backup and every conf, lease and pid file of the test interfaces
 // (eth1-eth9, lan0-lan1) and of the relay.

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -36,11 +37,7 @@ inline KQ_IN6_ADDR Ip6(const char *Text)
 }
 inline KQ_IN6_ADDR Ip6(const std::string &Text) { return Ip6(Text.c_str()); }
 
-inline bool SameIp6(const KQ_IN6_ADDR &Addr, const char *Text)
-{
-    KQ_IN6_ADDR other = Ip6(Text);
-    return memcmp(&Addr, &other, sizeof(Addr)) == 0;
-}
+inline bool SameIp6(const KQ_IN6_ADDR &Addr, const char *Text) { return memcmp(&Addr, Ip6(Text).In6.U6Addr8, 16) == 0; }
 
 // The registry's nodes in list order.
 inline std::vector<KQ_CTRL_DYNAMIC_SERVICE_CONF *> Registry()
@@ -111,12 +108,8 @@ struct ServerMsg {
     // Both families on one interface: Ipv4() plus Ipv6() in the given modes.
     static ServerMsg DualStack(uint32_t Addr, uint32_t Dns)
     {
-        ServerMsg m = Ipv6(Addr, Dns);
-        ServerMsg v4 = Ipv4();
-        m.V4Mode = v4.V4Mode;
-        m.Pools = v4.Pools;
-        m.Netmask = v4.Netmask;
-        m.Lease = v4.Lease;
+        ServerMsg m = Ipv6(Addr, Dns), v4 = Ipv4();
+        std::tie(m.V4Mode, m.Pools, m.Netmask, m.Lease) = std::tie(v4.V4Mode, v4.Pools, v4.Netmask, v4.Lease);
         return m;
     }
 
@@ -144,10 +137,8 @@ struct ServerMsg {
             V4.leasetime = Lease;
             V4.n_dns = Dns.size();
             V4.dns = Dns.data();
-            V4.has_gateway = Gateway.has_value();
-            V4.gateway = Gateway.value_or(0);
-            V4.has_offertime = Offer.has_value();
-            V4.offertime = Offer.value_or(0);
+            Optional(V4.has_gateway, V4.gateway, Gateway);
+            Optional(V4.has_offertime, V4.offertime, Offer);
             V4Item.dhcpserver = V4Server ? &V4 : nullptr;
             Item.ipv4dhcpitem = &V4Item;
         }
@@ -172,14 +163,10 @@ struct ServerMsg {
             V6.has_prefix = Prefix.has_value();
             if (Prefix)
                 V6.prefix = Addr(*Prefix);
-            V6.has_prefixlength = PrefixLen.has_value();
-            V6.prefixlength = PrefixLen.value_or(0);
-            V6.has_leasetime = V6Lease.has_value();
-            V6.leasetime = V6Lease.value_or(0);
-            V6.has_ipv6dynamicmode = AddrMode.has_value();
-            V6.ipv6dynamicmode = AddrMode.value_or(0);
-            V6.has_dnsdynamicmode = DnsMode.has_value();
-            V6.dnsdynamicmode = DnsMode.value_or(0);
+            Optional(V6.has_prefixlength, V6.prefixlength, PrefixLen);
+            Optional(V6.has_leasetime, V6.leasetime, V6Lease);
+            Optional(V6.has_ipv6dynamicmode, V6.ipv6dynamicmode, AddrMode);
+            Optional(V6.has_dnsdynamicmode, V6.dnsdynamicmode, DnsMode);
             V6Item.dhcpserver = V6Server ? &V6 : nullptr;
             Item.ipv6dhcpitem = &V6Item;
         }
@@ -187,6 +174,12 @@ struct ServerMsg {
     }
 
 private:
+    static void Optional(protobuf_c_boolean &Has, uint32_t &Field, const std::optional<uint32_t> &Value)
+    {
+        Has = Value.has_value();
+        Field = Value.value_or(0);
+    }
+
     // A 16-byte field; "short" gives a 4-byte one that the host refuses.
     ProtobufCBinaryData Addr(const char *Text)
     {
@@ -201,11 +194,11 @@ private:
     DhcpItemV2 Item;
     Ipv4DhcpItem V4Item;
     Ipv4DhcpServer V4;
-    std::vector<Range> Ranges;
-    std::vector<Range *> RangePtrs;
     Ipv6DhcpItem V6Item;
     Ipv6DhcpServer V6;
+    std::vector<Range> Ranges;
     std::vector<Ipv6Range> V6Ranges;
+    std::vector<Range *> RangePtrs;
     std::vector<Ipv6Range *> V6RangePtrs;
     std::vector<ProtobufCBinaryData> V6DnsPb;
     std::vector<std::array<uint8_t, 16>> Bytes;

@@ -1,16 +1,27 @@
-// The registry and the add/delete entry points: insertion order, first-match lookup,
-// node removal, both halves in one node, and the fixed step order with
-// stop-at-first-failure.
+// The registry, the add and delete entry points with their fixed step order, and dhcp.conf
+// as the registry rewrites it.
 #include <gtest/gtest.h>
 
 #include "fakehost.h"
-#include "kqCtrlDynamicInternal.h"
+
+using fakehost::Host;
+using fakehost::Ip4;
+using fakehost::Ip6;
+using kqtest::RegistryNames;
 
 namespace {
 
-using fakehost::Host;
+using Names = std::vector<std::string>;
 
-using kqtest::RegistryNames;
+// The document example in documentation addresses (eth1: IPv4 pools and a stateful DHCPv6
+// server; eth2: a relay), exactly as json-c prints it.
+const char kExampleDocument[] =
+    "{ \"dhcps\": [ { \"ifname\": \"eth1\", \"vpnId\": 0, \"dhcpIpv4Server\": { \"ipRange\": [ { \"startIp\": \"192.0.2.100\", "
+    "\"endIp\": \"192.0.2.200\" } ], \"netmask\": \"255.255.255.0\", \"gateway\": \"192.0.2.1\", \"dnsIps\": [ \"192.0.2.1\", "
+    "\"192.0.2.2\" ], \"leaseTime\": 86400 }, \"dhcpIpv6Server\": { \"dynamicMode\": 2, \"ipv6Range\": [ { \"startIpv6\": "
+    "\"2001:db8:1::100\", \"endIpv6\": \"2001:db8:1::1ff\" } ], \"prefixlengthdhcp\": 64, \"dnsIpv6s\": [ \"2001:db8:1::1\" ], "
+    "\"leaseTimeIpv6\": 86400 } }, { \"ifname\": \"eth2\", \"vpnId\": 0, \"dhcpRelay\": { \"lanIp\": \"198.51.100.1\", "
+    "\"relayServer\": [ \"203.0.113.10\", \"203.0.113.11\" ] } } ] }";
 
 KQ_CTRL_DYNAMIC_SERVICE_CONF Service(const char *IfName, uint32_t Zone)
 {
@@ -20,173 +31,177 @@ KQ_CTRL_DYNAMIC_SERVICE_CONF Service(const char *IfName, uint32_t Zone)
     return conf;
 }
 
-// A request whose IPv4 part is a relay: accepted by the server side (which only stops the
-// interface's server) and handed to the relay side.
-struct RelayItem {
-    DhcpItemV2 item = DHCP_ITEM_V2__INIT;
-    Ipv4DhcpItem v4 = IPV4_DHCP_ITEM__INIT;
-    Ipv4DhcpRelay relay = IPV4_DHCP_RELAY__INIT;
-    uint32_t servers[5];
+std::string DhcpConf() { return fakehost::ReadFile(Host().DhcpConfPath).value_or("<missing>"); }
 
-    RelayItem(const char *IfName, size_t ServerCount)
-    {
-        item.ifname = const_cast<char *>(IfName);
-        item.ipv4dhcpitem = &v4;
-        v4.mode = KQ_DHCP_RELAY;
-        v4.dhcprelay = &relay;
-        for (size_t i = 0; i < 5; ++i)
-            servers[i] = fakehost::Ip4("198.51.100.10") + i;
-        relay.n_relayserver = ServerCount;
-        relay.relayserver = servers;
-        relay.lanip = fakehost::Ip4("192.0.2.1");
-    }
-};
+// The example's eth1 and eth2 added through the entry point, in zones the file leaves out.
+void AddExample()
+{
+    Host().LanVpnId = {{"eth1", 3}, {"eth2", 4}};
+    kqtest::ServerMsg eth1 = kqtest::ServerMsg::DualStack(KQ_IPV6_DHCP, KQ_IPV6_DHCP);
+    eth1.Pools = {{"192.0.2.100", 101}};
+    eth1.Lease = eth1.V6Lease.emplace(86400);
+    eth1.Dns = {Ip4("192.0.2.1"), Ip4("192.0.2.2")};
+    eth1.Gateway = Ip4("192.0.2.1");
+    eth1.V6Dns = {"2001:db8:1::1"};
+    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(eth1.Build()), 0) << ::testing::PrintToString(fakehost::Messages());
+    kqtest::RelayMsg eth2 = kqtest::RelayItem("eth2", "198.51.100.1", {"203.0.113.10", "203.0.113.11"});
+    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(eth2.get()), 0) << ::testing::PrintToString(fakehost::Messages());
+}
 
 class RegistryTest : public fakehost::ModuleTest {};
 
-TEST_F(RegistryTest, KeepsInsertionOrderAndFindsTheFirstMatch)
+TEST_F(RegistryTest, KeepsInsertionOrderAndHalvesShareOneNode)
 {
     for (auto [name, zone] : {std::pair{"eth1", 1u}, {"eth2", 2u}, {"eth1", 3u}, {"eth3", 4u}}) {
         auto conf = Service(name, zone);
         ASSERT_EQ(KQCtrl_InsertDynamicConfListNode(&conf), 0);
     }
-    EXPECT_EQ(RegistryNames(), (std::vector<std::string>{"eth1", "eth2", "eth1", "eth3"}));
-    ASSERT_NE(_KQCtrl_GetDynamicConfByName("eth1"), nullptr);
+    EXPECT_EQ(RegistryNames(), (Names{"eth1", "eth2", "eth1", "eth3"}));
     EXPECT_EQ(_KQCtrl_GetDynamicConfByName("eth1")->SecurityZoneId, 1u);
     EXPECT_EQ(_KQCtrl_GetDynamicConfByName("eth"), nullptr);
     EXPECT_EQ(_KQCtrl_GetDynamicConfByName("eth10"), nullptr);
-
-    // Removal takes the first match only; an unknown name changes nothing.
-    _KQCtrl_DeleteDynamicConfListNode("eth1");
-    EXPECT_EQ(RegistryNames(), (std::vector<std::string>{"eth2", "eth1", "eth3"}));
-    EXPECT_EQ(_KQCtrl_GetDynamicConfByName("eth1")->SecurityZoneId, 3u);
+    _KQCtrl_DeleteDynamicConfListNode("eth1");  // the first match only
     _KQCtrl_DeleteDynamicConfListNode("eth9");
-    EXPECT_EQ(RegistryNames().size(), 3u);
+    EXPECT_EQ(RegistryNames(), (Names{"eth2", "eth1", "eth3"}));
+    EXPECT_EQ(_KQCtrl_GetDynamicConfByName("eth1")->SecurityZoneId, 3u);
     EXPECT_TRUE(Host().Logs.empty());
-}
 
-TEST_F(RegistryTest, HalvesShareOneNodePerInterface)
-{
+    // The relay side finds the node the server side made and fills its half in place.
     KQ_CTRL_DYNAMIC_SERVER_CONF server{};
-    snprintf(server.IfName, sizeof(server.IfName), "lan0");
+    strcpy(server.IfName, "lan0");
     server.SecurityZoneId = 7;
     server.NetAddrType = KQ_NET_ADDR_IPV4;
     ASSERT_EQ(_KQCtrl_InsertDynamicServerConfListNode(&server), 0);
-
-    // The relay side finds the node the server side made and fills its half in place.
-    KQ_CTRL_DYNAMIC_RELAY_CONF *relayHalf = _KQCtrl_GetDynamicRelayConfByName("lan0");
-    ASSERT_NE(relayHalf, nullptr);
     KQ_CTRL_DYNAMIC_RELAY_CONF relay{};
-    snprintf(relay.IfName, sizeof(relay.IfName), "lan0");
+    strcpy(relay.IfName, "lan0");
     relay.NetAddrType = KQ_NET_ADDR_IPV4;
     relay.RelayConf.RelayServerNum = 1;
-    _KQCtrl_UpdateDynamicRelayConfListNode(&relay, relayHalf);
-
-    EXPECT_EQ(RegistryNames(), std::vector<std::string>{"lan0"});
+    _KQCtrl_UpdateDynamicRelayConfListNode(&relay, _KQCtrl_GetDynamicRelayConfByName("lan0"));
     const KQ_CTRL_DYNAMIC_SERVICE_CONF *service = _KQCtrl_GetDynamicConfByName("lan0");
     EXPECT_EQ(service->SecurityZoneId, 0u);  // the inserters leave the service-level zone 0
     EXPECT_EQ(service->DynamicServerConf.SecurityZoneId, 7u);
     EXPECT_EQ(service->DynamicRelayConf.RelayConf.RelayServerNum, 1u);
-
     _KQCtrl_DeleteDynamicRelayConfListNode(&relay);
     EXPECT_EQ(service->DynamicRelayConf.NetAddrType, 0);
     EXPECT_EQ(service->DynamicServerConf.NetAddrType, KQ_NET_ADDR_IPV4);
-    EXPECT_EQ(RegistryNames(), std::vector<std::string>{"lan0"});
-}
+    EXPECT_EQ(RegistryNames(), (Names{"eth2", "eth1", "eth3", "lan0"}));
 
-TEST_F(RegistryTest, RefusedInsertsLeaveTheListUnchanged)
-{
-    KQ_CTRL_DYNAMIC_SERVER_CONF server{};
-    memset(server.IfName, 'a', sizeof(server.IfName));  // 16 characters, no room for the end
-    EXPECT_EQ(_KQCtrl_InsertDynamicServerConfListNode(&server), -EOVERFLOW);
-    KQ_CTRL_DYNAMIC_RELAY_CONF relay{};
+    // Refused inserts leave the list as it was.
+    memset(server.IfName, 'a', sizeof(server.IfName));  // no room for the end
     memset(relay.IfName, 'b', sizeof(relay.IfName));
+    fakehost::Reset();
+    EXPECT_EQ(_KQCtrl_InsertDynamicServerConfListNode(&server), -EOVERFLOW);
     EXPECT_EQ(_KQCtrl_InsertDynamicRelayConfListNode(&relay), -EOVERFLOW);
-    EXPECT_EQ(fakehost::Messages(), (std::vector<std::string>{
-                                        "IfName is overflow\n", "dump flexlog:\nIfName is overflow\n",
-                                        "IfName is overflow\n", "dump flexlog:\nIfName is overflow\n"}));
-
+    EXPECT_EQ(fakehost::Lines(), Names(2, "IfName is overflow\n"));
     fakehost::Reset();
     Host().Fail["KQ_AgentMemZeroAlloc"] = 0;
-    snprintf(server.IfName, sizeof(server.IfName), "lan0");
+    Host().LogTestDump = false;
+    strcpy(server.IfName, "lan1");
+    strcpy(relay.IfName, "lan1");
     EXPECT_EQ(_KQCtrl_InsertDynamicServerConfListNode(&server), -ENOMEM);
-    snprintf(relay.IfName, sizeof(relay.IfName), "lan0");
     EXPECT_EQ(_KQCtrl_InsertDynamicRelayConfListNode(&relay), -ENOMEM);
-    EXPECT_TRUE(RegistryNames().empty());
-    EXPECT_TRUE(fakehost::HasMessage("Apply memory for dynamic conf node failed\n"));
-    EXPECT_TRUE(fakehost::HasMessage("Insert dynamic conf node failed(12:Cannot allocate memory)\n"));
-    EXPECT_TRUE(fakehost::HasMessage("Insert Dynamic conf node failed(12:Cannot allocate memory)\n"));
+    EXPECT_EQ(fakehost::Messages(), (Names{"Apply memory for dynamic conf node failed\n",
+                                           "Insert dynamic conf node failed(12:Cannot allocate memory)\n",
+                                           "Apply memory for dynamic conf node failed\n",
+                                           "Insert Dynamic conf node failed(12:Cannot allocate memory)\n"}));
+    EXPECT_EQ(RegistryNames().size(), 4u);
 }
 
-TEST_F(RegistryTest, AddRunsServerRelayFileAndStopsAtTheFirstFailure)
+TEST_F(RegistryTest, AddAndDeleteRunTheirStepsInOrderAndStopAtTheFirstFailure)
 {
     // Server step refuses: nothing else runs.
     DhcpItemV2 nameless = DHCP_ITEM_V2__INIT;
-    nameless.ifname = nullptr;
     EXPECT_EQ(KQCtrl_ConfigDynamicAdd(&nameless), -EINVAL);
     EXPECT_TRUE(fakehost::HasMessage("add dynamic server failed(22:Invalid argument)\n"));
-    EXPECT_TRUE(Host().Writes.empty());
-    EXPECT_TRUE(RegistryNames().empty());
+    EXPECT_EQ(KQCtrl_ConfigDynamicDel(&nameless), -EINVAL);
+    EXPECT_TRUE(fakehost::HasMessage("del dynamic server failed(22:Invalid argument)\n"));
+    EXPECT_TRUE(Host().Writes.empty() && RegistryNames().empty());
 
     // Relay step refuses (five relay servers): reported with the server wording, no file.
     fakehost::Reset();
-    RelayItem tooMany("lan0", 5);
-    EXPECT_EQ(KQCtrl_ConfigDynamicAdd(&tooMany.item), -EINVAL);
+    kqtest::RelayMsg tooMany = kqtest::RelayItem("lan0", "192.0.2.1", {"198.51.100.10", "198.51.100.11", "198.51.100.12",
+                                                                      "198.51.100.13", "198.51.100.14"});
+    EXPECT_EQ(KQCtrl_ConfigDynamicAdd(tooMany.get()), -EINVAL);
     EXPECT_TRUE(fakehost::HasMessage("Dynamic relay num 5 is invalid\n"));
     EXPECT_EQ(fakehost::Messages().back(), "dump flexlog:\nadd dynamic server failed(22:Invalid argument)\n");
     EXPECT_TRUE(Host().Writes.empty());
 
-    // File step fails (the relay's own conf is the first write, the backup the second):
-    // the list already holds the change, dhcp.conf is not written.
+    // File step fails (the relay's own conf is the first write, the backup the second): the
+    // list already holds the change, dhcp.conf is not written.
     fakehost::Reset();
     Host().Fail["KQ_WriteSyncWithFilePath"] = -EIO;
     Host().FailOnCall["KQ_WriteSyncWithFilePath"] = 2;
-    RelayItem good("lan1", 2);
-    EXPECT_EQ(KQCtrl_ConfigDynamicAdd(&good.item), -EIO);
+    kqtest::RelayMsg good = kqtest::RelayItem("lan0", "192.0.2.1", {"198.51.100.10"});
+    EXPECT_EQ(KQCtrl_ConfigDynamicAdd(good.get()), -EIO);
     EXPECT_TRUE(fakehost::HasMessage("Update dynamic conf file failed(5:Input/output error)\n"));
-    EXPECT_NE(_KQCtrl_GetDynamicRelayConfByName("lan1"), nullptr);
+    EXPECT_NE(_KQCtrl_GetDynamicRelayConfByName("lan0"), nullptr);
     EXPECT_FALSE(fakehost::ReadFile(Host().DhcpConfPath));
 
-    // All steps succeed: backup written first, then copied over dhcp.conf.
+    // Delete: a refused relay step keeps the node and the file.
     fakehost::Reset();
-    EXPECT_EQ(KQCtrl_ConfigDynamicAdd(&good.item), 0);
-    ASSERT_EQ(Host().Copies.size(), 1u);
-    EXPECT_EQ(Host().Copies[0], std::make_pair(Host().DhcpConfBakPath, Host().DhcpConfPath));
-    EXPECT_EQ(fakehost::ReadFile(Host().DhcpConfPath), fakehost::ReadFile(Host().DhcpConfBakPath));
-}
-
-TEST_F(RegistryTest, DeleteRemovesTheNodeOnlyWhenServerAndRelayStepsPass)
-{
-    RelayItem good("lan0", 1);
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(&good.item), 0);
+    EXPECT_EQ(KQCtrl_ConfigDynamicAdd(good.get()), 0);
     auto other = Service("lan1", 0);
     ASSERT_EQ(KQCtrl_InsertDynamicConfListNode(&other), 0);
-
-    // The relay step refuses: the node stays and the file is not rewritten.
     fakehost::Reset();
-    RelayItem bad("lan0", 5);
-    EXPECT_EQ(KQCtrl_ConfigDynamicDel(&bad.item), -EINVAL);
+    EXPECT_EQ(KQCtrl_ConfigDynamicDel(tooMany.get()), -EINVAL);
     EXPECT_TRUE(fakehost::HasMessage("del dynamic relay failed(22:Invalid argument)\n"));
-    EXPECT_EQ(RegistryNames(), (std::vector<std::string>{"lan0", "lan1"}));
+    EXPECT_EQ(RegistryNames(), (Names{"lan0", "lan1"}));
     EXPECT_TRUE(Host().Writes.empty());
-
-    // A node whose halves were never filled goes too.
-    fakehost::Reset();
-    EXPECT_EQ(KQCtrl_ConfigDynamicDel(&good.item), 0);
-    RelayItem plain("lan1", 1);
-    EXPECT_EQ(KQCtrl_ConfigDynamicDel(&plain.item), 0);
+    // Passing steps remove the node, one whose halves were never filled too; success is silent.
+    EXPECT_EQ(KQCtrl_ConfigDynamicDel(good.get()), 0);
+    kqtest::RelayMsg plain = kqtest::RelayItem("lan1", "192.0.2.1", {"198.51.100.10"});
+    EXPECT_EQ(KQCtrl_ConfigDynamicDel(plain.get()), 0);
     EXPECT_TRUE(RegistryNames().empty());
-    EXPECT_EQ(fakehost::ReadFile(Host().DhcpConfPath), std::optional<std::string>("{ \"dhcps\": [ ] }"));
+    EXPECT_EQ(DhcpConf(), "{ \"dhcps\": [ ] }");
     for (const std::string &line : fakehost::Lines())
-        EXPECT_EQ(line.find("Update dynamic conf file"), std::string::npos) << line;  // success says nothing
+        EXPECT_EQ(line.find("Update dynamic conf file"), std::string::npos) << line;
+}
 
-    // A failing server step stops everything.
+TEST_F(RegistryTest, DhcpConfIsTheRegistryWrittenBackupFirst)
+{
+    // Switched-off interfaces are left out, a bare name does not count.
+    KQ_CTRL_DYNAMIC_SERVICE_CONF off = Service("eth5", 0);
+    strcpy(off.DynamicRelayConf.IfName, "eth5");
+    ASSERT_EQ(KQCtrl_InsertDynamicConfListNode(&off), 0);
+    ASSERT_EQ(_KQCtrl_UpdateDynamicConfFile(), 0);
+    EXPECT_EQ(DhcpConf(), "{ \"dhcps\": [ ] }");
+
+    fakehost::ClearRegistry();
+    AddExample();
+    EXPECT_EQ(DhcpConf(), kExampleDocument);
     fakehost::Reset();
-    DhcpItemV2 empty = DHCP_ITEM_V2__INIT;
-    empty.ifname = const_cast<char *>("");
-    EXPECT_EQ(KQCtrl_ConfigDynamicDel(&empty), -EINVAL);
-    EXPECT_TRUE(fakehost::HasMessage("del dynamic server failed(22:Invalid argument)\n"));
-    EXPECT_TRUE(Host().Writes.empty());
+    DhcpItemV2 unknown = DHCP_ITEM_V2__INIT;  // never added: the file is rewritten unchanged
+    unknown.ifname = const_cast<char *>("eth7");
+    EXPECT_EQ(KQCtrl_ConfigDynamicDel(&unknown), 0);
+    EXPECT_EQ(DhcpConf(), kExampleDocument);
+    EXPECT_EQ(Host().Writes, (std::vector<std::pair<std::string, std::string>>{
+                                 {kqtest::kRelayConfPath, "dhcp-relay=198.51.100.1,203.0.113.10\ndhcp-relay=198.51.100.1,203.0.113.11\n"},
+                                 {Host().DhcpConfBakPath, kExampleDocument}}));
+    EXPECT_EQ(Host().Copies, (std::vector<std::pair<std::string, std::string>>{{Host().DhcpConfBakPath, Host().DhcpConfPath}}));
+    EXPECT_TRUE(fakehost::ErrorLines().empty()) << ::testing::PrintToString(fakehost::Messages());
+
+    // Failed writes leave the live file as it was.
+    fakehost::WriteFile(Host().DhcpConfPath, "previous");
+    fakehost::WriteFile(Host().DhcpConfBakPath, "previous backup");
+    struct Row {
+        const char *Op;
+        long Result;
+        std::string Line, Backup;
+    } rows[] = {
+        {"KQ_WriteSyncWithFilePath", -EIO, "Write /etc/kqagent/dhcp.conf.bak failed(5:Input/output error)\n", "previous backup"},
+        {"KQ_FileCopy", -ENOSPC, "file copy /etc/kqagent/dhcp.conf.bak failed(28:No space left on device)\n", kExampleDocument},
+        // A half that does not convert abandons the whole document before anything is written.
+        {"KQ_SafeStrFormatIp6Addr", 99, "Dynamic conf to json failed(75:Value too large for defined data type)\n", kExampleDocument},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.Op);
+        fakehost::Reset();
+        Host().Fail[row.Op] = row.Result;
+        EXPECT_EQ(_KQCtrl_UpdateDynamicConfFile(), row.Result == 99 ? -EOVERFLOW : row.Result);
+        EXPECT_TRUE(fakehost::HasMessage(row.Line));
+        EXPECT_EQ(DhcpConf(), "previous");
+        EXPECT_EQ(fakehost::ReadFile(Host().DhcpConfBakPath), row.Backup);
+    }
 }
 
 }  // namespace

@@ -1,41 +1,33 @@
 // Start-up load through the real JSON readers: which entries come back, which processes are
 // started, and what an add, a restart of the agent and a load leave in the registry.
+#include <algorithm>
+#include <optional>
+
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "fakehost.h"
-#include "kqCtrlDynamicInternal.h"
-#include "kqtest.h"
-
-namespace {
-
-using kqtest::ServerMsg;
 
 using fakehost::Host;
 using fakehost::Ip4;
+
+namespace {
+
 using Strings = std::vector<std::string>;
 
-// What the agent runs for eth1's server; the same for every interface but the name.
-const char kEth1Start[] =
-    "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_eth1.conf --dhcp-leasefile=/etc/vyr_dhcpd_eth1.leases "
-    "--port=0 --pid-file=/var/run/vyr_dhcpd_eth1.pid -z";
+const char kEth1Start[] = "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_eth1.conf --dhcp-leasefile=/etc/vyr_dhcpd_eth1.leases "
+                          "--port=0 --pid-file=/var/run/vyr_dhcpd_eth1.pid -z";
 
-std::string V4Server(const std::string &IfName, const char *Start, const char *Dns)
+std::string V4Server(const std::string &IfName, const char *Start, const char *Dns, const std::string &More = "")
 {
     return "{\"ifname\": \"" + IfName + "\", \"vpnId\": 0, \"dhcpIpv4Server\": {\"ipRange\": [{\"startIp\": \"" + Start +
-           "\", \"endIp\": \"192.0.2.200\"}], \"netmask\": \"255.255.255.0\", \"gateway\": \"192.0.2.1\", "
-           "\"dnsIps\": [" + Dns + "], \"leaseTime\": 3600}}";
+           "\", \"endIp\": \"192.0.2.200\"}], \"netmask\": \"255.255.255.0\", \"gateway\": \"192.0.2.1\", \"dnsIps\": [" + Dns +
+           "], \"leaseTime\": 3600}" + More + "}";
 }
 
-std::string Relay(const std::string &IfName, const char *LanIp, const char *Server)
+std::string Relay(const std::string &IfName, const char *LanIp, const char *Server, bool Item = true)
 {
-    return "{\"ifname\": \"" + IfName + "\", \"vpnId\": 0, \"dhcpRelay\": {\"lanIp\": \"" + LanIp +
-           "\", \"relayServer\": [\"" + Server + "\"]}}";
+    std::string relay = "\"dhcpRelay\": {\"lanIp\": \"" + std::string(LanIp) + "\", \"relayServer\": [\"" + Server + "\"]}";
+    return Item ? "{\"ifname\": \"" + IfName + "\", \"vpnId\": 0, " + relay + "}" : ", " + relay;
 }
 
 std::string Doc(const Strings &Entries)
@@ -48,15 +40,10 @@ std::string Doc(const Strings &Entries)
 
 class DynamicLoad : public fakehost::ModuleTest {
 protected:
-    void SetUp() override
+    static void Fresh()
     {
-        ModuleTest::SetUp();
+        fakehost::Reset();
         Host().LogTestDump = false;
-    }
-    static KQ_ERR_T Load(const std::string &Text)
-    {
-        fakehost::WriteFile(Host().DhcpConfPath, Text);
-        return KQCtrl_LoadDynamicServiceConf(Host().DhcpConfPath.c_str());
     }
     // Each node as "<ifname>:<server NetAddrType>/<relay NetAddrType>", in list order.
     static Strings Registry()
@@ -74,21 +61,19 @@ protected:
     }
 };
 
-// Both loaders read the same document and refuse the same unusable ones, each in its own
-// words; a refused document starts and stops nothing and its text is released.
+// Both loaders refuse the same unusable documents, each in its own words; a refused document
+// starts nothing, registers nothing, and its text is released.
 TEST_F(DynamicLoad, BothLoadersRefuseUnusableDocuments)
 {
     struct Row {
         std::optional<std::string> Doc;
         KQ_ERR_T Result;
-        const char *ServerLine, *RelayLine;  // what each logs
+        const char *ServerLine, *RelayLine;
     } rows[] = {
         {std::nullopt, -22, "invalid dhcp.conf\n", "invalid dhcp.conf\n"},
         {"{\"dhcps\": [", -22, "invalid dynamic conf, not json\n", "invalid dhcp conf, not json\n"},
-        {"{\"other\": []}", -22, "invalid dhcp.conf, not complete dhcp type is invaild\n",
-         "invalid dhcp.conf, not complete dynamic type is invaild\n"},
-        {"{\"dhcps\": {}}", -22, "invalid dhcp.conf, not complete dhcp type is invaild\n",
-         "invalid dhcp.conf, not complete dynamic type is invaild\n"},
+        {"{\"other\": []}", -22, "invalid dhcp.conf, not complete dhcp type is invaild\n", "invalid dhcp.conf, not complete dynamic type is invaild\n"},
+        {"{\"dhcps\": {}}", -22, "invalid dhcp.conf, not complete dhcp type is invaild\n", "invalid dhcp.conf, not complete dynamic type is invaild\n"},
         {"{\"dhcps\": []}", -2, "empty dhcp.conf\n", "empty dhcp.conf\n"},
         {"{\"dhcps\": [null, null]}", 0, "dynamic 1 is null\n", "dhcp 1 is null\n"},
     };
@@ -98,14 +83,13 @@ TEST_F(DynamicLoad, BothLoadersRefuseUnusableDocuments)
     for (const Row &row : rows) {
         SCOPED_TRACE(row.Doc.value_or("<missing>"));
         for (bool server : {true, false}) {
-            fakehost::Reset();
+            Fresh();
             std::remove(path.c_str());
             if (row.Doc)
                 fakehost::WriteFile(path, *row.Doc);
             fakehost::WriteFile(kqtest::kRelayPidPath, relay.PidText());
             long live = Host().LiveAllocations;
-            EXPECT_EQ(server ? KQCtrl_LoadDynamicServerConf(path.c_str()) : KQCtrl_LoadDynamicRelayConf(path.c_str()),
-                      row.Result);
+            EXPECT_EQ(server ? KQCtrl_LoadDynamicServerConf(path.c_str()) : KQCtrl_LoadDynamicRelayConf(path.c_str()), row.Result);
             Strings lines = fakehost::Lines();
             ASSERT_FALSE(lines.empty());
             EXPECT_EQ(std::count(lines.begin(), lines.end(), server ? row.ServerLine : row.RelayLine), 1);
@@ -119,7 +103,7 @@ TEST_F(DynamicLoad, BothLoadersRefuseUnusableDocuments)
     }
     EXPECT_TRUE(fakehost::HasMessage("dhcp 0 is null\n"));
 
-    fakehost::Reset();
+    Fresh();
     fakehost::WriteFile(path, "{\"dhcps\": [null]}");
     Host().Fail["KQ_FlexMsgAlloc"] = 0;
     EXPECT_EQ(KQCtrl_LoadDynamicRelayConf(path.c_str()), -12);
@@ -130,122 +114,55 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
 {
     const std::string eth1 = V4Server("eth1", "192.0.2.100", "\"192.0.2.53\"");
     const std::string eth2 = Relay("eth2", "198.51.100.1", "203.0.113.10");
+    const std::string relay1 = "dhcp-relay=198.51.100.1,203.0.113.10\n";
     struct Row {
         const char *Name;
         std::string Document;
         KQ_ERR_T Result;
-        Strings Commands;
-        Strings Registry;
+        Strings Commands, Registry;
         int Skipped;  // "Json to conf dynamic failed", server and relay loads together
-        std::optional<std::string> RelayConf;
+        std::optional<std::string> RelayConf, Eth1Conf;
     };
     const Row rows[] = {
         {"bad entries are skipped",
-         Doc({eth1,
-              // Refused by both readers: no usable name.
-              "{\"ifname\": \"bad/name\", \"dhcpRelay\": {\"lanIp\": \"198.51.100.9\", \"relayServer\": []}}",
-              "{\"dhcpIpv4Server\": {\"netmask\": \"255.255.255.0\"}}",
-              eth2,
-              // Refused by the relay reader only.
-              Relay("eth4", "198.51.100.4", "203.0.113.999")}),
-         0,
-         {kEth1Start, kqtest::kRelayStartCmd},
-         {"eth1:1/0", "eth2:0/0", "eth4:0/0"},
-         5,
-         "dhcp-relay=198.51.100.1,203.0.113.10\n"},
-        {"empty array restores nothing", Doc({}), -2, {}, {}, 0, std::nullopt},
-        {"relay only: started once",
-         Doc({eth2, Relay("eth3", "198.51.100.3", "203.0.113.30")}),
-         0,
-         {kqtest::kRelayStartCmd},
-         {"eth2:0/0", "eth3:0/0"},
-         0,
-         "dhcp-relay=198.51.100.1,203.0.113.10\ndhcp-relay=198.51.100.3,203.0.113.30\n"},
+         Doc({eth1, "{\"ifname\": \"bad/name\", \"dhcpRelay\": {\"lanIp\": \"198.51.100.9\", \"relayServer\": []}}",
+              "{\"dhcpIpv4Server\": {\"netmask\": \"255.255.255.0\"}}", eth2,
+              Relay("eth4", "198.51.100.4", "203.0.113.999")}),  // refused by the relay reader only
+         0, {kEth1Start, kqtest::kRelayStartCmd}, {"eth1:1/0", "eth2:0/0", "eth4:0/0"}, 5, relay1, "dhcp-option=eth1,6,192.0.2.53\n"},
+        {"empty array restores nothing", Doc({}), -2, {}, {}, 0, std::nullopt, std::nullopt},
+        {"relay only: started once", Doc({eth2, Relay("eth3", "198.51.100.3", "203.0.113.30")}), 0, {kqtest::kRelayStartCmd},
+         {"eth2:0/0", "eth3:0/0"}, 0, relay1 + "dhcp-relay=198.51.100.3,203.0.113.30\n", std::nullopt},
+        {"pools without dns serve the interface address", Doc({V4Server("eth1", "192.0.2.100", "")}), 0, {kEth1Start},
+         {"eth1:1/0"}, 0, std::nullopt, "dhcp-option=eth1,6,192.0.2.1\n"},
+        // The server load registered the interface first, so the relay half stays empty.
+        {"server and relay in one entry", Doc({V4Server("eth1", "192.0.2.100", "\"192.0.2.53\"", Relay("", "198.51.100.1", "203.0.113.10", false))}),
+         0, {kEth1Start, kqtest::kRelayStartCmd}, {"eth1:1/0"}, 0, relay1, "dhcp-option=eth1,6,192.0.2.53\n"},
+        // The second entry of an interface is started but not stored: the file is its.
+        {"second entry of an interface", Doc({eth1, V4Server("eth1", "192.0.2.150", "\"192.0.2.54\"")}), 0,
+         {kEth1Start, kEth1Start}, {"eth1:1/0"}, 0, std::nullopt, "dhcp-option=eth1,6,192.0.2.54\n"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.Name);
-        SetUp();
-        EXPECT_EQ(Load(row.Document), row.Result);
+        fakehost::ClearRegistry();
+        fakehost::RemoveModuleFiles();
+        Fresh();
+        Host().FirstIpv4["eth1"] = Ip4("192.0.2.1");
+        fakehost::WriteFile(Host().DhcpConfPath, row.Document);
+        EXPECT_EQ(KQCtrl_LoadDynamicServiceConf(Host().DhcpConfPath.c_str()), row.Result);
         EXPECT_EQ(Host().Commands, row.Commands);
         EXPECT_EQ(Registry(), row.Registry);
         EXPECT_EQ(Count("Json to conf dynamic failed\n"), row.Skipped);
         EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath), row.RelayConf);
+        std::optional<std::string> eth1Conf = fakehost::ReadFile("/etc/vyr_dhcpd_eth1.conf");
+        EXPECT_EQ(eth1Conf.has_value(), row.Eth1Conf.has_value());
+        if (eth1Conf && row.Eth1Conf)
+            EXPECT_NE(eth1Conf->find(*row.Eth1Conf), std::string::npos) << *eth1Conf;
         EXPECT_EQ(Count("load dynamic server failed\n"), row.Result == -2 ? 1 : 0);
-        EXPECT_EQ(Count("lodd dynamic relay failed\n"), 0);
-        EXPECT_EQ(Count("Restart dynamic relay failed\n"), 0);
+        EXPECT_EQ(Count("lodd dynamic relay failed\n") + Count("Restart dynamic relay failed\n"), 0);
         // Both loaders read the document, unless the server load failed.
         EXPECT_EQ(Count("agent dhcp.conf = " + row.Document + " \n"), row.Result == -2 ? 1 : 2);
     }
-}
-
-TEST_F(DynamicLoad, SecondEntryForAnInterfaceIsRestartedButNotStored)
-{
-    ASSERT_EQ(Load(Doc({V4Server("eth1", "192.0.2.100", "\"192.0.2.53\""),
-                        V4Server("eth1", "192.0.2.150", "\"192.0.2.54\"")})),
-              0);
-    EXPECT_EQ(Host().Commands, (Strings{kEth1Start, kEth1Start}));
-    EXPECT_EQ(Registry(), Strings{"eth1:1/0"});
-    EXPECT_EQ(_KQCtrl_GetDynamicServerConfByName("eth1")->ServerIpv4Conf.IpRange[0].StartIp, Ip4("192.0.2.100"));
-    // The file on disk is the second one's: the last restart wrote it.
-    EXPECT_NE(fakehost::ReadFile("/etc/vyr_dhcpd_eth1.conf")->find("192.0.2.54"), std::string::npos);
-}
-
-TEST_F(DynamicLoad, PoolsWithoutDnsServeTheInterfaceAddress)
-{
-    Host().FirstIpv4["eth1"] = Ip4("192.0.2.1");
-    ASSERT_EQ(Load(Doc({V4Server("eth1", "192.0.2.100", "")})), 0);
-    ASSERT_EQ(Host().Commands, Strings{kEth1Start});
-    const KQ_CTRL_DYNAMIC_SERVER_CONF *stored = _KQCtrl_GetDynamicServerConfByName("eth1");
-    ASSERT_NE(stored, nullptr);
-    EXPECT_EQ(stored->ServerIpv4Conf.DnsNum, 1u);
-    EXPECT_EQ(stored->ServerIpv4Conf.Dns[0], Ip4("192.0.2.1"));
-    EXPECT_NE(fakehost::ReadFile("/etc/vyr_dhcpd_eth1.conf")->find("dhcp-option=eth1,6,192.0.2.1\n"),
-              std::string::npos);
-}
-
-TEST_F(DynamicLoad, RelayOfAnInterfaceTheServerLoadRegisteredKeepsAnEmptyHalf)
-{
-    std::string both = V4Server("eth1", "192.0.2.100", "\"192.0.2.53\"");
-    both.insert(both.size() - 1, ", \"dhcpRelay\": {\"lanIp\": \"198.51.100.1\", \"relayServer\": [\"203.0.113.10\"]}");
-    ASSERT_EQ(Load(Doc({both})), 0);
-    EXPECT_EQ(Host().Commands, (Strings{kEth1Start, kqtest::kRelayStartCmd}));
-    EXPECT_EQ(Registry(), Strings{"eth1:1/0"});
-    EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath), "dhcp-relay=198.51.100.1,203.0.113.10\n");
-}
-
-// Add, forget the registry as an agent restart does, load: the same services come back,
-// except what the document does not hold (the zone, the IPv6 mode).
-TEST_F(DynamicLoad, AddedServicesComeBackFromTheDocument)
-{
-    Host().LanVpnId["eth1"] = 3;
-    Host().LanVpnId["eth3"] = 0;
-    ServerMsg server = ServerMsg::DualStack(KQ_IPV6_DHCP, KQ_IPV6_DHCP);
-    server.Dns = {Ip4("192.0.2.53")};
-    server.Gateway = Ip4("192.0.2.1");
-    server.Prefix.reset();
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(server.Build()), 0) << ::testing::PrintToString(fakehost::Messages());
-    kqtest::RelayMsg relay = kqtest::RelayItem("eth3", "198.51.100.1", {"203.0.113.10", "203.0.113.11"});
-    ASSERT_EQ(KQCtrl_ConfigDynamicAdd(relay.get()), 0) << ::testing::PrintToString(fakehost::Messages());
-
-    KQ_CTRL_DYNAMIC_SERVICE_CONF eth1 = *_KQCtrl_GetDynamicConfByName("eth1");
-    ASSERT_EQ(eth1.DynamicServerConf.SecurityZoneId, 3u);
-    ASSERT_EQ(eth1.DynamicServerConf.ServerIpv6Conf.DynamicMode, KQ_IPV6_ADDR_AUTOCONF_DHCP);
-    eth1.DynamicServerConf.SecurityZoneId = 0;
-    eth1.DynamicServerConf.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_SLAAC;
-
-    fakehost::ClearRegistry();
-    fakehost::Reset();
-    ASSERT_EQ(KQCtrl_LoadDynamicServiceConf(Host().DhcpConfPath.c_str()), 0);
-    EXPECT_EQ(Host().Commands, (Strings{kEth1Start, kqtest::kRelayStartCmd}));
-    EXPECT_EQ(Registry(), (Strings{"eth1:3/0", "eth3:0/0"}));
-
-    const KQ_CTRL_DYNAMIC_SERVICE_CONF *loaded = _KQCtrl_GetDynamicConfByName("eth1");
-    ASSERT_NE(loaded, nullptr);
-    EXPECT_EQ(memcmp(&loaded->DynamicServerConf, &eth1.DynamicServerConf, sizeof(eth1.DynamicServerConf)), 0);
-    // The relay-only entry was registered by the server load first (eth3:0/0 above), so its
-    // relay half stays empty while the relay itself runs with its lines.
-    EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath),
-              "dhcp-relay=198.51.100.1,203.0.113.10\ndhcp-relay=198.51.100.1,203.0.113.11\n");
+    EXPECT_EQ(_KQCtrl_GetDynamicServerConfByName("eth1")->ServerIpv4Conf.Dns[0], Ip4("192.0.2.53"));  // the first entry's
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
-// The log statement: exact lines per level, the thread text forms, the level-4 dump and
-// reset, and silence when the host says no.
+// The log statement: the exact lines a host receives per level and per host set-up, and the
+// flex-log dump and reset that follow an error.
+#include <functional>
+
 #include <gtest/gtest.h>
 
 #include "fakehost.h"
@@ -11,7 +13,7 @@ int g_line = 0;
 
 void LogAt(uint32_t Level)
 {
-    // Each level needs its own statement: the macro takes the level as written.
+    // The macro takes the level as written: one statement per level.
     switch (Level) {
     case 1: g_line = __LINE__; KQ_LOG(kq::log::Trace, "value %d is %s\n", 5, "odd"); break;
     case 2: g_line = __LINE__; KQ_LOG(kq::log::Notice, "value %d is %s\n", 5, "odd"); break;
@@ -20,96 +22,50 @@ void LogAt(uint32_t Level)
     }
 }
 
-class LogTest : public fakehost::ModuleTest {};
-
-TEST_F(LogTest, EachLevelWritesOneLineWithThePrefix)
+TEST(LogTest, LinesDumpAndResetPerLevelAndHostSetUp)
 {
-    const char *levelText[] = {"", "TRACE", "NOTICE", "WARN"};
-    for (uint32_t level = 1; level <= 3; ++level) {
-        fakehost::Reset();
-        LogAt(level);
-        ASSERT_EQ(fakehost::Host().Logs.size(), 1u) << "level " << level;
-        EXPECT_EQ(fakehost::Host().Logs[0].Level, level);
-        EXPECT_EQ(fakehost::Host().Logs[0].Text, std::string("<") + levelText[level] +
-                                                     "dynamic>[100:200:main][LogAt:" +
-                                                     std::to_string(g_line) + "] value 5 is odd\n");
-        // The message is stored in the flex-log but neither dumped nor reset.
-        EXPECT_EQ(fakehost::Host().FlexLog, "value 5 is odd\n");
-        EXPECT_EQ(fakehost::CallCount("KQ_FlexLogDataReset"), 0);
-    }
-}
-
-TEST_F(LogTest, ErrorLineIsFollowedByTheFlexLogDumpAndReset)
-{
-    LogAt(4);
-    std::string prefix = "<ERRORdynamic>[100:200:main][LogAt:" + std::to_string(g_line) + "] ";
-    ASSERT_EQ(fakehost::LogTexts(),
-              (std::vector<std::string>{prefix + "value 5 is odd\n", prefix + "dump flexlog:\nvalue 5 is odd\n"}));
-    EXPECT_EQ(fakehost::Host().Logs[1].Level, 4u);
-    EXPECT_EQ(fakehost::CallCount("KQ_FlexLogDataReset"), 1);
-    EXPECT_EQ(fakehost::Host().FlexLog, "");
-}
-
-TEST_F(LogTest, ErrorWithoutStoredFlexLogHasNoDumpButStillResets)
-{
-    fakehost::Host().Fail["KQ_FlexLogSetFormatData"] = -ENOMEM;
-    LogAt(4);
-    EXPECT_EQ(fakehost::Host().Logs.size(), 1u);
-    EXPECT_EQ(fakehost::CallCount("KQ_FlexLogDataReset"), 1);
-
-    fakehost::Reset();
-    fakehost::Host().LogTestDump = false;
-    LogAt(4);
-    EXPECT_EQ(fakehost::Host().Logs.size(), 1u);
-    EXPECT_EQ(fakehost::CallCount("KQ_FlexLogDataReset"), 1);
-}
-
-TEST_F(LogTest, ThreadTextTakesFourForms)
-{
+    using H = fakehost::State;
+    const std::string odd = "value 5 is odd\n", dump = "dump flexlog:\n" + odd;
     struct Row {
-        long Pid, Tid;
-        std::optional<std::string> Name;
-        std::string Expected;
+        const char *Name;
+        uint32_t Level;
+        std::function<void(H &)> Setup;
+        std::vector<std::string> Lines;  // '@' stands for "[LogAt:<line>] "
+        int Resets;
+        std::string FlexLog;
     } rows[] = {
-        {100, 200, "worker", "[100:200:worker]"},
-        {0, 200, "worker", "[200:worker]"},
-        {100, 200, std::nullopt, "[100:200]"},
-        {0, 200, std::nullopt, "[200]"},
-        {100, 0, "worker", ""},
+        {"trace", 1, nullptr, {"<TRACEdynamic>[100:200:main]@" + odd}, 0, odd},
+        {"notice", 2, nullptr, {"<NOTICEdynamic>[100:200:main]@" + odd}, 0, odd},
+        {"warn", 3, nullptr, {"<WARNdynamic>[100:200:main]@" + odd}, 0, odd},
+        {"error", 4, nullptr, {"<ERRORdynamic>[100:200:main]@" + odd, "<ERRORdynamic>[100:200:main]@" + dump}, 1, ""},
+        {"error, flex-log refused", 4, [](H &h) { h.Fail["KQ_FlexLogSetFormatData"] = -ENOMEM; },
+         {"<ERRORdynamic>[100:200:main]@" + odd}, 1, ""},
+        {"error, no dump wanted", 4, [](H &h) { h.LogTestDump = false; }, {"<ERRORdynamic>[100:200:main]@" + odd}, 1, ""},
+        {"no process id", 2, [](H &h) { h.ProcessId = 0; }, {"<NOTICEdynamic>[200:main]@" + odd}, 0, odd},
+        {"no thread name", 2, [](H &h) { h.ThreadName.reset(); }, {"<NOTICEdynamic>[100:200]@" + odd}, 0, odd},
+        {"thread id only", 2, [](H &h) { h.ThreadName.reset(); h.ProcessId = 0; }, {"<NOTICEdynamic>[200]@" + odd}, 0, odd},
+        {"no thread id", 2, [](H &h) { h.ThreadId = 0; }, {"<NOTICEdynamic>@" + odd}, 0, odd},
+        {"no thread id nor name", 2, [](H &h) { h.ThreadId = 0; h.ThreadName.reset(); }, {"<NOTICEdynamic>@" + odd}, 0, odd},
+        {"no level text", 3, [](H &h) { h.HasLevel2Str = false; }, {"<dynamic>[100:200:main]@" + odd}, 0, odd},
+        {"no logger", 4, [](H &h) { h.HasLog = false; }, {}, 1, ""},
+        {"below threshold", 2, [](H &h) { h.LogThreshold = 3; }, {}, 0, odd},
+        {"at threshold", 3, [](H &h) { h.LogThreshold = 3; }, {"<WARNdynamic>[100:200:main]@" + odd}, 0, odd},
     };
-    for (const auto &row : rows) {
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.Name);
         fakehost::Reset();
-        fakehost::Host().ProcessId = row.Pid;
-        fakehost::Host().ThreadId = row.Tid;
-        fakehost::Host().ThreadName = row.Name;
-        LogAt(2);
-        ASSERT_EQ(fakehost::Host().Logs.size(), 1u);
-        EXPECT_EQ(fakehost::Host().Logs[0].Text, "<NOTICEdynamic>" + row.Expected + "[LogAt:" +
-                                                     std::to_string(g_line) + "] value 5 is odd\n");
+        if (row.Setup)
+            row.Setup(fakehost::Host());
+        LogAt(row.Level);
+        std::vector<std::string> expected;
+        for (std::string line : row.Lines)
+            expected.push_back(line.replace(line.find('@'), 1, "[LogAt:" + std::to_string(g_line) + "] "));
+        EXPECT_EQ(fakehost::LogTexts(), expected);
+        for (const auto &log : fakehost::Host().Logs)
+            EXPECT_EQ(log.Level, row.Level);
+        EXPECT_EQ(fakehost::CallCount("KQ_FlexLogDataReset"), row.Resets);
+        EXPECT_EQ(fakehost::Host().FlexLog, row.FlexLog);
     }
-}
-
-TEST_F(LogTest, HostWithoutLevelTextOrLoggerOrWishIsRespected)
-{
-    fakehost::Host().HasLevel2Str = false;
-    LogAt(3);
-    ASSERT_EQ(fakehost::Host().Logs.size(), 1u);
-    EXPECT_EQ(fakehost::Host().Logs[0].Text.rfind("<dynamic>[100:200:main]", 0), 0u);
-
-    fakehost::Reset();
-    fakehost::Host().HasLog = false;
-    LogAt(4);
-    LogAt(1);
-    EXPECT_TRUE(fakehost::Host().Logs.empty());
-    EXPECT_EQ(fakehost::CallCount("KQ_FlexLogDataReset"), 1);
-
-    fakehost::Reset();
-    fakehost::Host().LogThreshold = 3;
-    LogAt(1);
-    LogAt(2);
-    EXPECT_TRUE(fakehost::Host().Logs.empty());
-    LogAt(3);
-    EXPECT_EQ(fakehost::Host().Logs.size(), 1u);
 }
 
 }  // namespace
