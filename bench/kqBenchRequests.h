@@ -26,12 +26,8 @@ inline void RequireIsolation(const char *Program)
 // Empties the module's registry without touching any process or file.
 inline void EmptyRegistry()
 {
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    while (head->next != head) {
-        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-            reinterpret_cast<char *>(head->next) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-        _KQCtrl_DeleteDynamicConfListNode(node->DynamicConf.IfName);
-    }
+    while (KQ_CTRL_DYNAMIC_SERVICE_CONF *first = KQCtrl_DynamicConfOfLink(KQCtrl_GetDynamiclistHead()->next))
+        _KQCtrl_DeleteDynamicConfListNode(first->IfName);
 }
 
 inline uint32_t Ip4(const char *Text)

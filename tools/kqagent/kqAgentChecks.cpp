@@ -15,8 +15,7 @@ namespace kqagent {
 
 namespace {
 
-constexpr uint32_t kModeServer = 3, kModeRelay = 2;
-constexpr uint32_t kDynDhcp = 1, kDynSlaac = 2, kDynBoth = 3;
+constexpr uint32_t kModeServer = KQ_DHCP_SERVER;
 // An interface without a DNS server gets its own first address from the module; the longest
 // such texts, so that a size check never passes a file the module then cannot write.
 const char *kLongestIpv4 = "255.255.255.255";
@@ -42,14 +41,7 @@ const Ipv6DhcpServer *Server6(const DhcpItemV2 &item)
 // The module's IPv6 mode for an address/DNS mode pair (the parser only lets served pairs by).
 KQ_IPV6_ADDR_AUTOCONF_TYPE AutoconfOf(const Ipv6DhcpServer &server)
 {
-    const uint32_t address = server.ipv6dynamicmode, dns = server.dnsdynamicmode;
-    if (address == kDynDhcp && dns == kDynDhcp)
-        return KQ_IPV6_ADDR_AUTOCONF_DHCP;
-    if (address == kDynSlaac && dns == kDynDhcp)
-        return KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP;
-    if (address == kDynBoth && dns == kDynSlaac)
-        return KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP;
-    return KQ_IPV6_ADDR_AUTOCONF_SLAAC;
+    return KQCtrl_DynamicIpv6ModeOf(server.ipv6dynamicmode, server.dnsdynamicmode);
 }
 
 uint32_t EndOf(const Range &range)

@@ -84,18 +84,13 @@ std::string FileArgument(const std::vector<std::string> &args)
 template <class Fn>
 void ForEachNode(Fn fn)
 {
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    for (KQ_LIST_HEAD *link = head->next; link != head; link = link->next) {
-        auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-            reinterpret_cast<char *>(link) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-        fn(node->DynamicConf);
-    }
+    KQ_DYNAMIC_FOR_EACH_CONF(conf)
+        fn(*conf);
 }
 
 bool RelayActive(const KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) { return (conf.DynamicRelayConf.NetAddrType & KQ_NET_ADDR_IPV4) != 0; }
 
-const char *kRelayPidFile = "/var/run/vyr_dhcpd_relay.pid";
-std::string ServerPidFile(const std::string &ifname) { return "/var/run/vyr_dhcpd_" + ifname + ".pid"; }
+const char *kRelayPidFile = KQ_DYNAMIC_RELAY_PID_PATH;
 
 // The shared relay rebuilt from every relay interface of the registry, as the module does
 // after a relay change.

@@ -1,5 +1,6 @@
 #include "kqAgentCommon.h"
 
+#include "kqCtrlDynamic.h"
 #include "kqCtrlDynamicIfName.h"
 
 #include <arpa/inet.h>
@@ -23,6 +24,29 @@ bool IsUsableIfName(const std::string &name)
     // The module's own rule; an embedded NUL would hide the rest of the name from it.
     return name.size() <= 15 && name.find('\0') == std::string::npos &&
            KQCtrl_DynamicIfNameUsable(name.c_str()) == TRUE;
+}
+
+namespace {
+
+std::string Format(const char *format, const std::string &first, const char *second = "")
+{
+    char path[256];
+    const int len = snprintf(path, sizeof(path), format, first.c_str(), second);
+    return len > 0 && static_cast<size_t>(len) < sizeof(path) ? path : "";
+}
+
+}  // namespace
+
+std::string ServerConfFile(const std::string &ifname) { return Format(KQ_DYNAMIC_SERVER_CONF_FMT, ifname); }
+std::string ServerLeaseFile(const std::string &ifname) { return Format(KQ_DYNAMIC_SERVER_LEASE_FMT, ifname); }
+std::string ServerPidFile(const std::string &ifname) { return Format(KQ_DYNAMIC_SERVER_PID_FMT, ifname); }
+std::string ClientPidFile(const std::string &ifname, bool v6)
+{
+    return Format(KQ_DYNAMIC_CLIENT_PID_FMT, ifname, v6 ? "dhclient6" : "dhclient");
+}
+std::string ClientLeaseFile(const std::string &ifname, bool v6)
+{
+    return Format(v6 ? KQ_DYNAMIC_CLIENT6_LEASE_FMT : KQ_DYNAMIC_CLIENT4_LEASE_FMT, ifname);
 }
 
 std::optional<uint32_t> ParseIpv4(const std::string &text)

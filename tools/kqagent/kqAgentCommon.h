@@ -23,6 +23,13 @@ std::string FormatIpv4(uint32_t address);
 std::optional<std::vector<uint8_t>> ParseIpv6(const std::string &text);
 std::string FormatIpv6(const uint8_t *bytes);
 
+// The module's files of an interface (the formats in kqCtrlDynamic.h).
+std::string ServerConfFile(const std::string &ifname);
+std::string ServerLeaseFile(const std::string &ifname);
+std::string ServerPidFile(const std::string &ifname);
+std::string ClientPidFile(const std::string &ifname, bool v6);
+std::string ClientLeaseFile(const std::string &ifname, bool v6);
+
 // The whole file, or nullopt when it cannot be read.
 std::optional<std::string> ReadTextFile(const std::string &path);
 

@@ -10,10 +10,13 @@ namespace kqagent {
 
 namespace {
 
-// "<prefix><name><suffix>" files of a folder, by name.
-void Collect(const std::string &folder, const std::string &prefix, const std::string &suffix,
-             std::map<std::string, std::vector<std::string>> &files)
+// The files of a folder named as path names its interface's file, by interface name:
+// path is one of the module's files for the interface named "\x01".
+void Collect(const std::string &path, std::map<std::string, std::vector<std::string>> &files)
 {
+    const size_t slash = path.rfind('/'), mark = path.find('\x01');
+    const std::string folder = path.substr(0, slash), prefix = path.substr(slash + 1, mark - slash - 1),
+                      suffix = path.substr(mark + 1);
     DIR *dir = opendir(folder.c_str());
     if (dir == nullptr)
         return;
@@ -77,13 +80,11 @@ double Span6(const std::string &begin, const std::string &end)
 std::map<std::string, std::vector<std::string>> InterfaceFiles()
 {
     std::map<std::string, std::vector<std::string>> files;
-    Collect("/etc", "vyr_dhcpd_", ".conf", files);
-    Collect("/etc", "vyr_dhcpd_", ".leases", files);
-    Collect("/var/run", "vyr_dhcpd_", ".pid", files);
-    Collect("/var/run", "", "_dhclient.pid", files);
-    Collect("/var/run", "", "_dhclient6.pid", files);
-    Collect("/var/lib/dhclient", "dhclient.", ".leases", files);
-    Collect("/var/lib/dhclient", "dhclient6.", ".leases", files);
+    const std::string mark = "\x01";
+    for (const std::string &path : {ServerConfFile(mark), ServerLeaseFile(mark), ServerPidFile(mark),
+                                    ClientPidFile(mark, false), ClientPidFile(mark, true),
+                                    ClientLeaseFile(mark, false), ClientLeaseFile(mark, true)})
+        Collect(path, files);
     return files;
 }
 

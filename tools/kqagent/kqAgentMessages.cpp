@@ -89,9 +89,9 @@ std::string RemoveLeftoverServerFile(const std::string &ifname)
     const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str());
     if (conf != nullptr && conf->DynamicServerConf.NetAddrType != 0)
         return "";  // the interface's last good server stays configured
-    if (RunningDnsmasq("/var/run/vyr_dhcpd_" + ifname + ".pid") > 0)
+    if (RunningDnsmasq(ServerPidFile(ifname)) > 0)
         return "";
-    const std::string path = "/etc/vyr_dhcpd_" + ifname + ".conf";
+    const std::string path = ServerConfFile(ifname);
     return unlink(path.c_str()) == 0 ? path : "";
 }
 

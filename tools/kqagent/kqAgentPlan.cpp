@@ -14,10 +14,6 @@ namespace kqagent {
 
 namespace {
 
-using JsonPtr = std::unique_ptr<json_object, int (*)(json_object *)>;
-
-JsonPtr Json(json_object *object) { return JsonPtr(object, json_object_put); }
-
 // Both halves of an interface as the module would hold them after an add of `item`.
 struct Records {
     KQ_CTRL_DYNAMIC_SERVER_CONF server{};

@@ -11,16 +11,18 @@
 
 #include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
+#include "kqCtrlDynamic.h"
 
 namespace kqagent {
 
 namespace {
 
-constexpr size_t kMaxPools = 64;       // capacity of the module's records
-constexpr size_t kMaxDns = 64;
-constexpr size_t kMaxRelayServers = 4;
-constexpr uint32_t kModeOff = 1, kModeRelay = 2, kModeServer = 3;
-constexpr uint32_t kDynDhcp = 1, kDynSlaac = 2, kDynBoth = 3;
+// The capacities of the module's records and the request's mode values.
+constexpr size_t kMaxPools = KQ_DYNAMIC_MAX_IP_RANGE;
+constexpr size_t kMaxDns = KQ_DYNAMIC_MAX_DNS;
+constexpr size_t kMaxRelayServers = KQ_DYNAMIC_MAX_RELAY_SERVER;
+constexpr uint32_t kModeOff = KQ_DHCP_OFF, kModeRelay = KQ_DHCP_RELAY, kModeServer = KQ_DHCP_SERVER;
+constexpr uint32_t kDynDhcp = KQ_IPV6_DHCP, kDynSlaac = KQ_IPV6_SLAAC, kDynBoth = KQ_IPV6_BOTH;
 
 // A refused field: where and why. Thrown inside the builder, caught once per request.
 struct Refusal {
@@ -427,11 +429,11 @@ private:
         fields.Required("ipv6dynamicmode", "mode is \"server\"");
         fields.Required("dnsdynamicmode", "mode is \"server\"");
         const uint32_t address = server.ipv6dynamicmode, dns = server.dnsdynamicmode;
-        const bool stateful = address == kDynDhcp && dns == kDynDhcp;
-        const bool slaac = address == kDynSlaac && dns == kDynSlaac;
-        const bool stateless = address == kDynSlaac && dns == kDynDhcp;
-        const bool both = address == kDynBoth && dns == kDynSlaac;
-        if (!stateful && !slaac && !stateless && !both) {
+        const KQ_IPV6_ADDR_AUTOCONF_TYPE mode = KQCtrl_DynamicIpv6ModeOf(address, dns);
+        const bool stateful = mode == KQ_IPV6_ADDR_AUTOCONF_DHCP, slaac = mode == KQ_IPV6_ADDR_AUTOCONF_SLAAC;
+        const bool stateless = mode == KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP;
+        const bool both = mode == KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP;
+        if (mode == KQ_IPV6_ADDR_AUTOCONF_MAX) {
             throw Refusal{fields.Base(),
                           std::string("ipv6dynamicmode \"") + DynamicModeName(address) + "\" with dnsdynamicmode \"" +
                               DynamicModeName(dns) + "\" is not served; use dhcp+dhcp (stateful DHCPv6), "

@@ -21,19 +21,8 @@ namespace kqagent {
 
 namespace {
 
-// Fixed paths of the module's processes and files.
-std::string ServerPidFile(const std::string &ifname) { return "/var/run/vyr_dhcpd_" + ifname + ".pid"; }
-std::string ServerLeaseFile(const std::string &ifname) { return "/etc/vyr_dhcpd_" + ifname + ".leases"; }
-std::string ClientPidFile(const std::string &ifname, bool v6)
-{
-    return "/var/run/" + ifname + (v6 ? "_dhclient6.pid" : "_dhclient.pid");
-}
-std::string ClientLeaseFile(const std::string &ifname, bool v6)
-{
-    return std::string("/var/lib/dhclient/") + (v6 ? "dhclient6." : "dhclient.") + ifname + ".leases";
-}
-const char *kRelayPidFile = "/var/run/vyr_dhcpd_relay.pid";
-const char *kRelayConfFile = "/etc/vyr_dhcpd_relay.conf";
+const char *kRelayPidFile = KQ_DYNAMIC_RELAY_PID_PATH;
+const char *kRelayConfFile = KQ_DYNAMIC_RELAY_CONF_PATH;
 
 json_object *Str(const std::string &text) { return json_object_new_string(text.c_str()); }
 
@@ -231,7 +220,7 @@ std::string ServedSummary(const std::string &ifname, json_object *serverProcess,
 {
     if (!json_object_get_boolean(Member(serverProcess, "running")))
         return "no dnsmasq of its own";
-    const std::string conf = ReadTextFile("/etc/vyr_dhcpd_" + ifname + ".conf").value_or("");
+    const std::string conf = ReadTextFile(ServerConfFile(ifname)).value_or("");
     std::string text = conf.find("dhcp-range=" + ifname + ",") != std::string::npos ? "ipv4 server" : "";
     const std::string v6 = RunningIpv6Mode(conf);
     if (v6 != "none")
@@ -272,7 +261,7 @@ json_object *Drift(const std::string &ifname, const DesiredEntry *desired, bool 
             const auto inZone = InZoneNamespace(pid, zone);
             if (inZone && !*inZone)
                 add("dnsmasq runs outside the namespace of zone " + std::to_string(zone));
-            const std::string conf = ReadTextFile("/etc/vyr_dhcpd_" + ifname + ".conf").value_or("");
+            const std::string conf = ReadTextFile(ServerConfFile(ifname)).value_or("");
             const bool v4Served = conf.find("dhcp-range=" + ifname + ",") != std::string::npos;
             if (v4Served != v4Server)
                 add(std::string("IPv4 ") + (v4Served ? "served, desired off" : "not served, desired server"));

@@ -7,6 +7,7 @@
 #ifndef KQ_CTRL_DYNAMIC_H
 #define KQ_CTRL_DYNAMIC_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <json-c/json.h>
@@ -127,6 +128,39 @@ typedef struct KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE {
     KQ_LIST_HEAD List;
 } KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE;
 
+/* ---- Files of the processes the module runs ------------------------------------ */
+
+/* Per interface (printf formats taking the interface name). */
+#define KQ_DYNAMIC_SERVER_CONF_FMT "/etc/vyr_dhcpd_%s.conf"
+#define KQ_DYNAMIC_SERVER_LEASE_FMT "/etc/vyr_dhcpd_%s.leases"
+#define KQ_DYNAMIC_SERVER_PID_FMT "/var/run/vyr_dhcpd_%s.pid"
+/* The one relay dnsmasq shared by every relay interface. */
+#define KQ_DYNAMIC_RELAY_CONF_PATH "/etc/vyr_dhcpd_relay.conf"
+#define KQ_DYNAMIC_RELAY_PID_PATH "/var/run/vyr_dhcpd_relay.pid"
+/* dhclient: the pid file takes the interface name and the program tag ("dhclient" or
+   "dhclient6"); the lease files take the interface name. */
+#define KQ_DYNAMIC_CLIENT_PID_FMT "/var/run/%s_%s.pid"
+#define KQ_DYNAMIC_CLIENT4_LEASE_FMT "/var/lib/dhclient/dhclient.%s.leases"
+#define KQ_DYNAMIC_CLIENT6_LEASE_FMT "/var/lib/dhclient/dhclient6.%s.leases"
+
+/* ---- Requests ------------------------------------------------------------------ */
+
+/* The IPv6 server mode that a request's (address mode, DNS mode) pair asks for, each a
+   KQ_DYNAMIC_MODE; KQ_IPV6_ADDR_AUTOCONF_MAX for a pair no server serves. Addresses from
+   both sources go with DNS by router advertisement only. */
+static inline KQ_IPV6_ADDR_AUTOCONF_TYPE KQCtrl_DynamicIpv6ModeOf(uint32_t AddrMode, uint32_t DnsMode)
+{
+    if (AddrMode == KQ_IPV6_DHCP && DnsMode == KQ_IPV6_DHCP)
+        return KQ_IPV6_ADDR_AUTOCONF_DHCP;
+    if (AddrMode == KQ_IPV6_SLAAC && DnsMode == KQ_IPV6_SLAAC)
+        return KQ_IPV6_ADDR_AUTOCONF_SLAAC;
+    if (AddrMode == KQ_IPV6_SLAAC && DnsMode == KQ_IPV6_DHCP)
+        return KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP;
+    if (AddrMode == KQ_IPV6_BOTH && DnsMode == KQ_IPV6_SLAAC)
+        return KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP;
+    return KQ_IPV6_ADDR_AUTOCONF_MAX;
+}
+
 /* ---- Entry points -------------------------------------------------------------- */
 
 KQ_EXPORT KQ_ERR_T KQCtrl_ConfigDynamicAdd(const DhcpItemV2 *DhcpPb);
@@ -138,6 +172,26 @@ KQ_EXPORT KQ_ERR_T KQCtrl_LoadDynamicServiceConf(const char *DynamicConfPath);
 KQ_EXPORT KQ_LIST_HEAD *KQCtrl_GetDynamiclistHead(void);
 KQ_EXPORT KQ_ERR_T KQCtrl_InsertDynamicConfListNode(const KQ_CTRL_DYNAMIC_SERVICE_CONF *DynamicConf);
 KQ_EXPORT KQ_CTRL_DYNAMIC_SERVICE_CONF *_KQCtrl_GetDynamicConfByName(const char *IfName);
+
+/* The record of a registry link; NULL for the list head. */
+static inline KQ_CTRL_DYNAMIC_SERVICE_CONF *KQCtrl_DynamicConfOfLink(KQ_LIST_HEAD *Link)
+{
+    return Link == KQCtrl_GetDynamiclistHead()
+               ? NULL
+               : &((KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *)((char *)Link -
+                                                         offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List)))
+                      ->DynamicConf;
+}
+
+/* Every record of the registry in order: KQ_DYNAMIC_FOR_EACH_CONF(conf) { ... }. The
+   record in hand must stay in the registry until the next step. */
+#define KQ_DYNAMIC_FOR_EACH_CONF(Conf)                                                              \
+    for (KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf = KQCtrl_DynamicConfOfLink(KQCtrl_GetDynamiclistHead()->next); \
+         Conf != NULL;                                                                              \
+         Conf = KQCtrl_DynamicConfOfLink(                                                           \
+             ((KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *)((char *)Conf -                                   \
+                                                    offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, DynamicConf))) \
+                 ->List.next))
 
 /* ---- Server -------------------------------------------------------------------- */
 

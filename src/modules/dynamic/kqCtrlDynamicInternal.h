@@ -8,7 +8,7 @@
 
 #include "kqCtrlDynamic.h"
 
-// Registry (kqCtrlDynamicConfig.cpp).
+// Registry (kqCtrlDynamicRegistry.cpp).
 void _KQCtrl_DeleteDynamicConfListNode(const char *IfName);
 KQ_CTRL_DYNAMIC_SERVER_CONF *_KQCtrl_GetDynamicServerConfByName(const char *IfName);
 KQ_CTRL_DYNAMIC_RELAY_CONF *_KQCtrl_GetDynamicRelayConfByName(const char *IfName);

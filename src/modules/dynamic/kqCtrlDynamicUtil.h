@@ -14,6 +14,20 @@
 
 #include "kqCtrlDynamic.h"
 
+namespace kq {
+
+// Buffers the server and relay sides share: address texts (the longest IPv4 text with room
+// to spare; an IPv6 text as the host formats it), file paths, command lines and the text of
+// a dnsmasq pid file.
+constexpr size_t kIpv4TextSize = 19;
+constexpr size_t kIpv6TextSize = 50;
+constexpr size_t kConfPathSize = 256;
+constexpr size_t kPidPathSize = 128;
+constexpr size_t kCmdSize = 512;
+constexpr size_t kPidTextSize = 16;
+
+}  // namespace kq
+
 static inline BOOL KQ_Ipv6AddrEqual(const KQ_IN6_ADDR *A, const KQ_IN6_ADDR *B)
 {
     return memcmp(A->In6.U6Addr8, B->In6.U6Addr8, sizeof(A->In6.U6Addr8)) == 0 ? TRUE : FALSE;

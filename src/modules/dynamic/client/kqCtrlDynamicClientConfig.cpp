@@ -56,15 +56,15 @@ struct DhclientFamily {
 
 constexpr DhclientFamily kDhclientIpv4 = {
     "_KQCtrl_DynamicClientEnableIpv4", "_KQCtrl_DynamicClientDisableIpv4", "dhclient",
-    "/var/lib/dhclient/dhclient.%s.leases"};
+    KQ_DYNAMIC_CLIENT4_LEASE_FMT};
 constexpr DhclientFamily kDhclientIpv6 = {
     "_KQCtrl_DynamicClientEnableIpv6", "_KQCtrl_DynamicClientDisableIpv6", "dhclient6",
-    "/var/lib/dhclient/dhclient6.%s.leases"};
+    KQ_DYNAMIC_CLIENT6_LEASE_FMT};
 
 void DhclientPidFile(const char *IfName, const char *DynamicStr, char *PidFile)
 {
     // Cannot be cut: names reaching here are at most 15 characters.
-    (void)KQ_SNPrintf(PidFile, kPidFileSize, "/var/run/%s_%s.pid", IfName, DynamicStr);
+    (void)KQ_SNPrintf(PidFile, kPidFileSize, KQ_DYNAMIC_CLIENT_PID_FMT, IfName, DynamicStr);
 }
 
 // Runs the client's command once more after a failed start, with the lease file set
@@ -175,7 +175,7 @@ KQ_ERR_T _KQCtrl_KillDynamicClientPid(const char *IfName, const char *DynamicStr
     }
 
     KQ_ERR_T ret = KQ_KillPid(pid);
-    if (ret == -3)  // already gone
+    if (ret == -ESRCH)  // already gone
         ret = 0;
     if (ret < 0) {
         KQ_LOG(kq::log::Error, "Kill pid %d failed(%d:%s)\n", pid, KQ_ERR_ARGS(ret));

@@ -49,18 +49,10 @@ BOOL _KQCtrl_IsDynamicRelayConfSame(const KQ_CTRL_DYNAMIC_RELAY_CONF *CurrentCon
     return TRUE;
 }
 
-KQ_CTRL_DYNAMIC_RELAY_CONF *RelayConfOf(KQ_LIST_HEAD *Link)
-{
-    auto *node = reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-        reinterpret_cast<char *>(Link) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List));
-    return &node->DynamicConf.DynamicRelayConf;
-}
-
 // Renders every active relay interface, in registry order, into one text and restarts the
 // shared relay with it; stops the relay when no interface is in relay mode any more.
 KQ_ERR_T _KQCtrl_ReloadDynamicRelay(void)
 {
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
     kq::FlexMsg content;
     if (!content) {
         KQ_LOG(kq::log::Error, "Apply memory for dhcp relay conf content failed\n");
@@ -68,8 +60,8 @@ KQ_ERR_T _KQCtrl_ReloadDynamicRelay(void)
     }
 
     unsigned relayNum = 0;
-    for (KQ_LIST_HEAD *link = head->next; link != head; link = link->next) {
-        KQ_CTRL_DYNAMIC_RELAY_CONF *relayConf = RelayConfOf(link);
+    KQ_DYNAMIC_FOR_EACH_CONF(conf) {
+        KQ_CTRL_DYNAMIC_RELAY_CONF *relayConf = &conf->DynamicRelayConf;
         if (!IsRelayActive(relayConf))
             continue;
         ++relayNum;

@@ -14,8 +14,9 @@ using kq::json::AddMember;
 using kq::json::AppendElement;
 using kq::json::Member;
 
-constexpr size_t kIfNameSize = 16;
-constexpr size_t kIpv4TextSize = 19;
+using kq::kIpv4TextSize;
+
+constexpr size_t kIfNameSize = KQ_IFNAME_SIZE;
 
 KQ_ERR_T _KQCtrl_JsonToConfDynamicRelay(const json_object *RelayJson, KQ_CTRL_DYNAMIC_RELAY_CONF *DynamicRelayConf)
 {

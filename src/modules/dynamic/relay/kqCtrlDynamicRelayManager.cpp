@@ -14,15 +14,15 @@
 
 namespace {
 
-constexpr char kRelayConfPath[] = "/etc/vyr_dhcpd_relay.conf";
-constexpr char kRelayPidPath[] = "/var/run/vyr_dhcpd_relay.pid";
-#define KQ_RELAY_START_CMD_FMT \
-    "/usr/sbin/dnsmasq -K --conf-file=%s --port=0 --pid-file=/var/run/vyr_dhcpd_relay.pid -z"
+using kq::kCmdSize;
+using kq::kConfPathSize;
+using kq::kPidPathSize;
+using kq::kPidTextSize;
 
-constexpr size_t kPidPathSize = 128;
-constexpr size_t kConfPathSize = 256;
-constexpr size_t kCmdSize = 512;
-constexpr size_t kPidTextSize = 16;
+constexpr char kRelayConfPath[] = KQ_DYNAMIC_RELAY_CONF_PATH;
+constexpr char kRelayPidPath[] = KQ_DYNAMIC_RELAY_PID_PATH;
+#define KQ_RELAY_START_CMD_FMT \
+    "/usr/sbin/dnsmasq -K --conf-file=%s --port=0 --pid-file=" KQ_DYNAMIC_RELAY_PID_PATH " -z"
 
 // Returns -EINVAL when the pid file is empty or names no usable process; *StrictText tells
 // whether the whole text is a pid the stop may go on to check.
@@ -139,7 +139,7 @@ KQ_ERR_T KQCtrl_DynamicRelayStop(void)
         KQ_LOG(kq::log::Trace, "Pid is %d\n", pid);
         ret = KQ_KillPid(pid);
     }
-    if (ret == -3)  // the process is already gone
+    if (ret == -ESRCH)  // the process is already gone
         ret = 0;
     if (ret < 0) {
         KQ_LOG(kq::log::Error, "Kill pid %d failed(%d:%s)\n", pid, KQ_ERR_ARGS(ret));

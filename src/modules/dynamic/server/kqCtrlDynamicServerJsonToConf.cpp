@@ -21,9 +21,10 @@ using kq::json::AppendElement;
 using kq::json::LogAs;
 using kq::json::Member;
 
-constexpr size_t kIfNameSize = 16;
-constexpr size_t kIpv4TextSize = 19;
-constexpr size_t kIpv6TextSize = 50;
+using kq::kIpv4TextSize;
+using kq::kIpv6TextSize;
+
+constexpr size_t kIfNameSize = KQ_IFNAME_SIZE;
 // Range ends of both families are read into the dotted-quad buffer; an IPv6 range
 // address longer than 18 characters is refused on reading, as it always was.
 constexpr size_t kRangeTextSize = kIpv4TextSize;
@@ -436,7 +437,7 @@ KQ_ERR_T _KQCtrl_JsonToConfDynamicIpv6Server(const json_object *ServerObj, KQ_CT
 // "%u.%u.%u.%u" of a host-order address, most significant octet first. Written out by hand:
 // every change rewrites dhcp.conf with several addresses per interface, and formatting
 // them through printf was a sixth of that rewrite. The longest text always fits.
-bool FormatIpv4(char (&Text)[kIpv4TextSize], uint32_t Ip)
+void FormatIpv4(char (&Text)[kIpv4TextSize], uint32_t Ip)
 {
     static_assert(sizeof(Text) >= sizeof("255.255.255.255"));
     char *out = Text;
@@ -449,7 +450,6 @@ bool FormatIpv4(char (&Text)[kIpv4TextSize], uint32_t Ip)
         *out++ = static_cast<char>('0' + octet % 10);
         *out++ = shift != 0 ? '.' : '\0';
     }
-    return true;
 }
 
 bool FormatIpv6(char (&Text)[kIpv6TextSize], const KQ_IN6_ADDR *Ip)
@@ -479,36 +479,24 @@ KQ_ERR_T _KQCtrl_ConfToJsonDynamicIpv4Server(json_object *DynamicJson, const KQ_
             KQ_LOG(kq::log::Error, "Can't new ipRangeItem object\n");
             return -ENOMEM;
         }
-        if (!FormatIpv4(text, ipv4->IpRange[i].StartIp)) {
-            KQ_LOG(kq::log::Error, "start ip string is overflow\n");
-            return -EOVERFLOW;
-        }
+        FormatIpv4(text, ipv4->IpRange[i].StartIp);
         if (!AddMember(rangeJson, "startIp", json_object_new_string(text))) {
             KQ_LOG(kq::log::Error, "Can't new startIp\n");
             return -ENOMEM;
         }
-        if (!FormatIpv4(text, ipv4->IpRange[i].EndIp)) {
-            KQ_LOG(kq::log::Error, "end ip string is overflow\n");
-            return -EOVERFLOW;
-        }
+        FormatIpv4(text, ipv4->IpRange[i].EndIp);
         if (!AddMember(rangeJson, "endIp", json_object_new_string(text))) {
             KQ_LOG(kq::log::Error, "Can't new endIp\n");
             return -ENOMEM;
         }
     }
 
-    if (!FormatIpv4(text, ipv4->NetMask)) {
-        KQ_LOG(kq::log::Error, "netmask ip string is overflow\n");
-        return -EOVERFLOW;
-    }
+    FormatIpv4(text, ipv4->NetMask);
     if (!AddMember(serverJson, "netmask", json_object_new_string(text))) {
         KQ_LOG(kq::log::Error, "Can't new netmask\n");
         return -ENOMEM;
     }
-    if (!FormatIpv4(text, ipv4->Gateway)) {
-        KQ_LOG(kq::log::Error, "gateway ip string is overflow\n");
-        return -EOVERFLOW;
-    }
+    FormatIpv4(text, ipv4->Gateway);
     if (!AddMember(serverJson, "gateway", json_object_new_string(text))) {
         KQ_LOG(kq::log::Error, "Can't new gateway\n");
         return -ENOMEM;
@@ -522,10 +510,7 @@ KQ_ERR_T _KQCtrl_ConfToJsonDynamicIpv4Server(json_object *DynamicJson, const KQ_
             return -ENOMEM;
         }
         for (uint32_t i = 0; i < ipv4->DnsNum; ++i) {
-            if (!FormatIpv4(text, ipv4->Dns[i])) {
-                KQ_LOG(kq::log::Error, "dns ip string is overflow\n");
-                return -EOVERFLOW;
-            }
+            FormatIpv4(text, ipv4->Dns[i]);
             if (!AppendElement(dnsArray, json_object_new_string(text))) {
                 KQ_LOG(kq::log::Error, "Can't new dns\n");
                 return -ENOMEM;

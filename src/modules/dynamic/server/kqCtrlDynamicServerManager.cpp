@@ -13,12 +13,13 @@
 
 namespace {
 
+using kq::kCmdSize;
+using kq::kConfPathSize;
+using kq::kIpv6TextSize;
+using kq::kPidPathSize;
+using kq::kPidTextSize;
+
 constexpr size_t confContentMaxLen = 10240;
-constexpr size_t kIpv6TextSize = 50;
-constexpr size_t kConfPathSize = 256;
-constexpr size_t kPidPathSize = 128;
-constexpr size_t kPidTextSize = 16;
-constexpr size_t kCmdSize = 512;
 
 // Appends one formatted piece at *Len with the room that is left. Once the text has
 // reached the limit nothing more is written (the pointer would leave the buffer); the
@@ -66,7 +67,7 @@ void AppendRouterAdvertisement(const char *IfName, char *Content, size_t *Len)
 
 KQ_ERR_T _KQCtrl_GetDynamicServerConfPath(const char *IfName, char *ConfPath, size_t Size)
 {
-    if (KQ_SNPrintf(ConfPath, Size, "%s%s%s%s", "/etc/", "vyr_dhcpd_", IfName, ".conf") >= Size) {
+    if (KQ_SNPrintf(ConfPath, Size, KQ_DYNAMIC_SERVER_CONF_FMT, IfName) >= Size) {
         KQ_LOG(kq::log::Error, "dhcp conf path is overflow\n");
         return -EOVERFLOW;
     }
@@ -266,7 +267,7 @@ KQ_ERR_T _KQCtrl_SetDynamicServerConf(const KQ_CTRL_DYNAMIC_SERVER_CONF *Dynamic
 static bool _KQ_GetDynamicServerPidPath(const char *IfName, char (&PidPath)[kPidPathSize])
 {
     memset(PidPath, 0, sizeof(PidPath));
-    if (KQ_SNPrintf(PidPath, sizeof(PidPath), "/var/run/vyr_dhcpd_%s.pid", IfName) >= sizeof(PidPath)) {
+    if (KQ_SNPrintf(PidPath, sizeof(PidPath), KQ_DYNAMIC_SERVER_PID_FMT, IfName) >= sizeof(PidPath)) {
         KQ_LOG(kq::log::Error, "pid file name is overflow\n");
         return false;
     }
@@ -360,8 +361,8 @@ KQ_ERR_T KQCtrl_DynamicServerStart(const KQ_CTRL_DYNAMIC_SERVER_CONF *DynamicSer
     // -K authoritative, --port=0 no DNS service, -z bind only to the configured interface.
     if (cmdLen < sizeof(cmd))
         cmdLen += KQ_SNPrintf(cmd + cmdLen, sizeof(cmd) - cmdLen,
-                              "/usr/sbin/dnsmasq -K --conf-file=%s --dhcp-leasefile=/etc/vyr_dhcpd_%s.leases "
-                              "--port=0 --pid-file=/var/run/vyr_dhcpd_%s.pid -z",
+                              "/usr/sbin/dnsmasq -K --conf-file=%s --dhcp-leasefile=" KQ_DYNAMIC_SERVER_LEASE_FMT
+                              " --port=0 --pid-file=" KQ_DYNAMIC_SERVER_PID_FMT " -z",
                               confPath, DynamicServerConf->IfName, DynamicServerConf->IfName);
     if (cmdLen > sizeof(cmd) - 1) {
         KQ_LOG(kq::log::Error, "Start dynamic service cmd is overflow\n");

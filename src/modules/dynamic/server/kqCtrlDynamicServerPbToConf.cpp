@@ -14,21 +14,6 @@ namespace {
 constexpr size_t kMaxIpRanges = KQ_DYNAMIC_MAX_IP_RANGE;
 constexpr size_t kMaxDns = KQ_DYNAMIC_MAX_DNS;
 
-// The (address mode, DNS mode) pairs that a server supports, in the order they are tried.
-struct Ipv6ModePair {
-    uint32_t AddrMode;
-    uint32_t DnsMode;
-    KQ_IPV6_ADDR_AUTOCONF_TYPE DynamicMode;
-};
-
-constexpr Ipv6ModePair kIpv6ModePairs[] = {
-    {KQ_IPV6_DHCP, KQ_IPV6_DHCP, KQ_IPV6_ADDR_AUTOCONF_DHCP},
-    {KQ_IPV6_SLAAC, KQ_IPV6_SLAAC, KQ_IPV6_ADDR_AUTOCONF_SLAAC},
-    {KQ_IPV6_SLAAC, KQ_IPV6_DHCP, KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP},
-    // Addresses from both sources go with DNS by router advertisement only.
-    {KQ_IPV6_BOTH, KQ_IPV6_SLAAC, KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP},
-};
-
 // The DNS list of a DHCPv6 or SLAAC part; both parts read the same message field. The
 // caller has checked the count against the array. Each instance logs as its own caller.
 KQ_ERR_T Ipv6DnsFromPb(const char *Caller, const Ipv6DhcpServer *Ipv6DhcpServerPb, KQ_IN6_ADDR *Ipv6Dns,
@@ -192,20 +177,14 @@ static KQ_ERR_T _KQCtrl_PbToConfDynamicServerIpv6(const Ipv6DhcpServer *Ipv6Dhcp
 
     uint32_t addrMode = Ipv6DhcpServerPb->has_ipv6dynamicmode ? Ipv6DhcpServerPb->ipv6dynamicmode : 0;
     uint32_t dnsMode = Ipv6DhcpServerPb->has_dnsdynamicmode ? Ipv6DhcpServerPb->dnsdynamicmode : 0;
-    const Ipv6ModePair *pair = nullptr;
-    for (const Ipv6ModePair &candidate : kIpv6ModePairs) {
-        if (candidate.AddrMode == addrMode && candidate.DnsMode == dnsMode) {
-            pair = &candidate;
-            break;
-        }
-    }
-    if (pair == nullptr) {
+    const KQ_IPV6_ADDR_AUTOCONF_TYPE mode = KQCtrl_DynamicIpv6ModeOf(addrMode, dnsMode);
+    if (mode == KQ_IPV6_ADDR_AUTOCONF_MAX) {
         KQ_LOG(kq::log::Error, "Dynamic server ipv6 and dns mode error\n");
         return -EINVAL;
     }
 
     KQ_DYNAMIC_IPV6_SERVER_CONF *ipv6 = &DynamicServerConf->ServerIpv6Conf;
-    ipv6->DynamicMode = pair->DynamicMode;
+    ipv6->DynamicMode = mode;
     KQ_ERR_T ret = 0;
     switch (ipv6->DynamicMode) {
     case KQ_IPV6_ADDR_AUTOCONF_DHCP:
