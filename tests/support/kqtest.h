@@ -43,11 +43,8 @@ inline bool SameIp6(const KQ_IN6_ADDR &Addr, const char *Text) { return memcmp(&
 inline std::vector<KQ_CTRL_DYNAMIC_SERVICE_CONF *> Registry()
 {
     std::vector<KQ_CTRL_DYNAMIC_SERVICE_CONF *> out;
-    KQ_LIST_HEAD *head = KQCtrl_GetDynamiclistHead();
-    for (KQ_LIST_HEAD *l = head->next; l != head; l = l->next)
-        out.push_back(&reinterpret_cast<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-                           reinterpret_cast<char *>(l) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, List))
-                           ->DynamicConf);
+    KQ_DYNAMIC_FOR_EACH_CONF(conf)
+        out.push_back(conf);
     return out;
 }
 
