@@ -155,8 +155,9 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
         EXPECT_EQ(fakehost::ReadFile(kqtest::kRelayConfPath), row.RelayConf);
         std::optional<std::string> eth1Conf = fakehost::ReadFile("/etc/vyr_dhcpd_eth1.conf");
         EXPECT_EQ(eth1Conf.has_value(), row.Eth1Conf.has_value());
-        if (eth1Conf && row.Eth1Conf)
+        if (eth1Conf && row.Eth1Conf) {
             EXPECT_NE(eth1Conf->find(*row.Eth1Conf), std::string::npos) << *eth1Conf;
+        }
         EXPECT_EQ(Count("load dynamic server failed\n"), row.Result == -2 ? 1 : 0);
         EXPECT_EQ(Count("lodd dynamic relay failed\n") + Count("Restart dynamic relay failed\n"), 0);
         // Both loaders read the document, unless the server load failed.

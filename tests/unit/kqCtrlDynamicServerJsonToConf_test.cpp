@@ -125,6 +125,14 @@ TEST(ServerJson, WriterProducesExactObjects)
     EXPECT_EQ(fakehost::Lines(), (std::vector<std::string>{"Ipv6 string is overflow\n", "conf to json for dhcp mode server failed\n",
                                                            "conf to json for dynamic server failed\n"}));
 
+    // The same from the DNS list (the range's two addresses are written first).
+    fakehost::Reset();
+    fakehost::Host().FailOnCall["KQ_SafeStrFormatIp6Addr"] = 3;
+    fakehost::Host().Fail["KQ_SafeStrFormatIp6Addr"] = 50;
+    EXPECT_NE(Write(Eth1(), -EOVERFLOW).find("\"dnsIpv6s\": [ ]"), std::string::npos);
+    EXPECT_EQ(fakehost::Lines(), (std::vector<std::string>{"Ipv6 string is overflow\n", "conf to json for dhcp mode server failed\n",
+                                                           "conf to json for dynamic server failed\n"}));
+
     // A count past its array (only a refused list in dhcp.conf leaves one) is never read
     // past: what fits is written, with a warning, and the document goes on.
     fakehost::Reset();
@@ -207,11 +215,13 @@ TEST(ServerJson, ReaderEdgeCases)
         fakehost::Reset();
         Conf c;
         EXPECT_EQ(Read(row.Item, &c), row.Result);
-        if (!row.Record.empty())
+        if (!row.Record.empty()) {
             EXPECT_EQ(Summary(c), row.Record);
+        }
 
-        if (!row.Line.empty())
+        if (!row.Line.empty()) {
             EXPECT_TRUE(fakehost::HasMessage(row.Line)) << ::testing::PrintToString(fakehost::Messages());
+        }
         EXPECT_FALSE(fakehost::HasMessage("dynamic ipv4 Server is invaild\n") && row.Item.find("dhcpServer") != std::string::npos);
     }
 }
