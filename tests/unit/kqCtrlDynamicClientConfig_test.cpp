@@ -208,14 +208,16 @@ TEST_F(ClientConfig, Dhclient6PolicyRuleAddedOnEnableRemovedWithTheLastInterface
     const auto &add = Host().RulesAdded[0];
     EXPECT_EQ(std::make_tuple(add.Arg1, add.Arg2, add.Arg3), std::make_tuple(uint16_t(0), BOOL(FALSE), BOOL(TRUE)));
     // Zone 2, rule 7: UDP to ports 546 and 547, in on a WAN interface (type 2), out to the host (type 6).
-    KQ_CONF_RULE rule;
-    memset(&rule, 0, sizeof(rule));
-    rule.Zone = 2, rule.VpnId = 0xFFFFFFFFu, rule.Id = 7;
-    rule.Match.DstPortNum = 2, rule.Match.DstPort[0] = {546, 546}, rule.Match.DstPort[1] = {547, 547};
-    rule.Match.ProtoNum = 1, rule.Match.Proto[0] = 17;
-    rule.Match.InPortNum = 1, rule.Match.InPort[0] = {2, 0}, rule.Match.OutPortNum = 1, rule.Match.OutPort[0] = {6, 0};
-    rule.Actions.OutputNum = 1, rule.Actions.OutputArray[0] = {0, 6};
-    EXPECT_EQ(memcmp(&add.Rule, &rule, sizeof(rule)), 0);
+    // Field by field: the record has padding, which no copy has to keep.
+    const KQ_CONF_RULE &r = add.Rule;
+    const auto &m = r.Match;
+    EXPECT_EQ((std::vector<uint64_t>{r.OpType, r.Table, r.Zone, r.VpnId, r.Id, r.TimeStamp, m.DstPortNum,
+                                     m.DstPort[0].LowerPort, m.DstPort[0].UpperPort, m.DstPort[1].LowerPort,
+                                     m.DstPort[1].UpperPort, m.ProtoNum, m.Proto[0], m.InPortNum, m.InPort[0].Type,
+                                     m.InPort[0].Id, m.OutPortNum, m.OutPort[0].Type, m.OutPort[0].Id,
+                                     r.Actions.OutputNum, r.Actions.OutputArray[0].Id, r.Actions.OutputArray[0].Type}),
+              (std::vector<uint64_t>{KQ_CONF_RULE_OP_TYPE_INSERT, KQ_CONF_RULE_TBL_TYPE_POLICY, 2, 0xFFFFFFFFu, 7, 0, 2,
+                                     546, 546, 547, 547, 1, 17, 1, 2, 0, 1, 6, 0, 1, 0, 6}));
 
     // The host's count of DHCPv6 interfaces, read before the client stops, decides the delete.
     fakehost::Reset();
