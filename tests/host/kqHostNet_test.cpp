@@ -34,7 +34,9 @@ protected:
     }
     void TearDown() override
     {
-        system("ip netns del kqzone; rm /etc/kq-host-net.json");
+        // Deleting the pair first: a namespace's interfaces go asynchronously after
+        // "ip netns del", and the next SetUp would find link0 still there.
+        system("ip link del link0; ip netns del kqzone; rm /etc/kq-host-net.json");
         unsetenv("KQ_HOST_CONFIG");
         KQ_HostReloadConfig();
     }
