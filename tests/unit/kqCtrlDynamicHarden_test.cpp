@@ -22,7 +22,7 @@ protected:
 
 TEST_F(Harden, NamesTheServicesWouldMisreadAreRefusedOnEveryPath)
 {
-    const char *usable[] = {"eth1", "br-lan", "eth0.100", "wl_0+", "e-"};
+    const char *usable[] = {"eth1", "br-lan", "eth0.100", "wl_0+", "e-", "e"};
     // dnsmasq wildcards and separators, dhclient options, and names the kernel refuses itself.
     const char *refused[] = {"e*", "*", "eth?", "eth[1]", "a,b", "a\"b", "a'b", "a#b", "a=b", "a\\b", "-d", "-",
                              "a b", "a\tb", "a/b", "a:b", "..", ""};

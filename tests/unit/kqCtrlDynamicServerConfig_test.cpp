@@ -142,6 +142,15 @@ TEST_F(ServerConfig, RefusedAddsAndDeletesChangeNothing)
     EXPECT_FALSE(fakehost::ReadFile(kPid));
     EXPECT_FALSE(fakehost::ReadFile(kConf));
     EXPECT_EQ(memcmp(Stored(), &before, sizeof(before)), 0);
+
+    // A new interface whose node cannot be allocated: the add says so and registers nothing.
+    fakehost::ClearRegistry();
+    fakehost::Reset();
+    Host().LogTestDump = false;
+    Host().FailOnCall["KQ_AgentMemZeroAlloc"] = 2;  // the conf text's buffer, then the node
+    EXPECT_EQ(KQCtrl_ConfigDynamicServerAdd(good.Build()), -ENOMEM);
+    EXPECT_EQ(fakehost::Messages().back(), "Insert dynamic conf node failed(12:Cannot allocate memory)\n");
+    EXPECT_EQ(Stored(), nullptr);
 }
 
 }  // namespace

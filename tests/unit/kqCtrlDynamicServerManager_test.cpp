@@ -119,6 +119,13 @@ TEST_F(ServerManager, WriterFailuresWriteNothing)
              Host().Fail["KQ_SafeStrFormatIp6Addr"] = 50;
          },
          -75, {"Ipv6 string is overflow\n", "Set slaac mode conf failed(75:Value too large for defined data type)\n"}},
+        {"stateful mode, range text overflow",
+         [](auto &c) {
+             c.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_DHCP;
+             c.ServerIpv6Conf.DhcpConf.Ipv6RangeNum = 1;
+             Host().Fail["KQ_SafeStrFormatIp6Addr"] = 50;
+         },
+         -75, {"Ipv6 string is overflow\n", "Set stateful dhcpv6 mode conf failed(75:Value too large for defined data type)\n"}},
         {"stateless mode, prefix text overflow",
          [](auto &c) {
              c.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP;
