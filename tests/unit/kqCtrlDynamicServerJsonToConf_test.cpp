@@ -204,6 +204,7 @@ TEST(ServerJson, ReaderEdgeCases)
         {v6 + R"("dynamicMode":0,"prefixlengthslaac":64,"prefix":")" + std::string(60, 'f') + R"(","dnsIpv6s":["2001:db8::53"]}})", 0,
          "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/64/1", ""},
         {v6 + R"("dynamicMode":7,"prefixlengthdhcp":64}})", 0, "eth1 type 0 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0", "Json to dhcp ipv6 server failed\n"},
+        {v6 + R"("dynamicMode":7,"prefixlengthdhcp":64}})", 0, "", "Json to dynamic ipv6 server failed\n"},
         {v6 + R"("prefixlengthdhcp":64,"leaseTimeIpv6":60,"startIpv6":"2001:db8::10","endIpv6":"2001:db8::20","dnsIpv6":"2001:db8::53"}})", 0,
          "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 1/1/60 | slaac -/0/0", ""},
         {v6 + R"("dynamicMode":0,"prefixlengthslaac":64,"dnsIpv6s":[")" + std::string(50, '1') + "\"]}}", 0, "eth1 type 2 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/64/1", "dns ipv6 [0] is overflow\n"},
@@ -227,6 +228,11 @@ TEST(ServerJson, ReaderEdgeCases)
         }
         EXPECT_FALSE(fakehost::HasMessage("dynamic ipv4 Server is invaild\n") && row.Item.find("dhcpServer") != std::string::npos);
     }
+    // A SLAAC entry without prefix length serves nothing, and is no failure either.
+    fakehost::Reset();
+    Conf c;
+    EXPECT_EQ(Read(v6 + R"("dynamicMode":0,"prefixlengthslaac":0}})", &c), 0);
+    EXPECT_EQ(fakehost::ErrorLines(), std::vector<std::string>{});
 }
 
 TEST(ServerJson, OneDnsKeyFillsBothIpv6ListsAndEachReaderLogsAsItself)
