@@ -134,6 +134,13 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
          {"eth2:0/0", "eth3:0/0"}, 0, relay1 + "dhcp-relay=198.51.100.3,203.0.113.30\n", std::nullopt},
         {"pools without dns serve the interface address", Doc({V4Server("eth1", "192.0.2.100", "")}), 0, {kEth1Start},
          {"eth1:1/0"}, 0, std::nullopt, "dhcp-option=eth1,6,192.0.2.1\n"},
+        // The mode is not restored: a combined entry comes back as SLAAC, whose list then takes
+        // the interface address.
+        {"combined entry without dns", Doc({R"({"ifname": "eth1", "vpnId": 0, "dhcpIpv6Server": {"dynamicMode": 3, "ipv6Range": )"
+                                            R"([{"startIpv6": "2001:db8:1::100", "endIpv6": "2001:db8:1::1ff"}], "prefixlengthdhcp": 64, )"
+                                            R"("leaseTimeIpv6": 60, "dnsIpv6s": [], "prefix": "2001:db8:1::", "prefixlengthslaac": 64}})"}),
+         0, {kEth1Start}, {"eth1:2/0"}, 0, std::nullopt, "dhcp-range=2001:db8:1::, ra-only\nenable-ra\nra-param=eth1,10\n"
+                                                         "dhcp-option=option6:dns-server,[2001:db8:1::1]\n"},
         // The server load registered the interface first, so the relay half stays empty.
         {"server and relay in one entry", Doc({V4Server("eth1", "192.0.2.100", "\"192.0.2.53\"", Relay("", "198.51.100.1", "203.0.113.10", false))}),
          0, {kEth1Start, kqtest::kRelayStartCmd}, {"eth1:1/0"}, 0, relay1, "dhcp-option=eth1,6,192.0.2.53\n"},
@@ -147,6 +154,7 @@ TEST_F(DynamicLoad, DocumentsRestoreWhatTheirEntriesHold)
         fakehost::RemoveModuleFiles();
         Fresh();
         Host().FirstIpv4["eth1"] = Ip4("192.0.2.1");
+        Host().FirstIpv6["eth1"] = fakehost::Ip6("2001:db8:1::1");
         fakehost::WriteFile(Host().DhcpConfPath, row.Document);
         EXPECT_EQ(KQCtrl_LoadDynamicServiceConf(Host().DhcpConfPath.c_str()), row.Result);
         EXPECT_EQ(Host().Commands, row.Commands);

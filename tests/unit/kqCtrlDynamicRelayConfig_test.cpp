@@ -203,7 +203,7 @@ TEST_F(RelayConfig, StopSignalsOnlyTheRelayItsPidFileNames)
         // Stale: the path of a process that is gone, without any signal.
         {"4294967297\n", 0, 0, false, true, {stale}},  // would wrap to 1
         {std::to_string(otherRelay.Pid()), 0, 0, false, true, {stale}},
-        {p + "x\n", 0, 0, false, true, {stale}},
+        {p + "x", 0, 0, false, true, {stale}},
         {"0" + p, 0, 0, false, true, {stale}},
     };
     for (const auto &c : cases) {

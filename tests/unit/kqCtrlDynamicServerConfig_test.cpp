@@ -38,13 +38,14 @@ TEST_F(ServerConfig, UnchangedRequestsAreShortCutAndChangesRestart)
     m.Pools = {{"192.0.2.100", 10}, {"192.0.2.150", 10}};
     ASSERT_TRUE(Restarted(m));
     EXPECT_NE(fakehost::ReadFile(kConf)->find("dhcp-option=eth1,6,192.0.2.1\n"), std::string::npos);
+    EXPECT_EQ(fakehost::ErrorLines(), std::vector<std::string>{});  // no relay to stop is no failure
     std::swap(m.Pools[0], m.Pools[1]);
     EXPECT_FALSE(Restarted(m));
     EXPECT_TRUE(fakehost::HasMessage("Dynamic ipv4service for eth1 is same to current configuration\n"));
     EXPECT_EQ(Stored()->ServerIpv4Conf.IpRange[0].StartIp, Ip4("192.0.2.100"));  // registry untouched
     m.Dns = {Ip4("192.0.2.1"), Ip4("192.0.2.53")};  // one DNS server more
     EXPECT_TRUE(Restarted(m));
-    m.Pools[1] = {"192.0.2.160", 10};
+    m.Pools[1] = {"192.0.2.100", 20};  // the same start, another end
     EXPECT_TRUE(Restarted(m));
     Host().LanVpnId["eth1"] = 7;
     EXPECT_TRUE(Restarted(m));
@@ -66,6 +67,8 @@ TEST_F(ServerConfig, UnchangedRequestsAreShortCutAndChangesRestart)
     EXPECT_TRUE(kqtest::SameIp6(Stored()->ServerIpv6Conf.DhcpConf.Ipv6Dns[0], "2001:db8::b"));
     v6.V6Pools[0].second = "2001:db8:1::1fe";  // the same start, another end
     EXPECT_TRUE(Restarted(v6));
+    v6.PrefixLen = 48;
+    EXPECT_TRUE(Restarted(v6));
 
     // Both families without DNS: each takes the interface's own address.
     fakehost::ClearRegistry();
@@ -78,6 +81,21 @@ TEST_F(ServerConfig, UnchangedRequestsAreShortCutAndChangesRestart)
     EXPECT_NE(fakehost::ReadFile(kConf)->find("dhcp-option=option6:dns-server,[2001:db8:1::1]\n"), std::string::npos);
     EXPECT_FALSE(Restarted(both));
     EXPECT_TRUE(fakehost::HasMessage("Dynamic ipv4&6 service for eth1 is same to current configuration\n"));
+
+    // IPv6 without DNS in the other modes: the list the mode hands out takes the interface's
+    // address when the request has DHCPv6 pools (stateless: the DHCPv6 list; combined: the
+    // SLAAC list). A SLAAC request keeps no pools, so it never does.
+    for (auto [addr, dns, pools, takes] : {std::tuple{KQ_IPV6_SLAAC, KQ_IPV6_DHCP, true, true}, {KQ_IPV6_BOTH, KQ_IPV6_SLAAC, true, true},
+                                           {KQ_IPV6_SLAAC, KQ_IPV6_SLAAC, true, false}, {KQ_IPV6_SLAAC, KQ_IPV6_DHCP, false, false}}) {
+        SCOPED_TRACE(std::to_string(addr) + "/" + std::to_string(dns) + (pools ? " with pools" : ""));
+        fakehost::ClearRegistry();
+        ServerMsg m6 = ServerMsg::Ipv6(addr, dns);
+        if (!pools)
+            m6.V6Pools.clear();
+        m6.V6Dns.clear();
+        ASSERT_TRUE(Restarted(m6));
+        EXPECT_EQ(fakehost::ReadFile(kConf)->find("dhcp-option=option6:dns-server,[2001:db8:1::1]\n") != std::string::npos, takes);
+    }
 }
 
 TEST_F(ServerConfig, ServerModeStopsTheRelayAndRelayModeStopsTheServer)
@@ -88,6 +106,7 @@ TEST_F(ServerConfig, ServerModeStopsTheRelayAndRelayModeStopsTheServer)
     Host().Fail["KQ_KillPid"] = -EPERM;
     ServerMsg m = ServerMsg::Ipv4();
     ASSERT_TRUE(Restarted(m));
+    EXPECT_EQ(fakehost::ReadFile(kConf)->find(",6,"), std::string::npos);  // no DNS, no interface address
     EXPECT_EQ(Host().Killed, std::vector<pid_t>{relay.Pid()});
     EXPECT_TRUE(fakehost::HasMessage("Stop dynamic relay failed\n"));
     remove(kqtest::kRelayPidPath);

@@ -179,6 +179,8 @@ TEST(ServerJson, ReaderEdgeCases)
         {R"({"ifname":"eth1","vpnId":"seven"})", 0, "eth1 type 0 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0", ""},
         {R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"",)" + range + "}}", 0, "eth1 type 0 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0",
          "Not found vaild mode from Json object\n"},
+        {v4.substr(0, v4.find("\"leaseTime")) + range + ",\"dnsIps\":[\"192.0.2.53\"]}}", 0, "", "Json to dynamic ipv4 server failed\n"},
+        {v6 + R"("dynamicMode":2,"leaseTimeIpv6":60,"ipv6Range":[]}})", 0, "", "Json to stateful dhcp ipv6 server failed\n"},
         {R"({"ifname":"eth1","dhcpIpv4Server":{}})", 0, "eth1 type 0 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0", "Json to dynamic ipv4 server failed\n"},
         {R"({"ifname":"eth1","dhcpIpv4Server":{"netmask":"x",)" + range + "}}", 0, "eth1 type 1 zone 0 | v4 0/0/0 mask 0 | v6 0/0/0 | slaac -/0/0", "Get netmask ip number failed\n"},
         {v4 + "\"ipRange\":" + list(65, R"({"startIp":"192.0.2.1","endIp":"192.0.2.2"})") + "}}", 0,
@@ -227,6 +229,7 @@ TEST(ServerJson, ReaderEdgeCases)
             EXPECT_TRUE(fakehost::HasMessage(row.Line)) << ::testing::PrintToString(fakehost::Messages());
         }
         EXPECT_FALSE(fakehost::HasMessage("dynamic ipv4 Server is invaild\n") && row.Item.find("dhcpServer") != std::string::npos);
+        EXPECT_EQ(fakehost::HasMessage("Not found vaild mode from Json object\n"), row.Result == 0 && row.Item.find("\"mode\"") == std::string::npos);
     }
     // A SLAAC entry without prefix length serves nothing, and is no failure either.
     fakehost::Reset();

@@ -61,6 +61,7 @@ TEST_F(ServerManager, ConfFileForIpv4AndEachIpv6ModeUnderItsGuards)
         KQ_IPV6_ADDR_AUTOCONF_TYPE Mode;
         bool Prefix, PrefixLength, Ranges;
         std::string Block;
+        uint32_t DhcpDnsNum = 2;
     };
     const std::string dhcpDns = "dhcp-option=option6:dns-server,[2001:db8::53],[2001:db8::54]\n";
     const std::string slaacDns = "dhcp-option=option6:dns-server,[2001:db8::35]\n", ra = "enable-ra\nra-param=eth1,10\n";
@@ -70,6 +71,8 @@ TEST_F(ServerManager, ConfFileForIpv4AndEachIpv6ModeUnderItsGuards)
         {"stateful no ranges", KQ_IPV6_ADDR_AUTOCONF_DHCP, true, true, false, dhcpDns},
         {"stateless", KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP, true, true, true, "dhcp-range=2001:db8:1::, ra-stateless\n" + ra + dhcpDns},
         {"stateless no length", KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP, true, false, true, "dhcp-range=2001:db8:1::, ra-stateless\n" + dhcpDns},
+        {"stateless one dns", KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP, true, true, true,
+         "dhcp-range=2001:db8:1::, ra-stateless\n" + ra + "dhcp-option=option6:dns-server,[2001:db8::53]\n", 1},
         {"stateless zero prefix", KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP, false, true, true, ""},
         {"slaac", KQ_IPV6_ADDR_AUTOCONF_SLAAC, true, true, true, "dhcp-range=2001:db8:1::, ra-only\n" + ra + slaacDns},
         {"slaac no length", KQ_IPV6_ADDR_AUTOCONF_SLAAC, true, false, true, "dhcp-range=2001:db8:1::, ra-only\n" + slaacDns},
@@ -89,7 +92,7 @@ TEST_F(ServerManager, ConfFileForIpv4AndEachIpv6ModeUnderItsGuards)
         v6.DhcpConf.Ipv6Range[1] = {Ip6("2001:db8:2::100"), Ip6("2001:db8:2::1ff")};
         v6.DhcpConf.PrefixLength = 64;
         v6.DhcpConf.Ipv6LeaseTime = 7200;
-        v6.DhcpConf.Ipv6DnsNum = 2;
+        v6.DhcpConf.Ipv6DnsNum = row.DhcpDnsNum;
         v6.DhcpConf.Ipv6Dns[0] = Ip6("2001:db8::53");
         v6.DhcpConf.Ipv6Dns[1] = Ip6("2001:db8::54");
         v6.SlaacConf.Prefix = row.Prefix ? Ip6("2001:db8:1::") : KQ_IN6_ADDR{};
@@ -123,6 +126,13 @@ TEST_F(ServerManager, WriterFailuresWriteNothing)
          [](auto &c) {
              c.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_DHCP;
              c.ServerIpv6Conf.DhcpConf.Ipv6RangeNum = 1;
+             Host().Fail["KQ_SafeStrFormatIp6Addr"] = 50;
+         },
+         -75, {"Ipv6 string is overflow\n", "Set stateful dhcpv6 mode conf failed(75:Value too large for defined data type)\n"}},
+        {"stateful mode, dns text overflow",
+         [](auto &c) {
+             c.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_DHCP;
+             c.ServerIpv6Conf.DhcpConf.Ipv6DnsNum = 1;
              Host().Fail["KQ_SafeStrFormatIp6Addr"] = 50;
          },
          -75, {"Ipv6 string is overflow\n", "Set stateful dhcpv6 mode conf failed(75:Value too large for defined data type)\n"}},
@@ -178,8 +188,12 @@ TEST_F(ServerManager, StartLineWithZonePrefixAndItsLimit)
     ASSERT_EQ(KQCtrl_DynamicServerStart(&Conf), 0);
     Conf.SecurityZoneId = 7;
     ASSERT_EQ(KQCtrl_DynamicServerStart(&Conf), 0);
-    EXPECT_EQ(Host().Commands, (Lines{dnsmasq, "ip netns exec vpn7 " + dnsmasq}));
-    EXPECT_EQ(fakehost::CallCount("KQ_RtcGetNetNsExecCmdPrefix"), 1);  // zone 0 asks for no prefix
+    Host().NetNsPrefix["8"] = "";  // a zone the host keeps in the default namespace
+    Conf.SecurityZoneId = 8;
+    ASSERT_EQ(KQCtrl_DynamicServerStart(&Conf), 0);
+    Conf.SecurityZoneId = 7;
+    EXPECT_EQ(Host().Commands, (Lines{dnsmasq, "ip netns exec vpn7 " + dnsmasq, dnsmasq}));
+    EXPECT_EQ(fakehost::CallCount("KQ_RtcGetNetNsExecCmdPrefix"), 2);  // zone 0 asks for no prefix
     EXPECT_EQ(Written(), kHead + kLogLine);
 
     for (size_t total : {511u, 512u}) {  // a prefix that brings the line to 511 (fits) and 512 bytes
