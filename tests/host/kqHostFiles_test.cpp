@@ -47,6 +47,13 @@ TEST(HostFiles, WriteAndCopyReplaceWholeFilesAndFailuresLeaveThemAsTheyWere)
     EXPECT_EQ(Slurp(conf), "");
     EXPECT_EQ(Names(dir.path + "/agent"), (std::set<std::string>{"dhcp.conf", "dhcp.conf.bak"}));
     EXPECT_EQ(hosttest::OpenDescriptors(), descriptors);
+    // A relative path is written in its own folder, not in the root.
+    const std::string cwd = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path);
+    std::filesystem::create_directory("a");
+    EXPECT_EQ(KQ_WriteSyncWithFilePath("a/rel", "r", 1), 0);
+    std::filesystem::current_path(cwd);
+    EXPECT_EQ(Slurp(dir.path + "/a/rel"), "r");
 }
 
 // A writer killed half-way leaves nothing behind (the temporary has no name while it is

@@ -124,6 +124,7 @@ TEST(HostSockets, CloseAndErrorCheck)
     EXPECT_EQ((std::vector<bool>{KQ_SocketIsErr(sock) != 0, KQ_SocketIsErr(KQ_INVALID_SOCKET) != 0}),
               (std::vector<bool>{false, true}));
     EXPECT_EQ((std::vector<int>{KQ_SocketClose(sock), KQ_SocketClose(sock)}), (std::vector<int>{0, -EBADF}));
+    EXPECT_EQ(KQ_Socket(AF_INET6, SOCK_DGRAM, 0, nullptr), -EINVAL);
 }
 
 }  // namespace

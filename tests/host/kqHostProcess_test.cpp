@@ -77,6 +77,12 @@ TEST(HostProcess, CommandLineIsSplitAtBlanksAndNeverSeenByAShell)
         EXPECT_EQ(KQ_RTCSystem(c.line), c.result) << c.line;
     }
     EXPECT_EQ(KQ_RTCSystem(nullptr), -EINVAL);
+    // "dhclient ... -pf F -nw" returns once F holds something, not as soon as F exists.
+    const std::string client = dir.path + "/dhclient", pidFile = dir.path + "/c.pid";
+    std::ofstream(client) << "#!/bin/sh\n(: > " << pidFile << "; sleep 0.2; echo 42 > " << pidFile << ") &\n";
+    chmod(client.c_str(), 0755);
+    EXPECT_EQ(KQ_RTCSystem((client + " -4 eth1 -pf " + pidFile + " -nw").c_str()), 0);
+    EXPECT_EQ(Slurp(pidFile), "42\n");
     EXPECT_EQ(hosttest::OpenDescriptors(), descriptors);
 }
 
@@ -89,6 +95,7 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
     ASSERT_EQ(system("ip netns add kqpz && mkdir -p /etc/netns/kqpz && echo 'zone hosts' > /etc/netns/kqpz/hosts"), 0);
     std::string script = dir.path + "/probe", out = dir.path + "/out";
     std::ofstream(script) << "#!/bin/sh\nexec > " << out << "\nreadlink /proc/self/ns/net\nhead -n 1 /etc/hosts\n"
+                          << "[ -e /etc/passwd ] && echo 'rest of /etc'\n"
                           << "ls /proc/self/fd | tr '\\n' ' '; echo\nreadlink /proc/self/fd/0\n"
                           << "env | grep -v '^PWD=' | grep -v '^SHLVL=' | grep -v '^_='\n";
     chmod(script.c_str(), 0755);
@@ -98,7 +105,7 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
     auto probe = [&](const std::string &ns, const std::string &hosts) {
         struct stat st {};
         stat(ns.c_str(), &st);
-        return "net:[" + std::to_string(st.st_ino) + "]\n" + hosts + "\n0 1 2 3 \n/dev/null\nPATH=" + getenv("PATH") + "\n";
+        return "net:[" + std::to_string(st.st_ino) + "]\n" + hosts + "\nrest of /etc\n0 1 2 3 \n/dev/null\nPATH=" + getenv("PATH") + "\n";
     };
     for (auto [prefix, expected] : {std::pair{std::string("ip netns exec kqpz "), probe("/run/netns/kqpz", "zone hosts")},
                                     {"", probe("/proc/self/ns/net", Slurp("/etc/hosts").substr(0, Slurp("/etc/hosts").find('\n')))}}) {
@@ -106,6 +113,9 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
         ASSERT_EQ(KQ_CmdExec(line.data()), 0) << line;
         EXPECT_EQ(Slurp(out), expected) << line;
     }
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    EXPECT_FALSE(sigismember(&mask, SIGTERM)) << "a zone start left our signals blocked";
     unsetenv("KQ_PROBE_SECRET");
     testing::internal::CaptureStderr();
     EXPECT_EQ((std::vector<int>{KQ_RTCSystem("ip netns exec kqnone /bin/true"),  // as from `ip`, which exits 255
