@@ -298,6 +298,20 @@ TEST(KqAgentPlan, EachRequestSaysWhatTheModuleWouldDo)
     EXPECT_EQ(kqagent::PlanLines(same, same, {}),
               (std::vector<std::string>{"[0] add lan1: server unchanged", restart, "[1] add lan2: relay unchanged",
                                         "[2] add lan3: server unchanged", restart, "[3] add lan5: server unchanged", restart}));
+
+    // Each difference by its name: a pool with another end, another relay server, a family more.
+    const auto changed = Parsed(File(
+        Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":51}],"dns":["192.0.2.1"],"gateway":"192.0.2.1")"),
+            R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":7200,"dns":["2001:db8:1::1"],)"
+            R"("dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})") + "," +
+        Add("lan2", R"({"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2","203.0.113.4"],"lanip":"198.51.100.1"}})") + "," +
+        Add("lan3", server, R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:3::","dns":["2001:db8::53"]})")));
+    const std::string rebuilt = "    shared relay rebuilt and restarted (lan2)";
+    EXPECT_EQ(kqagent::PlanLines(same, changed, {}),
+              (std::vector<std::string>{"[0] add lan1: server restart (ipv4 dhcpiprange differs)", rebuilt,
+                                        "[1] add lan2: relay changed (relayserver differs)", rebuilt,
+                                        "[2] add lan3: server restart (served families ipv6 -> ipv4+ipv6, ipv4 dhcpiprange, ipv4 netmask, "
+                                        "ipv4 dns, ipv4 leasetime differ)", rebuilt}));
 }
 
 }  // namespace
