@@ -161,6 +161,11 @@ TEST_F(ClientConfig, StopReadsAndVerifiesThePidFile)
     fakehost::Lookalike client("/sbin/dhclient", {"-pf", kPid4, "-pf", kPid6, "-nw"}), client4("/sbin/dhclient", {"-4", "eth1", "-pf", kPid4});
     const std::string p = std::to_string(client.Pid()), notCorrect = "Dhcp client service is not correct, pid file error!\n";
     const std::string noPid = "pid 0 is invalid(0:Success)\n";
+    pid_t gone = 0;
+    {
+        fakehost::Lookalike dead("/sbin/dhclient", {"-4", "eth1", "-pf", kPid4});
+        gone = dead.Pid();
+    }
     const struct { bool Ipv6; std::string PidText; bool Correct; long KillFail, KillResult; KQ_ERR_T Ret; bool Killed, PidFileLeft; Texts Lines; } cases[] = {
         {false, p + "\n", true, 0, 0, 0, true, false, {"Pid is " + p + "\n"}},
         {true, p, true, 0, -3, 0, true, false, {}},  // already gone
@@ -170,12 +175,14 @@ TEST_F(ClientConfig, StopReadsAndVerifiesThePidFile)
         {false, "", true, 0, 0, 0, false, true, {noPid}},
         {true, "dhclient\n", true, 0, 0, 0, false, true, {noPid}},
         {false, std::string(32, ' ') + p, true, 0, 0, 0, false, true, {noPid}},  // only the first 32 bytes are read
-        // Stale files: the host's word is not enough, nothing is signalled, the file goes.
-        {true, std::to_string(client4.Pid()), true, 0, 0, -ENOENT, false, false, {notCorrect}},
-        {false, std::to_string(getpid()), true, 0, 0, -ENOENT, false, false, {}},
-        {false, "4294967297\n", true, 0, 0, -ENOENT, false, false, {}},  // wraps to 1
-        {false, p + "abc\n", true, 0, 0, -ENOENT, false, false, {}},
-        {true, "+" + p + "\n", true, 0, 0, -ENOENT, false, false, {}},
+        // Stale files: the host's word is not enough, nothing is signalled, the file goes, and
+        // the client counts as stopped: its process is gone or was never this one.
+        {true, std::to_string(client4.Pid()), true, 0, 0, 0, false, false, {}},
+        {false, std::to_string(getpid()), true, 0, 0, 0, false, false, {}},
+        {false, "4294967297\n", true, 0, 0, 0, false, false, {}},  // wraps to 1
+        {false, p + "abc\n", true, 0, 0, 0, false, false, {}},
+        {true, "+" + p + "\n", true, 0, 0, 0, false, false, {}},
+        {false, std::to_string(gone) + "\n", true, 0, 0, 0, false, false, {}},  // a dhclient that died
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.PidText);
@@ -194,8 +201,12 @@ TEST_F(ClientConfig, StopReadsAndVerifiesThePidFile)
         for (const auto &line : c.Lines)
             EXPECT_TRUE(HasMessage(line)) << line;
         EXPECT_EQ(HasMessage(std::string("Kill dhclient") + (c.Ipv6 ? "6" : "") + " service failed\n"), c.Ret < 0);
+        const bool stale = c.Ret == 0 && !c.Killed && !c.PidFileLeft;
         EXPECT_EQ(HasMessage("Pid file " + pidFile + " is stale: it names no dhclient started with it, nothing is signalled\n"),
-                  c.Ret == -ENOENT && c.Correct);
+                  stale);
+        if (stale) {
+            EXPECT_EQ(fakehost::ErrorLines(), Texts{});
+        }
         std::remove(pidFile.c_str());
     }
     EXPECT_TRUE(client.Alive() && client4.Alive());

@@ -165,10 +165,14 @@ KQ_ERR_T _KQCtrl_KillDynamicClientPid(const char *IfName, const char *DynamicStr
     KQ_LOG(kq::log::Trace, "Pid is %d\n", pid);
 
     // A stale pid may have been reused by another program: never kill on the file alone.
-    // Our own check comes first so that a stale file always gets its warning; a negative
-    // pid is left to the host's check alone.
-    bool ownProcess = pid < 0 || kq::PidFileNamesItsProcess(__func__, pidFile, pid, strictText, "dhclient");
-    if (!ownProcess || !KQ_IsPIDCorrectInPIDFile(pid, IfName, DynamicStr)) {
+    // A stale file (its dhclient is gone, or the pid is someone else's now) is a client
+    // that no longer runs: nothing to stop, and the file goes. A negative pid is left to
+    // the host's check alone.
+    if (pid > 0 && !kq::PidFileNamesItsProcess(__func__, pidFile, pid, strictText, "dhclient")) {
+        (void)remove(pidFile);
+        return 0;
+    }
+    if (!KQ_IsPIDCorrectInPIDFile(pid, IfName, DynamicStr)) {
         (void)remove(pidFile);
         KQ_LOG(kq::log::Error, "Dhcp client service is not correct, pid file error!\n");
         return -ENOENT;
