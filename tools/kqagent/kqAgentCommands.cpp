@@ -12,6 +12,7 @@
 #include "kqAgentCommon.h"
 #include "kqAgentMessages.h"
 #include "kqAgentPlan.h"
+#include "kqAgentProcess.h"
 #include "kqAgentStatus.h"
 #include "kqCtrlDynamic.h"
 #include "kqHostLinux.h"
@@ -22,16 +23,6 @@ namespace {
 
 std::string Failure(int result) { return ErrnoName(result) + " " + strerror(-result); }
 
-std::optional<uint32_t> ParseZone(const std::string &text)
-{
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10)
-        return std::nullopt;
-    const unsigned long long value = std::stoull(text);
-    if (value > UINT32_MAX)
-        return std::nullopt;
-    return static_cast<uint32_t>(value);
-}
-
 // The zone of an interface: --zone when given, else its LAN's, else 0.
 std::optional<uint32_t> ZoneOf(const std::string &ifname, const std::optional<std::string> &given)
 {
@@ -39,24 +30,6 @@ std::optional<uint32_t> ZoneOf(const std::string &ifname, const std::optional<st
         return ParseZone(*given);
     KQ_CONF_LAN lan{};
     return KQ_RtcNetioLanGetByName(ifname.c_str(), &lan) == 0 ? lan.CommConf.VpnId : 0;
-}
-
-// Runs fn with the calling thread inside the zone's namespace (zone 0: where we are).
-template <class Fn>
-KQ_ERR_T InZone(uint32_t zone, std::ostream &err, Fn fn)
-{
-    int saved = -1;
-    if (zone != 0) {
-        const KQ_ERR_T result = KQ_RtcNetNsSaveAndSwitch(zone, &saved);
-        if (result < 0) {
-            err << "kqagent: cannot enter the namespace of zone " << zone << ": " << ErrnoName(result) << "\n";
-            KQ_RtcNetNsSwitchToDefault(&saved);
-            return result;
-        }
-    }
-    const KQ_ERR_T result = fn();
-    KQ_RtcNetNsSwitchToDefault(&saved);
-    return result;
 }
 
 std::optional<ParsedRequests> ParseRequestText(const std::string &path, const std::string &text, std::ostream &err)
@@ -92,23 +65,6 @@ bool RelayActive(const KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) { return (conf.Dynami
 
 const char *kRelayPidFile = KQ_DYNAMIC_RELAY_PID_PATH;
 
-// The shared relay rebuilt from every relay interface of the registry, as the module does
-// after a relay change.
-KQ_ERR_T RestartRelay()
-{
-    std::unique_ptr<KQ_FLEXIBLE_MSG, void (*)(KQ_FLEXIBLE_MSG *)> content(KQ_FlexMsgAlloc(), KQ_FlexMsgFree);
-    if (!content)
-        return -ENOMEM;
-    KQ_ERR_T result = 0;
-    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
-        if (result == 0 && RelayActive(conf))
-            result = KQCtrl_DynamicRelayConfAppend(content.get(), &conf.DynamicRelayConf);
-    });
-    if (result < 0)
-        return result;
-    return KQCtrl_DynamicRelayRestart(content->FlexBuf != nullptr ? content->FlexBuf : "");
-}
-
 }  // namespace
 
 int Usage(std::ostream &err, const std::string &problem, const std::string &command)
@@ -118,7 +74,19 @@ int Usage(std::ostream &err, const std::string &problem, const std::string &comm
     return kExitUsage;
 }
 
-Agent::Agent(bool daemon) : daemon_(daemon), desired_(KQ_HostDesiredStatePath()) {}
+namespace {
+
+// The agent's record of what it runs, beside the desired state.
+std::string ServicesPath()
+{
+    const std::string desired = KQ_HostDesiredStatePath();
+    const size_t slash = desired.rfind('/');
+    return (slash == std::string::npos ? std::string() : desired.substr(0, slash + 1)) + "services.json";
+}
+
+}  // namespace
+
+Agent::Agent(bool daemon) : daemon_(daemon), desired_(KQ_HostDesiredStatePath()), services_(ServicesPath()) {}
 
 int Agent::ReportRunning(std::ostream &out, std::ostream &err)
 {
@@ -151,90 +119,6 @@ int Agent::ReportRunning(std::ostream &out, std::ostream &err)
         }
     }
     return status;
-}
-
-int Agent::Startup(const std::string &confPath, std::ostream &out, std::ostream &err)
-{
-    int status = kExitOk;
-    if (!desired_.Load())
-        err << "kqagent: desired state " << desired_.Problem() << "; dhcp.conf is restored, nothing is sent again\n";
-
-    // The readers report every optional key an item lacks ("Not found vaild mode from Json
-    // object", "dynamic relay is invaild") as a warning: trace, for an operator.
-    const uint32_t level = KQ_HostLogLevel();
-    if (level >= 3)
-        KQ_HostSetLogLevel(4);
-    const KQ_ERR_T result = KQCtrl_LoadDynamicServiceConf(confPath.c_str());
-    KQ_HostSetLogLevel(level);
-    if (result < 0) {
-        const LoadOutcome outcome = DescribeLoadFailure(confPath, BackupOf(confPath), result);
-        // The host's own dhcp.conf is missing before the first change ever made: nothing to
-        // restore, and no fault. A path the operator named must be there.
-        const bool neverWritten = access(confPath.c_str(), F_OK) != 0 && confPath == KQ_AgentPathDhcpConf();
-        if (outcome.failed && !neverWritten) {
-            err << "kqagent: " << outcome.text << "\n";
-            status = kExitFailed;
-        } else {
-            out << outcome.text << "\n";
-        }
-    }
-
-    std::vector<std::string> unreconciled;
-    if (desired_.Broken())
-        unreconciled.push_back("every interface (" + desired_.Problem() + ")");
-    for (const auto &entry : desired_.Entries()) {
-        if (!entry.request) {
-            unreconciled.push_back((entry.ifname.empty() ? "an entry" : entry.ifname) + " (" + entry.problem + ")");
-            continue;
-        }
-        const KQ_ERR_T result = KQCtrl_ConfigDynamicAdd(&entry.request->Item());
-        if (result < 0)
-            unreconciled.push_back(entry.ifname + " (refused by the module: " + ErrnoName(result) + ")");
-    }
-    for (const auto &what : unreconciled)
-        err << "kqagent: could not reconcile " << what << "\n";
-    if (!unreconciled.empty())
-        status = kExitFailed;
-    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
-        if (!desired_.Broken() && !desired_.Lists(conf.IfName))
-            err << "kqagent: " << conf.IfName << ": restored from " << confPath
-                << " but not in the desired state; left as restored\n";
-    });
-    if (ReportRunning(out, err) != kExitOk)
-        status = kExitFailed;
-    return status;
-}
-
-int Agent::RebuildRegistry(std::ostream &err)
-{
-    if (!desired_.Load()) {
-        err << "kqagent: desired state " << desired_.Problem() << "\n";
-        return kExitFailed;
-    }
-    for (const auto &entry : desired_.Entries()) {
-        if (!entry.request) {
-            err << "kqagent: warning: " << desired_.Path() << ": " << entry.problem << "; "
-                << (entry.ifname.empty() ? "this entry" : entry.ifname) << " is left out of this run\n";
-            continue;
-        }
-        KQ_CTRL_DYNAMIC_SERVICE_CONF conf{};
-        const DhcpItemV2 &item = entry.request->Item();
-        KQ_ERR_T result = KQCtrl_PbToConfDynamicServer(&item, &conf.DynamicServerConf);
-        if (result >= 0)
-            result = KQCtrl_PbToConfDynamicRelay(&item, &conf.DynamicRelayConf);
-        if (result < 0) {
-            err << "kqagent: warning: " << desired_.Path() << ": " << entry.ifname << " is refused by the module ("
-                << ErrnoName(result) << "); left out of this run\n";
-            continue;
-        }
-        snprintf(conf.IfName, sizeof(conf.IfName), "%s", item.ifname);
-        result = KQCtrl_InsertDynamicConfListNode(&conf);
-        if (result < 0) {
-            err << "kqagent: restoring " << entry.ifname << " failed: " << Failure(result) << "\n";
-            return kExitFailed;
-        }
-    }
-    return kExitOk;
 }
 
 int Agent::Reload(std::ostream &out, std::ostream &err)
@@ -274,7 +158,35 @@ int Agent::Reload(std::ostream &out, std::ostream &err)
         if (result < 0)
             status = kExitFailed;
     }
+    // Clients: enable what is new or changed, disable what is gone.
+    for (const auto &entry : fresh.Clients()) {
+        if (!entry.client) {
+            err << "kqagent: reload: could not reconcile a client (" << entry.problem << ")\n";
+            status = kExitFailed;
+            continue;
+        }
+        const DesiredClient *before = desired_.FindClient(entry.client->ifname, entry.client->ipv6);
+        if (before != nullptr && *before == *entry.client)
+            continue;
+        const KQ_ERR_T result = EnableClient(*entry.client);
+        out << "reload: client enable " << entry.client->Family() << " " << entry.client->ifname << ": "
+            << (result < 0 ? "refused " + ErrnoName(result) : "ok") << "\n";
+        if (result < 0)
+            status = kExitFailed;
+    }
+    for (const auto &entry : desired_.Clients()) {
+        if (!entry.client || fresh.FindClient(entry.client->ifname, entry.client->ipv6) != nullptr)
+            continue;
+        const char *ifname = entry.client->ifname.c_str();
+        const KQ_ERR_T result = entry.client->ipv6 ? KQCtrl_DynamicClientDisableIpv6(ifname, entry.client->zone)
+                                                   : KQCtrl_DynamicClientDisableIpv4(ifname, entry.client->zone);
+        out << "reload: client disable " << entry.client->Family() << " " << ifname << ": "
+            << (result < 0 ? "refused " + ErrnoName(result) : "ok") << "\n";
+        if (result < 0)
+            status = kExitFailed;
+    }
     desired_ = std::move(fresh);
+    RecordServices();
     return status;
 }
 
@@ -416,6 +328,11 @@ int Agent::Apply(const std::vector<std::string> &args, const std::string &text, 
     }
 
     std::vector<std::string> added;
+    // Whatever was applied, also before a refusal, is recorded and supervised.
+    struct Changed {
+        Agent &agent;
+        ~Changed() { agent.RecordServices(); }
+    } changed{*this};
     for (size_t i = 0; i < requests.size(); ++i) {
         const Request &request = requests[i];
         out << "[" << i << "] " << request.Summary() << ": " << std::flush;
@@ -440,6 +357,7 @@ int Agent::Apply(const std::vector<std::string> &args, const std::string &text, 
             return kExitFailed;
         }
         out << "ok\n";
+        converted_.erase(request.Item().ifname);
         if (add)
             added.push_back(request.Item().ifname);
     }
@@ -463,28 +381,28 @@ int Agent::Load(const std::vector<std::string> &args, std::ostream &out, std::os
         return Usage(err, "load takes at most one path", "load");
     const std::string confPath = KQ_AgentPathDhcpConf();
     if (!daemon_) {
-        const std::string path = args.empty() ? confPath : args[0];
-        const int status = Startup(path, out, err);
-        out << "loaded " << path << (status == kExitOk ? "" : " (with problems, see above)") << "\n";
+        // A path names a dhcp.conf to restore from (its backup, say); without one, what an
+        // agent does at start.
+        const int status = args.empty() ? Startup(out, err) : (desired_.Load(), LoadFrom(args[0], out, err));
+        const std::string what = args.empty() ? "the desired state" : args[0];
+        out << "loaded " << (args.empty() && !desired_.Exists() ? confPath : what)
+            << (status == kExitOk ? "" : " (with problems, see above)") << "\n";
         return status;
     }
     if (!args.empty() && args[0] != confPath)
         return Usage(err, "load: the running agent restores from its own state; PATH needs a stopped agent", "load");
-    // The registry of a running agent is whole: restart from it whatever does not run.
-    bool relayWanted = false;
-    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
-        relayWanted = relayWanted || RelayActive(conf);
-        if (conf.DynamicServerConf.NetAddrType != 0 && RunningDnsmasq(ServerPidFile(conf.IfName)) <= 0) {
-            const KQ_ERR_T result = KQCtrl_DynamicServerRestart(&conf.DynamicServerConf);
-            if (result < 0)
-                err << "kqagent: " << conf.IfName << ": restart failed: " << Failure(result) << "\n";
-        }
-    });
-    if (relayWanted && RunningDnsmasq(kRelayPidFile) <= 0) {
-        const KQ_ERR_T result = RestartRelay();
+    // The registry of a running agent is whole: start from it whatever does not run, also
+    // what its supervision gave up.
+    for (const Service &service : Wanted()) {
+        if (ProcessOf(service.PidFile(), service.Program()).running)
+            continue;
+        const int result = StartService(service);
         if (result < 0)
-            err << "kqagent: relay: restart failed: " << Failure(result) << "\n";
+            err << "kqagent: " << service.Name() << ": restart failed: " << Failure(result) << "\n";
     }
+    if (resumeServices)
+        resumeServices();
+    RecordServices();
     const int status = ReportRunning(out, err);
     out << "loaded " << confPath << (status == kExitOk ? "" : " (with problems, see above)") << "\n";
     return status;
@@ -504,7 +422,7 @@ int Agent::Status(const std::vector<std::string> &args, std::ostream &out, std::
     }
     if (!daemon_)
         desired_.Load();
-    json_object *status = CollectStatus(only, desired_, daemon_);
+    json_object *status = CollectStatus(only, desired_, daemon_, supervision);
     if (json)
         out << json_object_to_json_string_ext(status, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE) << "\n";
     else
@@ -514,73 +432,6 @@ int Agent::Status(const std::vector<std::string> &args, std::ostream &out, std::
 }
 
 namespace {
-
-int Client(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
-{
-    std::vector<std::string> positional;
-    std::optional<std::string> zoneText, type;
-    bool rs = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--zone" || args[i] == "--type") {
-            if (i + 1 >= args.size())
-                return Usage(err, "client: " + args[i] + " needs a value", "client");
-            (args[i] == "--zone" ? zoneText : type) = args[i + 1];
-            ++i;
-        } else if (args[i] == "--rs") {
-            rs = true;
-        } else if (!args[i].empty() && args[i][0] == '-') {
-            return Usage(err, "client: unknown option " + args[i], "client");
-        } else {
-            positional.push_back(args[i]);
-        }
-    }
-    if (positional.size() != 3)
-        return Usage(err, "client needs: enable|disable ipv4|ipv6 IFNAME", "client");
-    const std::string &action = positional[0], &family = positional[1], &ifname = positional[2];
-    if (action != "enable" && action != "disable")
-        return Usage(err, "client: \"" + action + "\" is neither enable nor disable", "client");
-    if (family != "ipv4" && family != "ipv6")
-        return Usage(err, "client: \"" + family + "\" is neither ipv4 nor ipv6", "client");
-    if (!IsUsableIfName(ifname))
-        return Usage(err, "client: \"" + ifname + "\" is not a usable interface name", "client");
-    const auto zone = ZoneOf(ifname, zoneText);
-    if (!zone)
-        return Usage(err, "client: --zone needs a number from 0 to 4294967295", "client");
-    const bool v6 = family == "ipv6", enable = action == "enable";
-    if ((type || rs) && !(v6 && enable))
-        return Usage(err, "client: --type and --rs go with 'enable ipv6' only", "client");
-
-    KQ_ERR_T result = 0;
-    if (v6 && enable) {
-        static const std::map<std::string, KQ_IPV6_ADDR_AUTOCONF_TYPE> types = {
-            {"stateful", KQ_IPV6_ADDR_AUTOCONF_DHCP},
-            {"stateless", KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP},
-            {"slaac", KQ_IPV6_ADDR_AUTOCONF_SLAAC}};
-        const auto it = types.find(type.value_or("stateful"));
-        if (it == types.end())
-            return Usage(err, "client: --type is slaac, stateless or stateful", "client");
-        KQCtrl_DynamicClientSetIpv6AutoConfType(it->second);
-        // The solicitation leaves from the zone's namespace, where the interface lives.
-        result = rs ? InZone(*zone, err, [&] { return KQCtrl_SendOneRsPktAndDynamicClientEnableIpv6(ifname.c_str(), *zone); })
-                    : KQCtrl_DynamicClientEnableIpv6(ifname.c_str(), *zone);
-    } else if (v6) {
-        result = KQCtrl_DynamicClientDisableIpv6(ifname.c_str(), *zone);
-    } else {
-        result = enable ? KQCtrl_DynamicClientEnableIpv4(ifname.c_str(), *zone)
-                        : KQCtrl_DynamicClientDisableIpv4(ifname.c_str(), *zone);
-    }
-    if (v6) {
-        json_object *rules = PolicyRulesJson();
-        out << RenderPolicyRules(rules);
-        json_object_put(rules);
-    }
-    if (result < 0) {
-        err << "kqagent: client " << action << " " << family << " " << ifname << " failed: " << Failure(result) << "\n";
-        return kExitFailed;
-    }
-    out << "client " << action << " " << family << " " << ifname << " (zone " << *zone << "): ok\n";
-    return kExitOk;
-}
 
 int Rs(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
 {
@@ -614,6 +465,78 @@ int Rs(const std::vector<std::string> &args, std::ostream &out, std::ostream &er
 }
 
 }  // namespace
+
+int Agent::Client(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+{
+    std::vector<std::string> positional;
+    std::optional<std::string> zoneText, type;
+    bool rs = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--zone" || args[i] == "--type") {
+            if (i + 1 >= args.size())
+                return Usage(err, "client: " + args[i] + " needs a value", "client");
+            (args[i] == "--zone" ? zoneText : type) = args[i + 1];
+            ++i;
+        } else if (args[i] == "--rs") {
+            rs = true;
+        } else if (!args[i].empty() && args[i][0] == '-') {
+            return Usage(err, "client: unknown option " + args[i], "client");
+        } else {
+            positional.push_back(args[i]);
+        }
+    }
+    if (positional.size() != 3)
+        return Usage(err, "client needs: enable|disable ipv4|ipv6 IFNAME", "client");
+    const std::string &action = positional[0], &family = positional[1], &ifname = positional[2];
+    if (action != "enable" && action != "disable")
+        return Usage(err, "client: \"" + action + "\" is neither enable nor disable", "client");
+    if (family != "ipv4" && family != "ipv6")
+        return Usage(err, "client: \"" + family + "\" is neither ipv4 nor ipv6", "client");
+    if (!IsUsableIfName(ifname))
+        return Usage(err, "client: \"" + ifname + "\" is not a usable interface name", "client");
+    const auto zone = ZoneOf(ifname, zoneText);
+    if (!zone)
+        return Usage(err, "client: --zone needs a number from 0 to 4294967295", "client");
+    const bool v6 = family == "ipv6", enable = action == "enable";
+    if ((type || rs) && !(v6 && enable))
+        return Usage(err, "client: --type and --rs go with 'enable ipv6' only", "client");
+    const DesiredClient client{ifname, v6, *zone, v6 ? type.value_or("stateful") : "", rs};
+    if (v6 && enable && client.type != "stateful" && client.type != "stateless" && client.type != "slaac")
+        return Usage(err, "client: --type is slaac, stateless or stateful", "client");
+    if (!daemon_)
+        desired_.Load();
+    if (desired_.Broken()) {
+        // Enabling now would leave a client nobody restarts after a reboot.
+        err << "kqagent: desired state " << desired_.Problem() << "\n";
+        err << "kqagent: nothing done; repair or move that file, then reload the agent (SIGHUP) or run the command again\n";
+        return kExitFailed;
+    }
+
+    KQ_ERR_T result = 0;
+    if (enable)
+        result = EnableClient(client);
+    else
+        result = v6 ? KQCtrl_DynamicClientDisableIpv6(ifname.c_str(), *zone) : KQCtrl_DynamicClientDisableIpv4(ifname.c_str(), *zone);
+    const int recorded = result < 0 ? 0 : enable ? desired_.RecordClientEnable(client) : desired_.RecordClientDisable(ifname, v6);
+    RecordServices();
+    if (v6) {
+        json_object *rules = PolicyRulesJson();
+        out << RenderPolicyRules(rules);
+        json_object_put(rules);
+    }
+    if (result < 0) {
+        err << "kqagent: client " << action << " " << family << " " << ifname << " failed: " << Failure(result) << "\n";
+        return kExitFailed;
+    }
+    if (recorded < 0) {
+        err << "kqagent: client " << action << " " << family << " " << ifname << " done, but " << desired_.Path()
+            << " could not be written: " << Failure(recorded) << "; a restart would not "
+            << (enable ? "restore it" : "know it is disabled") << "\n";
+        return kExitFailed;
+    }
+    out << "client " << action << " " << family << " " << ifname << " (zone " << *zone << "): ok\n";
+    return kExitOk;
+}
 
 CommandResult Agent::Execute(const Command &command)
 {

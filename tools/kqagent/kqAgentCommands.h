@@ -6,9 +6,13 @@
 #include <string>
 #include <vector>
 
+#include <functional>
+#include <map>
 #include <optional>
+#include <set>
 
 #include "kqAgentDesired.h"
+#include "kqAgentServices.h"
 
 namespace kqagent {
 
@@ -39,15 +43,20 @@ class Agent {
 public:
     explicit Agent(bool daemon);
 
-    // The start of an agent: the module's start-up load of `confPath`, then every
-    // desired interface sent again, so that whatever the restore could not rebuild
-    // (zones, IPv6 modes, relay-only interfaces) is restarted whole by change detection.
-    // Reports each interface and returns kExitFailed when one is not reconciled or not
-    // running.
-    int Startup(const std::string &confPath, std::ostream &out, std::ostream &err);
+    // The start of an agent. With a desired state: the registry rebuilt from it (records of
+    // the module's own where they still fit, the module's add for the rest), every service
+    // that runs as configured kept and every other one started through the module; without
+    // one: the module's start-up load of dhcp.conf, when there is one. Reports what it kept
+    // and started; kExitFailed when an interface is not reconciled or a service does not run.
+    int Startup(std::ostream &out, std::ostream &err);
 
-    // For a kqagent process of its own: the registry rebuilt from the desired state
-    // through the module's protobuf converters, without touching any process.
+    // `load PATH`: the module's start-up load of PATH, then every desired interface sent
+    // again, so that what that restore cannot rebuild (zones, IPv6 modes, relay-only
+    // interfaces) is restarted whole by change detection.
+    int LoadFrom(const std::string &confPath, std::ostream &out, std::ostream &err);
+
+    // For a kqagent process of its own: the registry rebuilt from the desired state without
+    // touching any process.
     int RebuildRegistry(std::ostream &err);
 
     // SIGHUP: reads the desired state again and applies the difference.
@@ -56,6 +65,18 @@ public:
     CommandResult Execute(const Command &command);
 
     const DesiredState &Desired() const { return desired_; }
+
+    // Every service the registry and the desired clients call for.
+    std::vector<Service> Wanted() const;
+    // Starts (or restarts) one service through the module's own operation.
+    int StartService(const Service &service);
+    // Records what runs now, so that the next start can keep it; call after every change.
+    void RecordServices();
+
+    // Supervision facts shown by status, filled in by the daemon.
+    std::map<Service, Supervision> supervision;
+    // Called for `load` through the agent: every given-up service is supervised again.
+    std::function<void()> resumeServices;
 
 private:
     int Apply(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err);
@@ -68,8 +89,17 @@ private:
     int Load(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
     int Status(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
     int ReportRunning(std::ostream &out, std::ostream &err);
+    int Client(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
+    // The registry from the desired state; returns the entries that need the module's add.
+    std::vector<const DesiredEntry *> RestoreRegistry(std::ostream &err);
+    bool RunsAsRecorded(const Service &service, const ProcessRecord *record, uint32_t zone) const;
+    int EnableClient(const DesiredClient &client);
     bool daemon_;
     DesiredState desired_;
+    ServiceStore services_;
+    // Interfaces whose registry record came from the converters alone (no record of the
+    // module's to take): not recorded until the module itself has added them again.
+    std::set<std::string> converted_;
 };
 
 }  // namespace kqagent

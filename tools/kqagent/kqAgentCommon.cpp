@@ -90,4 +90,20 @@ std::optional<std::string> ReadTextFile(const std::string &path)
     return text.str();
 }
 
+int InZone(uint32_t zone, std::ostream &err, const std::function<int()> &fn)
+{
+    int saved = -1;
+    if (zone != 0) {
+        const KQ_ERR_T result = KQ_RtcNetNsSaveAndSwitch(zone, &saved);
+        if (result < 0) {
+            err << "kqagent: cannot enter the namespace of zone " << zone << ": " << ErrnoName(result) << "\n";
+            KQ_RtcNetNsSwitchToDefault(&saved);
+            return result;
+        }
+    }
+    const int result = fn();
+    KQ_RtcNetNsSwitchToDefault(&saved);
+    return result;
+}
+
 }  // namespace kqagent

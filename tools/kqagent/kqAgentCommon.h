@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,10 @@ std::string ServerLeaseFile(const std::string &ifname);
 std::string ServerPidFile(const std::string &ifname);
 std::string ClientPidFile(const std::string &ifname, bool v6);
 std::string ClientLeaseFile(const std::string &ifname, bool v6);
+
+// Runs fn with the calling thread inside the zone's namespace (zone 0: where it is), and
+// back; a namespace that cannot be entered is said on err and its result returned.
+int InZone(uint32_t zone, std::ostream &err, const std::function<int()> &fn);
 
 // The whole file, or nullopt when it cannot be read.
 std::optional<std::string> ReadTextFile(const std::string &path);

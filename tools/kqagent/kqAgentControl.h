@@ -6,11 +6,27 @@
 // {"exit":N,"out":"...","err":"..."}; then the agent closes the connection.
 #pragma once
 
+#include <sys/un.h>
+
+#include <cstddef>
 #include <string>
 
 #include "kqAgentCommands.h"
 
 namespace kqagent {
+
+constexpr size_t kMaxLine = 64u << 20;  // a request file is far smaller
+constexpr int kAnswerTimeoutSeconds = 10;
+
+// The protocol's lines, each ending in a newline.
+std::string EncodeCommand(const Command &command);
+bool DecodeCommand(const std::string &line, Command &command);
+std::string EncodeAnswer(const CommandResult &answer);
+// All of text to fd (a socket); false when it could not be sent.
+bool WriteAll(int fd, const std::string &text);
+bool SocketAddress(const std::string &path, sockaddr_un &address);
+// Creates the folders above path (0755).
+void MakeFolder(const std::string &path);
 
 enum class AskOutcome { Answered, NoAgent, Failed };
 
@@ -35,8 +51,9 @@ private:
     int fd_ = -1;
 };
 
-// `kqagent serve`: start-up, then commands from the socket until SIGTERM or SIGINT.
-// SIGHUP re-reads the desired state. Returns the process exit status.
+// `kqagent serve` (kqAgentDaemon.cpp): start-up, then commands from the socket and the
+// supervision of every service until SIGTERM or SIGINT. SIGHUP re-reads the desired state.
+// Returns the process exit status.
 int Serve();
 
 }  // namespace kqagent

@@ -9,6 +9,7 @@
 #include <memory>
 #include <sstream>
 
+#include "kqAgentCommon.h"
 #include "kqHost.h"
 #include "kqHostLinux.h"
 
@@ -47,7 +48,72 @@ DesiredEntry ReadEntry(json_object *item, size_t index)
     return entry;
 }
 
+DesiredClientEntry ReadClient(json_object *object, size_t index)
+{
+    DesiredClientEntry entry;
+    entry.json = Plain(object);
+    const std::string where = "clients[" + std::to_string(index) + "]";
+    auto fail = [&](const std::string &why) {
+        entry.problem = where + ": " + why;
+        return entry;
+    };
+    if (!json_object_is_type(object, json_type_object))
+        return fail("not an object");
+    DesiredClient client;
+    json_object_object_foreach(object, key, value)
+    {
+        const std::string name = key;
+        if (name == "ifname" && json_object_is_type(value, json_type_string))
+            client.ifname = json_object_get_string(value);
+        else if (name == "family" && json_object_is_type(value, json_type_string) &&
+                 (std::string(json_object_get_string(value)) == "ipv4" || std::string(json_object_get_string(value)) == "ipv6"))
+            client.ipv6 = std::string(json_object_get_string(value)) == "ipv6";
+        else if (name == "zone" && json_object_is_type(value, json_type_int) && json_object_get_int64(value) >= 0 &&
+                 json_object_get_int64(value) <= UINT32_MAX)
+            client.zone = static_cast<uint32_t>(json_object_get_int64(value));
+        else if (name == "type" && json_object_is_type(value, json_type_string))
+            client.type = json_object_get_string(value);
+        else if (name == "rs" && json_object_is_type(value, json_type_boolean))
+            client.rs = json_object_get_boolean(value);
+        else
+            return fail("\"" + name + "\" is unknown or of the wrong type");
+    }
+    json_object *family = nullptr;
+    if (!IsUsableIfName(client.ifname))
+        return fail("\"ifname\" is missing or not a usable interface name");
+    if (!json_object_object_get_ex(object, "family", &family))
+        return fail("\"family\" is missing");
+    if (client.ipv6 ? client.type != "stateful" && client.type != "stateless" && client.type != "slaac"
+                    : !client.type.empty() || client.rs)
+        return fail(client.ipv6 ? "\"type\" is stateful, stateless or slaac" : "\"type\" and \"rs\" go with ipv6 only");
+    entry.client = client;
+    return entry;
+}
+
 }  // namespace
+
+std::optional<uint32_t> ParseZone(const std::string &text)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10)
+        return std::nullopt;
+    const unsigned long long value = std::stoull(text);
+    if (value > UINT32_MAX)
+        return std::nullopt;
+    return static_cast<uint32_t>(value);
+}
+
+std::string DesiredClient::Json() const
+{
+    JsonPtr object(json_object_new_object(), json_object_put);
+    json_object_object_add(object.get(), "ifname", json_object_new_string(ifname.c_str()));
+    json_object_object_add(object.get(), "family", json_object_new_string(Family().c_str()));
+    json_object_object_add(object.get(), "zone", json_object_new_int64(zone));
+    if (ipv6) {
+        json_object_object_add(object.get(), "type", json_object_new_string(type.c_str()));
+        json_object_object_add(object.get(), "rs", json_object_new_boolean(rs));
+    }
+    return Plain(object.get());
+}
 
 std::string ItemJson(const Request &request)
 {
@@ -62,13 +128,17 @@ bool DesiredState::Load()
 {
     problem_.clear();
     entries_.clear();
+    clients_.clear();
+    exists_ = false;
     std::ifstream in(path_, std::ios::binary);
     if (!in) {
         if (errno == ENOENT)
             return true;  // nothing accepted yet
+        exists_ = true;
         problem_ = path_ + ": cannot be read: " + strerror(errno);
         return false;
     }
+    exists_ = true;
     std::ostringstream text;
     text << in.rdbuf();
     if (in.bad()) {
@@ -97,7 +167,73 @@ bool DesiredState::Load()
                                  "interfaces[" + std::to_string(i) + "]: " + entry.ifname + " is listed twice"};
         entries_.push_back(std::move(entry));
     }
+    json_object *clients = nullptr;
+    if (json_object_object_get_ex(root.get(), "clients", &clients)) {
+        if (!json_object_is_type(clients, json_type_array)) {
+            problem_ = path_ + ": \"clients\" is not an array";
+            entries_.clear();
+            return false;
+        }
+        for (size_t i = 0; i < json_object_array_length(clients); ++i) {
+            DesiredClientEntry entry = ReadClient(json_object_array_get_idx(clients, i), i);
+            if (entry.client && FindClient(entry.client->ifname, entry.client->ipv6) != nullptr) {
+                entry.problem = "clients[" + std::to_string(i) + "]: " + entry.client->Family() + " " +
+                                entry.client->ifname + " is listed twice";
+                entry.client.reset();
+            }
+            clients_.push_back(std::move(entry));
+        }
+    }
     return true;
+}
+
+const DesiredClient *DesiredState::FindClient(const std::string &ifname, bool ipv6) const
+{
+    for (const auto &entry : clients_)
+        if (entry.client && entry.client->ifname == ifname && entry.client->ipv6 == ipv6)
+            return &*entry.client;
+    return nullptr;
+}
+
+int DesiredState::RecordClientEnable(const DesiredClient &client)
+{
+    if (Broken())
+        return -EIO;
+    const DesiredClient *current = FindClient(client.ifname, client.ipv6);
+    if (current != nullptr && *current == client)
+        return 0;
+    std::vector<DesiredClientEntry> next;
+    bool placed = false;
+    for (const auto &entry : clients_) {
+        const bool same = entry.client && entry.client->ifname == client.ifname && entry.client->ipv6 == client.ipv6;
+        if (!same)
+            next.push_back(entry);
+        else if (!placed)
+            next.push_back(DesiredClientEntry{client.Json(), client, ""});
+        placed = placed || same;
+    }
+    if (!placed)
+        next.push_back(DesiredClientEntry{client.Json(), client, ""});
+    const int result = Save(entries_, next);
+    if (result == 0)
+        clients_ = std::move(next);
+    return result;
+}
+
+int DesiredState::RecordClientDisable(const std::string &ifname, bool ipv6)
+{
+    if (Broken())
+        return -EIO;
+    std::vector<DesiredClientEntry> next;
+    for (const auto &entry : clients_)
+        if (!(entry.client && entry.client->ifname == ifname && entry.client->ipv6 == ipv6))
+            next.push_back(entry);
+    if (next.size() == clients_.size())
+        return 0;
+    const int result = Save(entries_, next);
+    if (result == 0)
+        clients_ = std::move(next);
+    return result;
 }
 
 const DesiredEntry *DesiredState::Find(const std::string &ifname) const
@@ -134,7 +270,7 @@ int DesiredState::RecordAdd(const Request &request)
     }
     if (!placed)
         next.push_back(entry);
-    const int result = Save(next);
+    const int result = Save(next, clients_);
     if (result == 0)
         entries_ = std::move(next);
     return result;
@@ -150,23 +286,33 @@ int DesiredState::RecordDelete(const std::string &ifname)
             next.push_back(entry);
     if (next.size() == entries_.size())
         return 0;
-    const int result = Save(next);
+    const int result = Save(next, clients_);
     if (result == 0)
         entries_ = std::move(next);
     return result;
 }
 
-int DesiredState::Save(const std::vector<DesiredEntry> &entries)
+int DesiredState::Save(const std::vector<DesiredEntry> &entries, const std::vector<DesiredClientEntry> &clients)
 {
     // One item per line: readable, and a diff shows which interface changed. Entries that
     // could not be read are kept as they were.
     std::string text = "{\"interfaces\":[";
     for (size_t i = 0; i < entries.size(); ++i)
         text += std::string(i == 0 ? "\n  " : ",\n  ") + entries[i].itemJson;
-    text += "\n]}\n";
+    text += "\n]";
+    if (!clients.empty()) {
+        text += ",\"clients\":[";
+        for (size_t i = 0; i < clients.size(); ++i)
+            text += std::string(i == 0 ? "\n  " : ",\n  ") + clients[i].json;
+        text += "\n]";
+    }
+    text += "}\n";
     // Durable: after a power cut this document is the only whole copy of the configuration.
     const int32_t written = KQ_HostWriteFile(path_.c_str(), text.c_str(), text.size(), 1);
-    return written < 0 ? static_cast<int>(written) : 0;
+    if (written < 0)
+        return static_cast<int>(written);
+    exists_ = true;
+    return 0;
 }
 
 }  // namespace kqagent

@@ -1,8 +1,9 @@
 // The agent's desired state: the last accepted request of every interface, kept in a JSON
 // document of its own so that every restart can send the whole configuration again.
 //
-// Document: {"interfaces":[<item>, ...]}, each <item> a request file's "item" object, in
-// the order the interfaces were first added. It is rewritten atomically, and only after
+// Document: {"interfaces":[<item>, ...],"clients":[<client>, ...]}, each <item> a request
+// file's "item" object, in the order the interfaces were first added, each <client>
+// {"ifname":..., "family":"ipv4"|"ipv6", "zone":N} with, for ipv6, "type" and "rs". It is rewritten atomically, and only after
 // the module accepted a request. A document that cannot be read is never overwritten:
 // the operator's copy is the only one there is.
 #pragma once
@@ -22,6 +23,28 @@ struct DesiredEntry {
     std::string problem;   // why the entry cannot be used
 };
 
+// A DHCP client the operator enabled: `kqagent client enable ipv4|ipv6 IFNAME`, with the zone
+// it was enabled in and, for IPv6, the address configuration type and whether a router
+// solicitation goes first.
+struct DesiredClient {
+    std::string ifname;
+    bool ipv6 = false;
+    uint32_t zone = 0;
+    std::string type;  // ipv6: "stateful", "stateless" or "slaac"; ipv4: ""
+    bool rs = false;
+
+    std::string Family() const { return ipv6 ? "ipv6" : "ipv4"; }
+    // One line of JSON, as the document keeps it.
+    std::string Json() const;
+    bool operator==(const DesiredClient &other) const = default;
+};
+
+struct DesiredClientEntry {
+    std::string json;                     // as stored
+    std::optional<DesiredClient> client;  // empty when unreadable
+    std::string problem;
+};
+
 class DesiredState {
 public:
     explicit DesiredState(std::string path) : path_(std::move(path)) {}
@@ -29,6 +52,8 @@ public:
     // Reads the document. A missing file is an empty state. Returns false, with `Problem()`
     // naming the file and the fault, when the document cannot be used at all.
     bool Load();
+    // True when the last Load found a document (readable or not).
+    bool Exists() const { return exists_; }
     bool Broken() const { return !problem_.empty(); }
     const std::string &Problem() const { return problem_; }
     const std::string &Path() const { return path_; }
@@ -45,12 +70,25 @@ public:
     int RecordAdd(const Request &request);
     int RecordDelete(const std::string &ifname);
 
+    const std::vector<DesiredClientEntry> &Clients() const { return clients_; }
+    // The enabled client of an interface and family, or null.
+    const DesiredClient *FindClient(const std::string &ifname, bool ipv6) const;
+    // Records an enable (replacing the entry of the same interface and family in place) or
+    // a disable, and writes the document; 0 or a negative errno as above.
+    int RecordClientEnable(const DesiredClient &client);
+    int RecordClientDisable(const std::string &ifname, bool ipv6);
+
 private:
-    int Save(const std::vector<DesiredEntry> &entries);
+    int Save(const std::vector<DesiredEntry> &entries, const std::vector<DesiredClientEntry> &clients);
     std::string path_;
     std::string problem_;
+    bool exists_ = false;
     std::vector<DesiredEntry> entries_;
+    std::vector<DesiredClientEntry> clients_;
 };
+
+// The zone text of a command line or document: 0..4294967295, digits only.
+std::optional<uint32_t> ParseZone(const std::string &text);
 
 // The "item" of a request, as one line of JSON.
 std::string ItemJson(const Request &request);

@@ -207,7 +207,9 @@ int Run(Command command)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     Agent agent(false);
-    if (!command.argv.empty() && command.argv[0] == "apply" && agent.RebuildRegistry(std::cerr) != kExitOk) {
+    // A change records what runs for the next start: it needs the registry the agent would have.
+    const bool changes = !command.argv.empty() && (command.argv[0] == "apply" || command.argv[0] == "client");
+    if (changes && agent.RebuildRegistry(std::cerr) != kExitOk) {
         std::cerr << "kqagent: nothing applied\n";
         return kExitFailed;
     }

@@ -14,6 +14,7 @@
 
 #include "kqAgentCommon.h"
 #include "kqAgentInventory.h"
+#include "kqAgentProcess.h"
 #include "kqCtrlDynamic.h"
 #include "kqHostLinux.h"
 
@@ -26,65 +27,39 @@ const char *kRelayConfFile = KQ_DYNAMIC_RELAY_CONF_PATH;
 
 json_object *Str(const std::string &text) { return json_object_new_string(text.c_str()); }
 
-std::vector<std::string> Cmdline(pid_t pid)
-{
-    std::vector<std::string> args;
-    const auto text = ReadTextFile("/proc/" + std::to_string(pid) + "/cmdline");
-    if (!text)
-        return args;
-    std::string current;
-    for (char c : *text) {
-        if (c == '\0') {
-            args.push_back(current);
-            current.clear();
-        } else {
-            current += c;
-        }
-    }
-    return args;
-}
-
-std::string Basename(const std::string &path) { return path.substr(path.rfind('/') + 1); }
-
-// A process known only through its pid file; `matches` tells whether /proc shows the
-// program the file belongs to (a pid file can outlive its process or name a reused pid).
-json_object *ProcessJson(const std::string &pidFile, const std::function<bool(const std::vector<std::string> &)> &matches)
-{
-    json_object *process = json_object_new_object();
-    json_object_object_add(process, "pidFile", Str(pidFile));
-    const auto text = ReadTextFile(pidFile);
-    const long pid = text ? std::strtol(text->c_str(), nullptr, 10) : 0;
-    json_object_object_add(process, "pid", pid > 0 ? json_object_new_int64(pid) : nullptr);
-    const auto args = pid > 0 ? Cmdline(static_cast<pid_t>(pid)) : std::vector<std::string>{};
-    const bool running = !args.empty() && matches(args);
-    json_object_object_add(process, "running", json_object_new_boolean(running));
-    if (!running && text)
-        json_object_object_add(process, "stale", json_object_new_boolean(true));
-    if (running) {
-        std::string line;
-        for (const auto &arg : args)
-            line += (line.empty() ? "" : " ") + arg;
-        json_object_object_add(process, "cmdline", Str(line));
-    }
-    return process;
-}
-
 bool HasArg(const std::vector<std::string> &args, const std::string &arg)
 {
     return std::find(args.begin() + 1, args.end(), arg) != args.end();
 }
 
+// A process known only through its pid file; `matches` adds what the program's own
+// arguments must show beyond the pid file (a pid file can outlive its process or name a
+// reused pid).
+json_object *ProcessJson(const std::string &pidFile, const char *program,
+                         const std::function<bool(const std::vector<std::string> &)> &matches)
+{
+    const Process found = ProcessOf(pidFile, program);
+    const bool running = found.running && matches(found.args);
+    json_object *process = json_object_new_object();
+    json_object_object_add(process, "pidFile", Str(pidFile));
+    json_object_object_add(process, "pid", found.pid > 0 ? json_object_new_int64(found.pid) : nullptr);
+    json_object_object_add(process, "running", json_object_new_boolean(running));
+    if (!running && found.pidFileExists)
+        json_object_object_add(process, "stale", json_object_new_boolean(true));
+    if (running)
+        json_object_object_add(process, "cmdline", Str(found.CommandLine()));
+    return process;
+}
+
 json_object *DnsmasqProcess(const std::string &pidFile)
 {
-    return ProcessJson(pidFile, [&](const std::vector<std::string> &args) {
-        return Basename(args[0]) == "dnsmasq" && HasArg(args, "--pid-file=" + pidFile);
-    });
+    return ProcessJson(pidFile, "dnsmasq", [](const std::vector<std::string> &) { return true; });
 }
 
 json_object *DhclientProcess(const std::string &ifname, bool v6)
 {
-    return ProcessJson(ClientPidFile(ifname, v6), [&](const std::vector<std::string> &args) {
-        return Basename(args[0]) == "dhclient" && HasArg(args, ifname) && HasArg(args, "-6") == v6;
+    return ProcessJson(ClientPidFile(ifname, v6), "dhclient", [&](const std::vector<std::string> &args) {
+        return HasArg(args, ifname) && HasArg(args, "-6") == v6;
     });
 }
 
@@ -291,12 +266,8 @@ struct Json {
 
 long RunningDnsmasq(const std::string &pidFile)
 {
-    json_object *process = DnsmasqProcess(pidFile);
-    const long pid = json_object_get_boolean(Member(process, "running"))
-                         ? std::strtol(Field(process, "pid").c_str(), nullptr, 10)
-                         : 0;
-    json_object_put(process);
-    return pid;
+    const Process process = ProcessOf(pidFile, "dnsmasq");
+    return process.running ? process.pid : 0;
 }
 
 json_object *ParseDnsmasqLeases(const std::string &text)
@@ -435,7 +406,26 @@ std::string RenderPolicyRules(json_object *rules)
     return text;
 }
 
-json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const DesiredState &desired, bool fromAgent)
+namespace {
+
+void AddSupervision(json_object *process, const std::map<Service, Supervision> &supervision, const Service &service)
+{
+    const auto it = supervision.find(service);
+    if (it == supervision.end())
+        return;
+    json_object *facts = json_object_new_object();
+    json_object_object_add(facts, "restarts", json_object_new_int64(it->second.restarts));
+    if (!it->second.lastExit.empty())
+        json_object_object_add(facts, "lastExit", Str(it->second.lastExit));
+    if (!it->second.gaveUp.empty())
+        json_object_object_add(facts, "gaveUp", Str(it->second.gaveUp));
+    json_object_object_add(process, "supervision", facts);
+}
+
+}  // namespace
+
+json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const DesiredState &desired, bool fromAgent,
+                           const std::map<Service, Supervision> &supervision)
 {
     json_object *status = json_object_new_object();
     json_object *agent = json_object_new_object();
@@ -473,6 +463,9 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
     };
     for (const auto &entry : desired.Entries())
         note(entry.ifname);
+    for (const auto &entry : desired.Clients())
+        if (entry.client)
+            note(entry.client->ifname);
     for (size_t i = 0; items != nullptr && i < json_object_array_length(items); ++i)
         note(Field(json_object_array_get_idx(items, i), "ifname"));
     // Configured: desired, in dhcp.conf, or a running dhclient (the client side keeps no other record).
@@ -547,8 +540,20 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
         json_object_object_add(entry, "drift",
                                Drift(ifname, wanted, item != nullptr, isLan ? lan.CommConf.VpnId : 0,
                                      Member(server, "process"), relayText, relayRunning));
-        json_object_object_add(entry, "dhclient", ClientJson(ifname, false));
-        json_object_object_add(entry, "dhclient6", ClientJson(ifname, true));
+        AddSupervision(Member(server, "process"), supervision, Service{ServiceKind::Server, ifname});
+        json_object *drift = Member(entry, "drift");
+        for (const bool v6 : {false, true}) {
+            json_object *client = ClientJson(ifname, v6);
+            AddSupervision(Member(client, "process"), supervision, Service{v6 ? ServiceKind::Client6 : ServiceKind::Client4, ifname});
+            const DesiredClient *wantedClient = desired.FindClient(ifname, v6);
+            if (wantedClient != nullptr) {
+                json_object_object_add(client, "desired", json_tokener_parse(wantedClient->Json().c_str()));
+                // A SLAAC client runs no dhclient of its own.
+                if (!(v6 && wantedClient->type == "slaac") && !json_object_get_boolean(Member(Member(client, "process"), "running")))
+                    json_object_array_add(drift, Str(std::string(v6 ? "dhclient6" : "dhclient") + " is not running"));
+            }
+            json_object_object_add(entry, v6 ? "dhclient6" : "dhclient", client);
+        }
         json_object_array_add(interfaces, entry);
     }
     json_object_object_add(status, "interfaces", interfaces);
@@ -556,6 +561,7 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
 
     json_object *relay = json_object_new_object();
     json_object_object_add(relay, "process", DnsmasqProcess(kRelayPidFile));
+    AddSupervision(Member(relay, "process"), supervision, Service{ServiceKind::Relay, ""});
     json_object_object_add(relay, "confFile", Str(kRelayConfFile));
     json_object *lines = json_object_new_array();
     if (const auto text = ReadTextFile(kRelayConfFile)) {
@@ -584,7 +590,17 @@ std::string ProcessLine(const char *what, json_object *process)
         text += "not running (stale pid file, pid " + (Field(process, "pid").empty() ? "?" : Field(process, "pid")) + ")";
     else
         text += "not running";
-    return text + " [" + Field(process, "pidFile") + "]\n";
+    text += " [" + Field(process, "pidFile") + "]";
+    if (json_object *supervised = Member(process, "supervision")) {
+        const std::string restarts = Field(supervised, "restarts");
+        std::string facts = "restarted " + restarts + (restarts == "1" ? " time" : " times");
+        if (!Field(supervised, "lastExit").empty())
+            facts += ", last exit: " + Field(supervised, "lastExit");
+        if (!Field(supervised, "gaveUp").empty())
+            facts += "; GAVE UP at " + Field(supervised, "gaveUp");
+        text += " (" + facts + ")";
+    }
+    return text + "\n";
 }
 
 std::string Strings(json_object *array)

@@ -7,15 +7,19 @@
 #include <string>
 #include <vector>
 
+#include <map>
+
 #include "kqAgentDesired.h"
+#include "kqAgentServices.h"
 
 namespace kqagent {
 
 // The whole status as a JSON document (the caller releases it with json_object_put).
 // With names given, only those interfaces are listed. Each interface shows its desired
 // configuration beside what runs, and "drift" lists where the two differ.
+// A process the agent supervises carries "supervision" {restarts, lastExit?, gaveUp?}.
 json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const DesiredState &desired,
-                           bool fromAgent);
+                           bool fromAgent, const std::map<Service, Supervision> &supervision);
 
 // The pid of the dnsmasq that owns pidFile (confirmed through /proc), 0 when none runs.
 long RunningDnsmasq(const std::string &pidFile);

@@ -1,0 +1,241 @@
+#include "kqAgentSupervisor.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <iostream>
+
+#include "kqAgentCommon.h"
+#include "kqAgentProcess.h"
+
+#ifndef P_PIDFD
+#define P_PIDFD 3
+#endif
+
+namespace kqagent {
+
+namespace {
+
+int PidfdOpen(pid_t pid) { return static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); }
+
+std::string Now()
+{
+    const time_t now = time(nullptr);
+    char text[32] = "";
+    strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", localtime(&now));
+    return text;
+}
+
+}  // namespace
+
+std::chrono::milliseconds RestartPolicy::Delay(unsigned death) const
+{
+    const unsigned doublings = death > 1 ? std::min(death - 1, 16u) : 0;
+    return firstDelay * (1u << doublings);
+}
+
+std::string ExitText(int code, int status)
+{
+    if (code == CLD_EXITED)
+        return "exit status " + std::to_string(status);
+    const char *name = sigabbrev_np(status);
+    const std::string signal = std::to_string(status) + (name != nullptr ? std::string(" (") + name + ")" : "");
+    return (code == CLD_DUMPED ? "dumped core on signal " : "killed by signal ") + signal;
+}
+
+Supervisor::Supervisor(Agent &agent, sd_event *event, RestartPolicy policy) : agent_(agent), event_(event), policy_(policy)
+{
+}
+
+Supervisor::~Supervisor()
+{
+    for (auto &[service, watch] : watches_) {
+        Unfollow(watch);
+        sd_event_source_disable_unref(watch.timer);
+    }
+}
+
+void Supervisor::Follow(Watch &watch, pid_t pid, uint64_t startTime)
+{
+    Unfollow(watch);
+    sd_event_source_disable_unref(watch.timer);
+    watch.timer = nullptr;
+    watch.pid = pid;
+    watch.startTime = startTime;
+    watch.since = std::chrono::steady_clock::now();
+    watch.pidfd = PidfdOpen(pid);
+    if (watch.pidfd < 0) {
+        // Gone between the look and the watch: that is a death like any other.
+        Died(watch, "exited");
+        return;
+    }
+    if (sd_event_add_io(event_, &watch.exitSource, watch.pidfd, EPOLLIN, OnExit, &watch) < 0) {
+        std::cerr << "kqagent: " << watch.service.Name() << ": cannot watch pid " << pid << ": " << strerror(errno)
+                  << "; it is checked again after the next command" << std::endl;
+        close(watch.pidfd);
+        watch.pidfd = -1;
+        watch.pid = 0;
+    }
+}
+
+void Supervisor::Unfollow(Watch &watch)
+{
+    watch.exitSource = sd_event_source_disable_unref(watch.exitSource);
+    if (watch.pidfd >= 0)
+        close(watch.pidfd);
+    watch.pidfd = -1;
+}
+
+void Supervisor::Sync()
+{
+    std::map<Service, bool> wanted;
+    for (const Service &service : agent_.Wanted())
+        wanted[service] = true;
+    for (auto it = watches_.begin(); it != watches_.end();) {
+        if (wanted.count(it->first) != 0) {
+            ++it;
+            continue;
+        }
+        // Deleted or disabled: never restarted again.
+        Unfollow(it->second);
+        sd_event_source_disable_unref(it->second.timer);
+        agent_.supervision.erase(it->first);
+        it = watches_.erase(it);
+    }
+    for (const auto &[service, unused] : wanted) {
+        auto [it, fresh] = watches_.try_emplace(service);
+        Watch &watch = it->second;
+        if (fresh) {
+            watch.owner = this;
+            watch.service = service;
+            watch.since = std::chrono::steady_clock::now();
+            agent_.supervision[service];
+        }
+        const Process process = ProcessOf(service.PidFile(), service.Program());
+        if (process.running) {
+            if (watch.pidfd < 0 || watch.pid != process.pid || watch.startTime != process.startTime) {
+                // Started by a command (or found at start): a new row begins.
+                watch.deathsInRow = 0;
+                watch.gaveUp = false;
+                agent_.supervision[service].gaveUp.clear();
+                Follow(watch, process.pid, process.startTime);
+            }
+            continue;
+        }
+        if (watch.gaveUp || watch.timer != nullptr)
+            continue;
+        // Wanted but not running: whatever command left it so, it is restarted like one that died.
+        Unfollow(watch);
+        watch.diedPid = process.pid;
+        Died(watch, process.pidFileExists ? "not running (stale pid file)" : "not running");
+    }
+}
+
+void Supervisor::Resume()
+{
+    for (auto &[service, watch] : watches_) {
+        if (!watch.gaveUp)
+            continue;
+        watch.gaveUp = false;
+        watch.deathsInRow = 0;
+        agent_.supervision[service].gaveUp.clear();
+    }
+}
+
+void Supervisor::Reap()
+{
+    for (;;) {
+        siginfo_t info{};
+        if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG) != 0 || info.si_pid == 0)
+            return;
+        for (const auto &[service, watch] : watches_)
+            if (watch.pid == info.si_pid)
+                exits_[info.si_pid] = ExitText(info.si_code, info.si_status);
+    }
+}
+
+int Supervisor::OnExit(sd_event_source *, int fd, uint32_t, void *data)
+{
+    auto &watch = *static_cast<Watch *>(data);
+    Supervisor &self = *watch.owner;
+    std::string how = "exited";
+    siginfo_t info{};
+    if (waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(fd), &info, WEXITED | WNOHANG) == 0 && info.si_pid != 0) {
+        how = ExitText(info.si_code, info.si_status);
+    } else if (const auto it = self.exits_.find(watch.pid); it != self.exits_.end()) {
+        how = it->second;
+    }
+    self.exits_.erase(watch.pid);
+    watch.diedPid = watch.pid;
+    self.Unfollow(watch);
+    watch.pid = 0;
+    self.Died(watch, how);
+    return 0;
+}
+
+void Supervisor::Died(Watch &watch, const std::string &how)
+{
+    Supervision &facts = agent_.supervision[watch.service];
+    facts.lastExit = how;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - watch.since >= policy_.stableAfter)
+        watch.deathsInRow = 0;
+    ++watch.deathsInRow;
+    const std::string who = watch.service.Name() + (watch.diedPid > 0 ? " (pid " + std::to_string(watch.diedPid) + ")" : "");
+    if (watch.deathsInRow >= policy_.giveUpAfter) {
+        watch.gaveUp = true;
+        facts.gaveUp = Now();
+        std::cerr << "kqagent: " << who << ": " << how << "; gave up after " << watch.deathsInRow
+                  << " failures in a row ('kqagent load' starts it again)" << std::endl;
+        return;
+    }
+    const uint64_t delay = static_cast<uint64_t>(std::chrono::microseconds(policy_.Delay(watch.deathsInRow)).count());
+    if (sd_event_add_time_relative(event_, &watch.timer, CLOCK_MONOTONIC, delay, 0, OnTimer, &watch) < 0) {
+        std::cerr << "kqagent: " << who << ": " << how << "; cannot schedule its restart: " << strerror(errno) << std::endl;
+        watch.timer = nullptr;
+        return;
+    }
+    watch.since = now;
+}
+
+int Supervisor::OnTimer(sd_event_source *, uint64_t, void *data)
+{
+    auto &watch = *static_cast<Watch *>(data);
+    watch.owner->Restart(watch);
+    return 0;
+}
+
+void Supervisor::Restart(Watch &watch)
+{
+    watch.timer = sd_event_source_disable_unref(watch.timer);
+    const Service service = watch.service;
+    Supervision &facts = agent_.supervision[service];
+    const std::string who = service.Name() + (watch.diedPid > 0 ? " (pid " + std::to_string(watch.diedPid) + ")" : "");
+    // The pid file of a process known to be gone says nothing any more; the module would
+    // only warn about it.
+    if (const Process old = ProcessOf(service.PidFile(), service.Program()); old.Stale())
+        unlink(service.PidFile().c_str());
+    const int result = agent_.StartService(service);
+    ++facts.restarts;
+    const Process process = ProcessOf(service.PidFile(), service.Program());
+    if (result >= 0 && process.running) {
+        std::cerr << "kqagent: " << who << ": " << facts.lastExit << "; restarted, pid " << process.pid << " (restart "
+                  << facts.restarts << ")" << std::endl;
+        watch.diedPid = 0;
+        const unsigned row = watch.deathsInRow;
+        Follow(watch, process.pid, process.startTime);
+        watch.deathsInRow = row;  // a quick death after this restart continues the row
+        agent_.RecordServices();
+        return;
+    }
+    std::cerr << "kqagent: " << who << ": " << facts.lastExit << "; restart " << facts.restarts << " failed"
+              << (result < 0 ? " (" + ErrnoName(result) + ")" : " (it does not run)") << std::endl;
+    Died(watch, result < 0 ? "did not start (" + ErrnoName(result) + ")" : "did not start");
+}
+
+}  // namespace kqagent
