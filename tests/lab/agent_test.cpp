@@ -185,11 +185,12 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
         {nullptr, "status", 0, {"\nlan1: zone 7 (netns vpn7)\n"}, "\nlan9: zone"},
         {nullptr, "apply " + dir.File("delete.json"), 0, {"[0] delete lan1"}, "kqagent:"},
         {nullptr, "status", 0, {"no interfaces configured\n", "stale files (interfaces not configured):\n  lan1: /etc/vyr_dhcpd_lan1.leases\n"}, "lan1: zone"},
-        {R"({ "dhcps": [ ] })", "load", 0,
+        // A dhcp.conf named on the command line is restored as it stands, the module's way.
+        {R"({ "dhcps": [ ] })", "load " + dhcpConf, 0,
          {"dhcp.conf at " + dhcpConf + " holds no interfaces; nothing to restore\nloaded " + dhcpConf + "\n"}, ""},
         {nullptr, "load " + dir.File("none.conf"), 1,
          {"kqagent: dhcp.conf at " + dir.File("none.conf") + " is missing; nothing to restore\n"}, ""},
-        {R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpIpv4Se)", "load", 1,
+        {R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpIpv4Se)", "load " + dhcpConf, 1,
          {"kqagent: dhcp.conf at " + dhcpConf + " is not a document; its backup " + dhcpConf + ".bak is intact: kqagent load " +
           dhcpConf + ".bak\n"}, "vaild"},
         // lan1 turned relay: the leases its server handed out are not the relay's.

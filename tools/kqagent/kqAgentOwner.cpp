@@ -261,7 +261,7 @@ int Agent::Startup(std::ostream &out, std::ostream &err)
             status = LoadFrom(confPath, out, err);
         else if (desired_.Broken())
             status = kExitFailed;
-        if (desired_.Broken() && status == kExitOk) {
+        if (desired_.Broken()) {
             err << "kqagent: could not reconcile every interface (" << desired_.Problem() << ")\n";
             status = kExitFailed;
         }
