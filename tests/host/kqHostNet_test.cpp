@@ -117,6 +117,34 @@ TEST(HostRules, AddReplacesByZoneAndIdDelNeedsAMatch)
     KQ_HostRuleClear();
 }
 
+// The table kept in a file outlives the process that wrote it; one of another layout is not read.
+TEST(HostRules, AKeptTableIsReadBackByTheNextProcess)
+{
+    hosttest::TempDir dir("/run");
+    const std::string file = dir.path + "/rules";
+    KQ_HostRuleClear();
+    ASSERT_EQ(KQ_HostRuleKeepIn(file.c_str()), 0);  // none yet
+    KQ_CONF_RULE rule{};
+    rule.Zone = 2;
+    rule.Id = 7;
+    rule.Match.DstPortNum = 2;
+    ASSERT_EQ(KQ_RtcRuleConfAdd(&rule, 0, FALSE, TRUE), 0);
+    rule.Id = 8;
+    ASSERT_EQ(KQ_RtcRuleConfAdd(&rule, 0, FALSE, TRUE), 0);
+    ASSERT_EQ(KQ_RtcRuleConfDel(2, 8, 0, 2, TRUE), 0);
+    KQ_HostRuleClear();  // as a new process starts
+    ASSERT_EQ(KQ_HostRuleKeepIn(file.c_str()), 0);
+    ASSERT_EQ(KQ_HostRuleCount(), 1u);
+    EXPECT_EQ(std::make_tuple(KQ_HostRuleAt(0)->Zone, KQ_HostRuleAt(0)->Id, KQ_HostRuleAt(0)->Match.DstPortNum),
+              std::make_tuple(uint8_t(2), 7u, uint8_t(2)));
+    KQ_HostRuleClear();
+    std::ofstream(file, std::ios::binary) << "kqrules1" << std::string(4, '\x01') << std::string(64, '\0');
+    EXPECT_EQ(KQ_HostRuleKeepIn(file.c_str()), 0);
+    EXPECT_EQ(KQ_HostRuleCount(), 0u);
+    EXPECT_EQ(KQ_HostRuleKeepIn(""), -EINVAL);
+    KQ_HostRuleClear();
+}
+
 // The module closes its sockets through the host.
 TEST(HostSockets, CloseAndErrorCheck)
 {

@@ -4,6 +4,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <iostream>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -86,7 +87,15 @@ std::string ServicesPath()
 
 }  // namespace
 
-Agent::Agent(bool daemon) : daemon_(daemon), desired_(KQ_HostDesiredStatePath()), services_(ServicesPath()) {}
+Agent::Agent(bool daemon) : daemon_(daemon), desired_(KQ_HostDesiredStatePath()), services_(ServicesPath())
+{
+    // The policy rules of the DHCPv6 clients outlive the agent, as a data path's table
+    // would: beside the control socket, under /run, so that a reboot clears them.
+    const std::string socket = KQ_HostControlSocketPath();
+    const std::string rules = socket.substr(0, socket.rfind('/') + 1) + "policy-rules";
+    if (const KQ_ERR_T result = KQ_HostRuleKeepIn(rules.c_str()); result < 0)
+        std::cerr << "kqagent: " << rules << ": " << ErrnoName(result) << "; the policy rules start empty" << std::endl;
+}
 
 int Agent::ReportRunning(std::ostream &out, std::ostream &err)
 {

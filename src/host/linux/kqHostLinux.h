@@ -80,6 +80,8 @@
  *
  * Rules: KQ_RtcRuleConfAdd replaces a rule with the same Zone and Id (result 0);
  *   KQ_RtcRuleConfDel returns -ENOENT when there is none. The other arguments are not used.
+ *   With a file named by KQ_HostRuleKeepIn, a change that cannot be written there returns
+ *   the write's negative errno (the table in memory has the change).
  *
  * All operations are thread-safe except the flex-log buffer, which is per thread anyway.
  */
@@ -114,6 +116,12 @@ const char *KQ_HostConfigPath(void);
 size_t KQ_HostRuleCount(void);
 const KQ_CONF_RULE *KQ_HostRuleAt(size_t Index);
 void KQ_HostRuleClear(void);
+
+/* Keeps the rule table in Path from now on: the rules it holds (written by an earlier
+ * process) are read in, and every add and delete rewrites it. A file of another layout is
+ * not read. 0, or a negative errno when it exists but cannot be read. KQ_HostRuleClear
+ * forgets the file. */
+KQ_ERR_T KQ_HostRuleKeepIn(const char *Path);
 
 /* The LAN table of the settings: count, and a copy of entry Index (-ERANGE past the end). */
 size_t KQ_HostLanCount(void);
