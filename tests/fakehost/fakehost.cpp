@@ -390,6 +390,12 @@ int32_t KQ_WriteSyncWithFilePath(const char *Path, const char *Data, size_t Len)
     return 0;
 }
 
+// The reference host's write for the agent's own files, recorded like the module's.
+KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int)
+{
+    return KQ_WriteSyncWithFilePath(Path, Data, Len);
+}
+
 KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
 {
     Host().Copies.emplace_back(From, To);

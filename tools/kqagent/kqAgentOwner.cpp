@@ -1,6 +1,7 @@
 // The agent owns what it runs: at start it rebuilds the module's registry from the desired
 // state and keeps every service that runs as configured, starting only the others; after
 // every change it records what runs, so that the next start can tell the two apart.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -35,6 +36,23 @@ uint32_t LanZone(const std::string &ifname)
 std::string WantedOf(const DesiredEntry &entry)
 {
     return Fingerprint(entry.itemJson + "\nzone " + std::to_string(LanZone(entry.ifname)));
+}
+
+uint64_t Inode(const std::string &path)
+{
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_ino) : 0;
+}
+
+// The inode of a zone's network namespace (zone 0: the agent's own), 0 when it has none.
+uint64_t ZoneNetns(uint32_t zone)
+{
+    if (zone == 0)
+        return Inode("/proc/self/ns/net");
+    char name[64] = {};
+    if (KQ_HostNetnsName(zone, name, sizeof(name)) < 0)
+        return 0;
+    return Inode(std::string("/run/netns/") + name);
 }
 
 std::string ClientKey(const std::string &ifname, bool ipv6) { return std::string(ipv6 ? "ipv6 " : "ipv4 ") + ifname; }

@@ -1,12 +1,14 @@
 #include "kqAgentProcess.h"
 
+#include <signal.h>
+#include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
 
 #include "kqAgentCommon.h"
-#include "kqHostLinux.h"
 
 namespace kqagent {
 
@@ -136,14 +138,13 @@ Process ProcessOf(const std::string &pidFile, const std::string &program)
     return *found;
 }
 
-uint64_t ZoneNetns(uint32_t zone)
+std::string ExitText(int code, int status)
 {
-    if (zone == 0)
-        return Inode("/proc/self/ns/net");
-    char name[64] = {};
-    if (KQ_HostNetnsName(zone, name, sizeof(name)) < 0)
-        return 0;
-    return Inode(std::string("/run/netns/") + name);
+    if (code == CLD_EXITED)
+        return "exit status " + std::to_string(status);
+    const char *name = sigabbrev_np(status);
+    const std::string signal = std::to_string(status) + (name != nullptr ? std::string(" (") + name + ")" : "");
+    return (code == CLD_DUMPED ? "dumped core on signal " : "killed by signal ") + signal;
 }
 
 std::string Fingerprint(std::string_view text)

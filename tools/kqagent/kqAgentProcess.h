@@ -42,8 +42,9 @@ Process ProcessOf(const std::string &pidFile, const std::string &program);
 // The same facts for a pid, without a pid file: nullopt when no such process runs.
 std::optional<Process> ProcessAt(pid_t pid);
 
-// The inode of a zone's network namespace (zone 0: the agent's own), 0 when it has none.
-uint64_t ZoneNetns(uint32_t zone);
+// How a child ended, from waitid's si_code and si_status: "exit status 3", "killed by
+// signal 9 (KILL)", "dumped core on signal 11 (SEGV)".
+std::string ExitText(int code, int status);
 
 // 64-bit FNV-1a of a text, in 16 hexadecimal digits: a stable fingerprint for the agent's
 // own records, not a security measure.

@@ -33,21 +33,6 @@ std::string Now()
 
 }  // namespace
 
-std::chrono::milliseconds RestartPolicy::Delay(unsigned death) const
-{
-    const unsigned doublings = death > 1 ? std::min(death - 1, 16u) : 0;
-    return firstDelay * (1u << doublings);
-}
-
-std::string ExitText(int code, int status)
-{
-    if (code == CLD_EXITED)
-        return "exit status " + std::to_string(status);
-    const char *name = sigabbrev_np(status);
-    const std::string signal = std::to_string(status) + (name != nullptr ? std::string(" (") + name + ")" : "");
-    return (code == CLD_DUMPED ? "dumped core on signal " : "killed by signal ") + signal;
-}
-
 Supervisor::Supervisor(Agent &agent, sd_event *event, RestartPolicy policy) : agent_(agent), event_(event), policy_(policy)
 {
 }

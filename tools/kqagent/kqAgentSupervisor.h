@@ -12,6 +12,7 @@
 #include <sys/types.h>
 #include <systemd/sd-event.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <string>
@@ -26,11 +27,11 @@ struct RestartPolicy {
     std::chrono::seconds stableAfter{60};     // a run this long ends a row
     // The delay before restart `death` of a row (1 for the first death): firstDelay doubled
     // for each earlier one.
-    std::chrono::milliseconds Delay(unsigned death) const;
+    std::chrono::milliseconds Delay(unsigned death) const
+    {
+        return firstDelay * (1u << (death > 1 ? std::min(death - 1, 16u) : 0u));
+    }
 };
-
-// "exit status 3", "killed by signal 9 (KILL)", "dumped core on signal 11 (SEGV)".
-std::string ExitText(int code, int status);
 
 class Supervisor {
 public:
