@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <iostream>
-#include <map>
 #include <optional>
 #include <sstream>
 
@@ -46,15 +45,6 @@ std::optional<ParsedRequests> ParseRequestText(const std::string &path, const st
     return parsed;
 }
 
-// The first argument that is not an option: the request file of apply and check.
-std::string FileArgument(const std::vector<std::string> &args)
-{
-    for (const auto &arg : args)
-        if (!arg.empty() && arg[0] != '-')
-            return arg;
-    return "";
-}
-
 template <class Fn>
 void ForEachNode(Fn fn)
 {
@@ -65,17 +55,6 @@ void ForEachNode(Fn fn)
 bool RelayActive(const KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) { return (conf.DynamicRelayConf.NetAddrType & KQ_NET_ADDR_IPV4) != 0; }
 
 const char *kRelayPidFile = KQ_DYNAMIC_RELAY_PID_PATH;
-
-}  // namespace
-
-int Usage(std::ostream &err, const std::string &problem, const std::string &command)
-{
-    err << "kqagent: " << problem << "\n";
-    err << "try 'kqagent help" << (command.empty() ? "" : " " + command) << "'\n";
-    return kExitUsage;
-}
-
-namespace {
 
 // The agent's record of what it runs, beside the desired state.
 std::string ServicesPath()
@@ -201,24 +180,6 @@ int Agent::Reload(std::ostream &out, std::ostream &err)
 
 namespace {
 
-// FILE plus the flags a command allows; kExitOk, or the usage problem on err.
-int FileAndFlags(const std::vector<std::string> &args, const std::string &command,
-                 const std::map<std::string, bool *> &flags, std::string &file, std::ostream &err)
-{
-    for (const auto &arg : args) {
-        const auto it = flags.find(arg);
-        if (it != flags.end())
-            *it->second = true;
-        else if (!arg.empty() && arg[0] == '-')
-            return Usage(err, command + ": unknown option " + arg, command);
-        else if (file.empty())
-            file = arg;
-        else
-            return Usage(err, command + " takes one request file", command);
-    }
-    return file.empty() ? Usage(err, command + " needs a request file", command) : kExitOk;
-}
-
 // The module's default DNS server for an interface: its first address, read as the module does.
 DefaultDns HostDefaultDns()
 {
@@ -275,14 +236,12 @@ std::optional<ParsedRequests> Agent::Checked(const std::string &file, const std:
     return parsed;
 }
 
-int Agent::Check(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err)
+int Agent::Check(const VerbCall &call)
 {
-    std::string file;
-    bool strict = false;
-    if (const int usage = FileAndFlags(args, "check", {{"--strict", &strict}}, file, err); usage != kExitOk)
-        return usage;
+    const std::string &file = call.invocation.args[0];
+    std::ostream &out = call.out;
     std::vector<Request> current;
-    const auto parsed = Checked(file, text, strict, current, err);
+    const auto parsed = Checked(file, call.fileText, call.invocation.Has("--strict"), current, call.err);
     if (!parsed)
         return kExitUsage;
     out << file << ": " << parsed->requests.size() << " request(s), all valid\n";
@@ -291,19 +250,13 @@ int Agent::Check(const std::vector<std::string> &args, const std::string &text, 
     return kExitOk;
 }
 
-int Agent::Plan(const std::vector<std::string> &args, const std::string &text, bool dryRun, std::ostream &out,
-                std::ostream &err)
+int Agent::Plan(const VerbCall &call)
 {
-    const std::string command = dryRun ? "apply" : "plan";
-    std::string file;
-    bool strict = false, dryRunFlag = false;
-    std::map<std::string, bool *> flags{{"--strict", &strict}};
-    if (dryRun)
-        flags["--dry-run"] = &dryRunFlag;
-    if (const int usage = FileAndFlags(args, command, flags, file, err); usage != kExitOk)
-        return usage;
+    const std::string &file = call.invocation.args[0];
+    const bool dryRun = call.invocation.Has("--dry-run");
+    std::ostream &out = call.out;
     std::vector<Request> current;
-    const auto parsed = Checked(file, text, strict, current, err);
+    const auto parsed = Checked(file, call.fileText, call.invocation.Has("--strict"), current, call.err);
     if (!parsed)
         return kExitUsage;
     out << file << ": " << parsed->requests.size() << " request(s), all valid" << (dryRun ? "\ndry run: nothing is touched" : "")
@@ -313,17 +266,14 @@ int Agent::Plan(const std::vector<std::string> &args, const std::string &text, b
     return kExitOk;
 }
 
-int Agent::Apply(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err)
+int Agent::Apply(const VerbCall &call)
 {
-    std::string file;
-    bool strict = false, dryRun = false;
-    if (const int usage = FileAndFlags(args, "apply", {{"--strict", &strict}, {"--dry-run", &dryRun}}, file, err);
-        usage != kExitOk)
-        return usage;
-    if (dryRun)
-        return Plan(args, text, true, out, err);
+    if (call.invocation.Has("--dry-run"))
+        return Plan(call);
+    const std::string &file = call.invocation.args[0];
+    std::ostream &out = call.out, &err = call.err;
     std::vector<Request> current;
-    const auto parsed = Checked(file, text, strict, current, err);
+    const auto parsed = Checked(file, call.fileText, call.invocation.Has("--strict"), current, err);
     if (!parsed)
         return kExitUsage;
     const auto &requests = parsed->requests;
@@ -384,10 +334,10 @@ int Agent::Apply(const std::vector<std::string> &args, const std::string &text, 
     return status;
 }
 
-int Agent::Load(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+int Agent::Load(const VerbCall &call)
 {
-    if (args.size() > 1)
-        return Usage(err, "load takes at most one path", "load");
+    const std::vector<std::string> &args = call.invocation.args;
+    std::ostream &out = call.out, &err = call.err;
     const std::string confPath = KQ_AgentPathDhcpConf();
     if (!daemon_) {
         // A path names a dhcp.conf to restore from (its backup, say); without one, what an
@@ -417,22 +367,13 @@ int Agent::Load(const std::vector<std::string> &args, std::ostream &out, std::os
     return status;
 }
 
-int Agent::Status(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+int Agent::Status(const VerbCall &call)
 {
-    bool json = false;
-    std::vector<std::string> only;
-    for (const auto &arg : args) {
-        if (arg == "--json")
-            json = true;
-        else if (!arg.empty() && arg[0] == '-')
-            return Usage(err, "status: unknown option " + arg, "status");
-        else
-            only.push_back(arg);
-    }
     if (!daemon_)
         desired_.Load();
-    json_object *status = CollectStatus(only, desired_, daemon_, supervision);
-    if (json)
+    json_object *status = CollectStatus(call.invocation.args, desired_, daemon_, supervision);
+    std::ostream &out = call.out;
+    if (call.invocation.Has("--json"))
         out << json_object_to_json_string_ext(status, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE) << "\n";
     else
         out << RenderStatus(status);
@@ -442,26 +383,15 @@ int Agent::Status(const std::vector<std::string> &args, std::ostream &out, std::
 
 namespace {
 
-int Rs(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+}  // namespace
+
+int RunRs(const VerbCall &call)
 {
-    std::optional<std::string> zoneText;
-    std::string ifname;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--zone") {
-            if (i + 1 >= args.size())
-                return Usage(err, "rs: --zone needs a value", "rs");
-            zoneText = args[++i];
-        } else if (!args[i].empty() && args[i][0] == '-') {
-            return Usage(err, "rs: unknown option " + args[i], "rs");
-        } else if (ifname.empty()) {
-            ifname = args[i];
-        } else {
-            return Usage(err, "rs takes one interface", "rs");
-        }
-    }
+    const std::string &ifname = call.invocation.args[0];
+    std::ostream &out = call.out, &err = call.err;
     if (!IsUsableIfName(ifname))
         return Usage(err, ifname.empty() ? "rs needs an interface" : "rs: \"" + ifname + "\" is not a usable interface name", "rs");
-    const auto zone = ZoneOf(ifname, zoneText);
+    const auto zone = ZoneOf(ifname, call.invocation.Value("--zone"));
     if (!zone)
         return Usage(err, "rs: --zone needs a number from 0 to 4294967295", "rs");
     const KQ_ERR_T result = InZone(*zone, err, [&] { return KQCtrl_SendOneRsPkt(ifname.c_str()); });
@@ -473,37 +403,20 @@ int Rs(const std::vector<std::string> &args, std::ostream &out, std::ostream &er
     return kExitOk;
 }
 
-}  // namespace
-
-int Agent::Client(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
+int Agent::Client(const VerbCall &call)
 {
-    std::vector<std::string> positional;
-    std::optional<std::string> zoneText, type;
-    bool rs = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--zone" || args[i] == "--type") {
-            if (i + 1 >= args.size())
-                return Usage(err, "client: " + args[i] + " needs a value", "client");
-            (args[i] == "--zone" ? zoneText : type) = args[i + 1];
-            ++i;
-        } else if (args[i] == "--rs") {
-            rs = true;
-        } else if (!args[i].empty() && args[i][0] == '-') {
-            return Usage(err, "client: unknown option " + args[i], "client");
-        } else {
-            positional.push_back(args[i]);
-        }
-    }
-    if (positional.size() != 3)
-        return Usage(err, "client needs: enable|disable ipv4|ipv6 IFNAME", "client");
-    const std::string &action = positional[0], &family = positional[1], &ifname = positional[2];
+    const Invocation &invocation = call.invocation;
+    const std::string &action = invocation.args[0], &family = invocation.args[1], &ifname = invocation.args[2];
+    const std::optional<std::string> type = invocation.Value("--type");
+    const bool rs = invocation.Has("--rs");
+    std::ostream &out = call.out, &err = call.err;
     if (action != "enable" && action != "disable")
         return Usage(err, "client: \"" + action + "\" is neither enable nor disable", "client");
     if (family != "ipv4" && family != "ipv6")
         return Usage(err, "client: \"" + family + "\" is neither ipv4 nor ipv6", "client");
     if (!IsUsableIfName(ifname))
         return Usage(err, "client: \"" + ifname + "\" is not a usable interface name", "client");
-    const auto zone = ZoneOf(ifname, zoneText);
+    const auto zone = ZoneOf(ifname, invocation.Value("--zone"));
     if (!zone)
         return Usage(err, "client: --zone needs a number from 0 to 4294967295", "client");
     const bool v6 = family == "ipv6", enable = action == "enable";
@@ -554,39 +467,24 @@ CommandResult Agent::Execute(const Command &command)
     const uint32_t savedLevel = KQ_HostLogLevel();
     if (command.logLevel != 0)
         KQ_HostSetLogLevel(static_cast<uint32_t>(command.logLevel));
-    if (command.argv.empty()) {
-        result.exit = Usage(err, "no command");
-    } else {
-        const std::string &name = command.argv[0];
-        const std::vector<std::string> args(command.argv.begin() + 1, command.argv.end());
-        if (name == "apply")
-            result.exit = Apply(args, command.fileText, out, err);
-        else if (name == "check")
-            result.exit = Check(args, command.fileText, out, err);
-        else if (name == "plan")
-            result.exit = Plan(args, command.fileText, false, out, err);
-        else if (name == "load")
-            result.exit = Load(args, out, err);
-        else if (name == "client")
-            result.exit = Client(args, out, err);
-        else if (name == "rs")
-            result.exit = Rs(args, out, err);
-        else if (name == "status")
-            result.exit = Status(args, out, err);
-        else
-            result.exit = Usage(err, "no such command: " + name);
-    }
+    const Verb *verb = command.argv.empty() ? nullptr : FindVerb(command.argv[0]);
+    if (verb != nullptr && verb->Is(kVerbLocal))
+        result.exit = Usage(err, "no such command: " + command.argv[0]);
+    else if (const auto invocation = ParseInvocation(command.argv, err))
+        result.exit = verb->run(VerbCall{*invocation, command.fileText, out, err, this});
+    else
+        result.exit = kExitUsage;
     KQ_HostSetLogLevel(savedLevel);
     result.out = out.str();
     result.err = err.str();
     return result;
 }
 
-std::string CommandFileArgument(const std::vector<std::string> &argv)
-{
-    if (argv.empty() || (argv[0] != "apply" && argv[0] != "check" && argv[0] != "plan"))
-        return "";
-    return FileArgument(std::vector<std::string>(argv.begin() + 1, argv.end()));
-}
+int RunApply(const VerbCall &call) { return call.agent->Apply(call); }
+int RunCheck(const VerbCall &call) { return call.agent->Check(call); }
+int RunPlan(const VerbCall &call) { return call.agent->Plan(call); }
+int RunLoad(const VerbCall &call) { return call.agent->Load(call); }
+int RunClient(const VerbCall &call) { return call.agent->Client(call); }
+int RunStatus(const VerbCall &call) { return call.agent->Status(call); }
 
 }  // namespace kqagent

@@ -13,12 +13,9 @@
 
 #include "kqAgentDesired.h"
 #include "kqAgentServices.h"
+#include "kqAgentVerbs.h"
 
 namespace kqagent {
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;  // the module or the system refused, or a service does not run
-constexpr int kExitUsage = 2;   // bad command line or bad request file
 
 struct CommandResult {
     int exit = kExitOk;
@@ -32,9 +29,6 @@ struct Command {
     std::string fileText;           // apply / check / plan: the request file
     int logLevel = 0;               // 0: the agent's own
 };
-
-// "kqagent: <problem>\ntry 'kqagent help <command>'\n" on err; returns kExitUsage.
-int Usage(std::ostream &err, const std::string &problem, const std::string &command = "");
 
 // The one owner of the module in a process: its registry, the desired state and the
 // policy rules of the reference host live here. Not thread-safe by design: the module is
@@ -62,7 +56,16 @@ public:
     // SIGHUP: reads the desired state again and applies the difference.
     int Reload(std::ostream &out, std::ostream &err);
 
+    // The command line parsed against the verb table, then run by its verb.
     CommandResult Execute(const Command &command);
+
+    // The verbs the agent runs (see kqAgentVerbs.h).
+    int Apply(const VerbCall &call);
+    int Check(const VerbCall &call);
+    int Plan(const VerbCall &call);
+    int Load(const VerbCall &call);
+    int Status(const VerbCall &call);
+    int Client(const VerbCall &call);
 
     const DesiredState &Desired() const { return desired_; }
 
@@ -79,17 +82,10 @@ public:
     std::function<void()> resumeServices;
 
 private:
-    int Apply(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err);
-    int Check(const std::vector<std::string> &args, const std::string &text, std::ostream &out, std::ostream &err);
-    int Plan(const std::vector<std::string> &args, const std::string &text, bool dryRun, std::ostream &out,
-             std::ostream &err);
     std::vector<Request> Current();
     std::optional<ParsedRequests> Checked(const std::string &file, const std::string &text, bool strict,
                                           std::vector<Request> &current, std::ostream &err);
-    int Load(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
-    int Status(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
     int ReportRunning(std::ostream &out, std::ostream &err);
-    int Client(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
     // The registry from the desired state; returns the entries that need the module's add.
     std::vector<const DesiredEntry *> RestoreRegistry(std::ostream &err);
     bool RunsAsRecorded(const Service &service, const ProcessRecord *record, uint32_t zone) const;
@@ -102,9 +98,4 @@ private:
     std::set<std::string> converted_;
 };
 
-}  // namespace kqagent
-
-namespace kqagent {
-// The request file a command reads ("" for none): the user's process reads it.
-std::string CommandFileArgument(const std::vector<std::string> &argv);
 }  // namespace kqagent

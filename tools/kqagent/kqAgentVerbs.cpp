@@ -1,0 +1,228 @@
+#include "kqAgentVerbs.h"
+
+namespace kqagent {
+
+namespace {
+
+// Fields: name, synopsis, summary, help; options; positional arguments (least, most), the
+// problems when there are fewer or more; traits; the function that runs the verb.
+const Verb kVerbs[] = {
+    {"serve", "serve",
+     "run as the host agent: restore everything, then take commands (see 'help serve')",
+     "usage: kqagent serve\n"
+     "\n"
+     "The long-running host agent, the one process that calls the module. At start it runs the module's\n"
+     "start-up load of dhcp.conf, then sends every interface of the desired state again, so that zones,\n"
+     "IPv6 modes and relay-only interfaces are whole after every restart; it reports per interface\n"
+     "whether its dnsmasq runs. Then it takes kqagent commands on its control socket (\"controlSocket\",\n"
+     "default /run/kqagent/kqagent.sock; root only), one at a time.\n"
+     "  SIGHUP            re-read the desired state and apply the difference\n"
+     "  SIGTERM, SIGINT   end the agent; every dnsmasq and dhclient keeps running\n"
+     "Readiness is reported to systemd (Type=notify); see tools/kqagent/kqagent.service.\n",
+     {}, 0, 0, nullptr, "serve takes no arguments", kVerbLocal, RunServe},
+    {"apply", "apply FILE [--dry-run]",
+     "check a request file, then add/delete each interface's DHCP setup in order",
+     "usage: kqagent apply FILE [--dry-run] [--strict]\n"
+     "\n"
+     "Checks the whole request file first, as check does; a refusal names the request index, the field\n"
+     "path and the reason, and nothing is applied. Then each request is handed to the module in file\n"
+     "order; the first refusal stops the run. Each accepted request is recorded in the desired state\n"
+     "(\"desiredState\", default desired.json beside dhcp.conf), which every start of the agent sends to\n"
+     "the module again. Exits 1 when an added interface's dnsmasq does not run afterwards.\n"
+     "  --dry-run   print the plan (see 'kqagent help plan') and stop; nothing is touched\n"
+     "  --strict    treat warnings (settings a restart would lose) as errors\n"
+     "\n"
+     "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see the kqagent section of README.md.\n",
+     {{"--dry-run", false}, {"--strict", false}}, 1, 1, "apply needs a request file", "apply takes one request file",
+     kVerbReadsFile | kVerbChanges, RunApply},
+    {"check", "check FILE [--strict]",
+     "only check a request file (nothing is applied)",
+     "usage: kqagent check FILE [--strict]\n"
+     "\n"
+     "Checks a request file exactly as apply does and applies nothing. Besides the form of each request:\n"
+     "an add must name ipv4dhcpitem or ipv6dhcpitem; pools must not overlap and must lie in the subnet of\n"
+     "the netmask, with the gateway; the JSON must be strict (no trailing commas, no key given twice); the\n"
+     "interface's dnsmasq file must stay below 10240 bytes and each of its lines within 1024 characters; and\n"
+     "dhcp.conf must stay within the 16 MiB its loader reads. Settings that run but that dhcp.conf cannot\n"
+     "hold across a restart are warnings.\n"
+     "  --strict   treat those warnings as errors\n",
+     {{"--strict", false}}, 1, 1, "check needs a request file", "check takes one request file", kVerbReadsFile,
+     RunCheck},
+    {"plan", "plan FILE",
+     "what apply would do per interface: new, unchanged, restart, stop (nothing is touched)",
+     "usage: kqagent plan FILE [--strict]\n"
+     "\n"
+     "Checks the request file as check does, then prints per request what the module would do, judged\n"
+     "against the desired state: new server, server unchanged, server restart (with the fields that\n"
+     "differ), server stop, new/changed/removed relay, and when the shared relay is rebuilt.\n"
+     "Nothing is started, stopped or written.\n",
+     {{"--strict", false}}, 1, 1, "plan needs a request file", "plan takes one request file", kVerbReadsFile, RunPlan},
+    {"load", "load [PATH]",
+     "restore every server and the relay, and report what runs",
+     "usage: kqagent load [PATH]\n"
+     "\n"
+     "Without a running agent: what an agent does at start, on PATH (default: the host's dhcp.conf): the\n"
+     "module's start-up load, then every interface of the desired state sent again. Through a running\n"
+     "agent: every server and the shared relay whose dnsmasq does not run is restarted from the agent's\n"
+     "own records (PATH is refused). Either way each interface's dnsmasq is checked through its pid file\n"
+     "and /proc, and the exit status is 1 when one does not run.\n",
+     {}, 0, 1, nullptr, "load takes at most one path", 0, RunLoad},
+    {"client", "client enable|disable ipv4|ipv6 IFNAME [--zone N] [--type slaac|stateless|stateful] [--rs]",
+     "start or stop dhclient on an interface",
+     "usage: kqagent client enable|disable ipv4|ipv6 IFNAME [--zone N] [--type T] [--rs]\n"
+     "\n"
+     "enable stops any dhclient of the interface and starts a fresh one in the zone's namespace;\n"
+     "disable stops it. For ipv6 the module also adds the DHCPv6 policy rule (enable) or removes it\n"
+     "when no interface counts as a DHCPv6 client any more (disable).\n"
+     "  --zone N   security zone (VPN id) of the interface (default: its LAN's zone, else 0)\n"
+     "  --type T   ipv6 enable only: stateful (dhclient -6, the default), stateless (dhclient -6 -S)\n"
+     "             or slaac (no dhclient; only the policy rule)\n"
+     "  --rs       ipv6 enable only: send one router solicitation first\n"
+     "The policy rule table lives in the agent's memory; it is printed after an ipv6 command.\n",
+     {{"--zone", true}, {"--type", true}, {"--rs", false}}, 3, 3, "client needs: enable|disable ipv4|ipv6 IFNAME",
+     "client needs: enable|disable ipv4|ipv6 IFNAME", kVerbChanges, RunClient},
+    {"rs", "rs IFNAME [--zone N]",
+     "send one router solicitation",
+     "usage: kqagent rs IFNAME [--zone N]\n"
+     "\n"
+     "Sends one ICMPv6 router solicitation out of IFNAME, inside the zone's network namespace.\n",
+     {{"--zone", true}}, 1, 1, "rs needs an interface", "rs takes one interface", 0, RunRs},
+    {"status", "status [--json] [IFNAME...]",
+     "configuration, processes, leases and policy rules",
+     "usage: kqagent status [--json] [IFNAME...]\n"
+     "\n"
+     "Per interface: its desired configuration and any DRIFT from it (a dnsmasq that does not run, runs\n"
+     "outside its zone's namespace or serves another IPv6 mode; an interface missing from dhcp.conf or\n"
+     "from the shared relay), the server and relay settings of dhcp.conf, the zone from the LAN table,\n"
+     "whether its dnsmasq and dhclient run (pid files confirmed through /proc/<pid>/cmdline) and its\n"
+     "leases; then the shared relay and the policy rule table of the agent (or of this process).\n"
+     "  --json   print the same as one JSON document\n",
+     {{"--json", false}}, 0, kAnyCount, nullptr, nullptr, 0, RunStatus},
+    {"help", "help [COMMAND]", "this text, or a command's own", nullptr, {}, 0, kAnyCount, nullptr, nullptr, kVerbLocal,
+     RunHelp},
+};
+
+const char *kUsageHead =
+    "usage: kqagent [--config FILE] [-v|-q] COMMAND [ARGS]\n"
+    "       kqagent --version\n"
+    "\n"
+    "Configure the DHCP servers, relay and clients of this appliance through the dynamic module.\n"
+    "\n"
+    "commands:\n";
+
+const char *kUsageTail =
+    "\n"
+    "options:\n"
+    "  --config FILE   host settings file (default: $KQ_HOST_CONFIG; without one, built-in defaults)\n"
+    "  -v, --verbose   also show the module's trace and notice lines (default: its warnings and errors)\n"
+    "  -q, --quiet     show only the module's error lines\n"
+    "  --version       print kqagent's version\n"
+    "\n"
+    "Every command but serve and help goes through the running agent when there is one; otherwise it\n"
+    "runs in this process under the agent's lock, with the registry rebuilt from the desired state.\n"
+    "\n"
+    "exit status: 0 done, 1 refused by the module or the system, or a service not running,\n"
+    "             2 bad command line or request file\n";
+
+// The usage's command list: summaries start in this column, under a synopsis too long for it.
+constexpr size_t kSummaryColumn = 26;
+
+const VerbOption *FindOption(const Verb &verb, const std::string &name)
+{
+    for (const auto &option : verb.options)
+        if (name == option.name)
+            return &option;
+    return nullptr;
+}
+
+}  // namespace
+
+int Usage(std::ostream &err, const std::string &problem, const std::string &command)
+{
+    err << "kqagent: " << problem << "\n";
+    err << "try 'kqagent help" << (command.empty() ? "" : " " + command) << "'\n";
+    return kExitUsage;
+}
+
+std::optional<std::string> Invocation::Value(const std::string &option) const
+{
+    const auto it = values.find(option);
+    return it == values.end() ? std::nullopt : std::optional<std::string>(it->second);
+}
+
+const Verb *FindVerb(const std::string &name)
+{
+    for (const Verb &verb : kVerbs)
+        if (name == verb.name)
+            return &verb;
+    return nullptr;
+}
+
+std::optional<Invocation> ParseInvocation(const std::vector<std::string> &argv, std::ostream &err)
+{
+    if (argv.empty()) {
+        Usage(err, "no command");
+        return std::nullopt;
+    }
+    Invocation invocation;
+    invocation.verb = FindVerb(argv[0]);
+    if (invocation.verb == nullptr) {
+        Usage(err, "no such command: " + argv[0]);
+        return std::nullopt;
+    }
+    const Verb &verb = *invocation.verb;
+    const std::string name = verb.name, helpName = verb.help != nullptr ? name : "";
+    for (size_t i = 1; i < argv.size(); ++i) {
+        const std::string &arg = argv[i];
+        // A verb without options takes every argument as it is (a PATH may start with '-').
+        const VerbOption *option = verb.options.empty() ? nullptr : FindOption(verb, arg);
+        if (option == nullptr && !verb.options.empty() && !arg.empty() && arg[0] == '-') {
+            Usage(err, name + ": unknown option " + arg, helpName);
+            return std::nullopt;
+        }
+        if (option == nullptr)
+            invocation.args.push_back(arg);
+        else if (!option->takesValue)
+            invocation.flags.insert(arg);
+        else if (i + 1 < argv.size())
+            invocation.values[arg] = argv[++i];
+        else {
+            Usage(err, name + ": " + arg + " needs a value", helpName);
+            return std::nullopt;
+        }
+    }
+    const size_t count = invocation.args.size();
+    if (count < verb.minArgs || count > verb.maxArgs) {
+        Usage(err, count < verb.minArgs ? verb.tooFew : verb.tooMany, helpName);
+        return std::nullopt;
+    }
+    return invocation;
+}
+
+std::string UsageText()
+{
+    std::string text = kUsageHead;
+    for (const Verb &verb : kVerbs) {
+        std::string line = std::string("  ") + verb.synopsis;
+        line += line.size() + 2 <= kSummaryColumn ? std::string(kSummaryColumn - line.size(), ' ')
+                                                  : "\n" + std::string(kSummaryColumn, ' ');
+        text += line + verb.summary + "\n";
+    }
+    return text + kUsageTail;
+}
+
+int RunHelp(const VerbCall &call)
+{
+    const auto &args = call.invocation.args;
+    if (args.empty()) {
+        call.out << UsageText();
+        return kExitOk;
+    }
+    const Verb *verb = FindVerb(args[0]);
+    if (verb == nullptr || verb->help == nullptr)
+        return Usage(call.err, "no such command: " + args[0]);
+    call.out << verb->help;
+    return kExitOk;
+}
+
+}  // namespace kqagent
