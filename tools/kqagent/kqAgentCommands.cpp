@@ -13,6 +13,7 @@
 #include "kqAgentMessages.h"
 #include "kqAgentPlan.h"
 #include "kqAgentProcess.h"
+#include "kqAgentRender.h"
 #include "kqAgentStatus.h"
 #include "kqCtrlDynamic.h"
 #include "kqHostLinux.h"

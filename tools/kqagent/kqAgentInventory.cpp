@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "kqAgentCommon.h"
+#include "kqAgentJson.h"
 
 namespace kqagent {
 
@@ -30,18 +31,6 @@ void Collect(const std::string &path, std::map<std::string, std::vector<std::str
             files[name].push_back(folder + "/" + file);
     }
     closedir(dir);
-}
-
-json_object *Member(json_object *object, const char *key)
-{
-    json_object *value = nullptr;
-    return object != nullptr && json_object_object_get_ex(object, key, &value) ? value : nullptr;
-}
-
-std::string Text(json_object *object, const char *key)
-{
-    json_object *value = Member(object, key);
-    return value != nullptr ? json_object_get_string(value) : "";
 }
 
 constexpr double kJsonExact = 9007199254740992.0;  // 2^53
@@ -92,14 +81,14 @@ json_object *PoolUse(json_object *ipv4Server, json_object *ipv6Server, json_obje
 {
     size_t leases4 = 0, leases6 = 0;
     for (size_t i = 0; leases != nullptr && i < json_object_array_length(leases); ++i)
-        ++(Text(json_object_array_get_idx(leases, i), "address").find(':') == std::string::npos ? leases4 : leases6);
+        ++(Field(json_object_array_get_idx(leases, i), "address").find(':') == std::string::npos ? leases4 : leases6);
     json_object *use = json_object_new_object();
     if (ipv4Server != nullptr) {
         double addresses = 0;
         json_object *ranges = Member(ipv4Server, "ipRange");
         for (size_t i = 0; ranges != nullptr && i < json_object_array_length(ranges); ++i) {
             json_object *range = json_object_array_get_idx(ranges, i);
-            const auto begin = ParseIpv4(Text(range, "startIp")), end = ParseIpv4(Text(range, "endIp"));
+            const auto begin = ParseIpv4(Field(range, "startIp")), end = ParseIpv4(Field(range, "endIp"));
             if (begin && end && *end >= *begin)
                 addresses += double(*end - *begin) + 1;
         }
@@ -111,7 +100,7 @@ json_object *PoolUse(json_object *ipv4Server, json_object *ipv6Server, json_obje
         json_object *ranges = Member(ipv6Server, "ipv6Range");
         for (size_t i = 0; ranges != nullptr && i < json_object_array_length(ranges); ++i) {
             json_object *range = json_object_array_get_idx(ranges, i);
-            addresses += Span6(Text(range, "startIpv6"), Text(range, "endIpv6"));
+            addresses += Span6(Field(range, "startIpv6"), Field(range, "endIpv6"));
         }
         if (addresses > 0)
             json_object_object_add(use, "ipv6", Use(leases6, addresses));

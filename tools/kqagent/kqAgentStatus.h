@@ -1,13 +1,14 @@
-// `kqagent status`: what is configured (dhcp.conf, the LAN table), what runs (pid files
-// confirmed through /proc), what was handed out (lease files) and the policy rules.
+// `kqagent status`: what is configured (dhcp.conf, the LAN table, the desired state), what
+// runs (pid files confirmed through /proc), what was handed out (lease files) and the
+// policy rules, collected as one JSON document. kqAgentDrift.cpp judges it, kqAgentRender.cpp
+// turns it into text.
 #pragma once
 
 #include <json-c/json.h>
 
+#include <map>
 #include <string>
 #include <vector>
-
-#include <map>
 
 #include "kqAgentDesired.h"
 #include "kqAgentServices.h"
@@ -24,17 +25,7 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
 // The pid of the dnsmasq that owns pidFile (confirmed through /proc), 0 when none runs.
 long RunningDnsmasq(const std::string &pidFile);
 
-// The same document as text for people.
-std::string RenderStatus(json_object *status);
-
-// The policy rule table of this process, as JSON array / one line per rule.
+// The policy rule table of this process, as a JSON array.
 json_object *PolicyRulesJson();
-std::string RenderPolicyRules(json_object *rules);
-
-// Lease files, parsed (exposed for the lab test and the status view).
-// dnsmasq: one object per lease: address, expires, hwaddr (IPv4) or iaid (IPv6), hostname,
-// clientId. dhclient: the addresses of the newest lease block with their expiry text.
-json_object *ParseDnsmasqLeases(const std::string &text);
-json_object *ParseDhclientLeases(const std::string &text, bool ipv6);
 
 }  // namespace kqagent
