@@ -468,13 +468,12 @@ CommandResult Agent::Execute(const Command &command)
     const uint32_t savedLevel = KQ_HostLogLevel();
     if (command.logLevel != 0)
         KQ_HostSetLogLevel(static_cast<uint32_t>(command.logLevel));
+    Invocation invocation;
     const Verb *verb = command.argv.empty() ? nullptr : FindVerb(command.argv[0]);
-    if (verb != nullptr && verb->Is(kVerbLocal))
+    if (verb != nullptr && verb->Is(kVerbLocal))  // serve and help never reach an agent
         result.exit = Usage(err, "no such command: " + command.argv[0]);
-    else if (const auto invocation = ParseInvocation(command.argv, err))
-        result.exit = verb->run(VerbCall{*invocation, command.fileText, out, err, this});
-    else
-        result.exit = kExitUsage;
+    else if ((result.exit = ParseInvocation(command.argv, invocation, err)) == kExitOk)
+        result.exit = verb->run(VerbCall{invocation, command.fileText, out, err, this});
     KQ_HostSetLogLevel(savedLevel);
     result.out = out.str();
     result.err = err.str();

@@ -148,10 +148,10 @@ int main(int argc, char **argv)
         std::cout << verb->help;
         return kExitOk;
     }
-    const auto invocation = ParseInvocation(command.argv, std::cerr);
-    if (!invocation)
-        return kExitUsage;
+    Invocation invocation;
+    if (const int usage = ParseInvocation(command.argv, invocation, std::cerr); usage != kExitOk)
+        return usage;
     if (verb->Is(kVerbLocal))
-        return verb->run(VerbCall{*invocation, command.fileText, std::cout, std::cerr, nullptr});
-    return Run(*invocation, std::move(command));
+        return verb->run(VerbCall{invocation, command.fileText, std::cout, std::cerr, nullptr});
+    return Run(invocation, std::move(command));
 }

@@ -158,45 +158,36 @@ const Verb *FindVerb(const std::string &name)
     return nullptr;
 }
 
-std::optional<Invocation> ParseInvocation(const std::vector<std::string> &argv, std::ostream &err)
+int ParseInvocation(const std::vector<std::string> &argv, Invocation &invocation, std::ostream &err)
 {
-    if (argv.empty()) {
-        Usage(err, "no command");
-        return std::nullopt;
-    }
-    Invocation invocation;
-    invocation.verb = FindVerb(argv[0]);
-    if (invocation.verb == nullptr) {
-        Usage(err, "no such command: " + argv[0]);
-        return std::nullopt;
-    }
+    if (argv.empty())
+        return Usage(err, "no command");
+    invocation = Invocation{FindVerb(argv[0])};
+    if (invocation.verb == nullptr)
+        return Usage(err, "no such command: " + argv[0]);
     const Verb &verb = *invocation.verb;
     const std::string name = verb.name, helpName = verb.help != nullptr ? name : "";
     for (size_t i = 1; i < argv.size(); ++i) {
         const std::string &arg = argv[i];
         // A verb without options takes every argument as it is (a PATH may start with '-').
         const VerbOption *option = verb.options.empty() ? nullptr : FindOption(verb, arg);
-        if (option == nullptr && !verb.options.empty() && !arg.empty() && arg[0] == '-') {
-            Usage(err, name + ": unknown option " + arg, helpName);
-            return std::nullopt;
-        }
+        if (option == nullptr && !verb.options.empty() && !arg.empty() && arg[0] == '-')
+            return Usage(err, name + ": unknown option " + arg, helpName);
         if (option == nullptr)
             invocation.args.push_back(arg);
         else if (!option->takesValue)
             invocation.flags.insert(arg);
         else if (i + 1 < argv.size())
             invocation.values[arg] = argv[++i];
-        else {
-            Usage(err, name + ": " + arg + " needs a value", helpName);
-            return std::nullopt;
-        }
+        else
+            return Usage(err, name + ": " + arg + " needs a value", helpName);
     }
     const size_t count = invocation.args.size();
-    if (count < verb.minArgs || count > verb.maxArgs) {
-        Usage(err, count < verb.minArgs ? verb.tooFew : verb.tooMany, helpName);
-        return std::nullopt;
-    }
-    return invocation;
+    if (count < verb.minArgs)
+        return Usage(err, verb.tooFew, helpName);
+    if (count > verb.maxArgs)
+        return Usage(err, verb.tooMany, helpName);
+    return kExitOk;
 }
 
 std::string UsageText()

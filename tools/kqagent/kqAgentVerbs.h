@@ -74,9 +74,9 @@ struct Verb {
 // The verb of that name, or null.
 const Verb *FindVerb(const std::string &name);
 
-// argv (the verb's name first) parsed against the verb's options and argument count; on a
-// usage problem it is said on err and nullopt returned. An unknown verb is a usage problem.
-std::optional<Invocation> ParseInvocation(const std::vector<std::string> &argv, std::ostream &err);
+// argv (the verb's name first) parsed against the verb's options and argument count:
+// kExitOk, or kExitUsage with the problem said on err. An unknown verb is a usage problem.
+int ParseInvocation(const std::vector<std::string> &argv, Invocation &invocation, std::ostream &err);
 
 // kqagent's usage text, its command list made from the table.
 std::string UsageText();
