@@ -346,6 +346,9 @@ int Agent::Startup(std::ostream &out, std::ostream &err)
             continue;
         }
         ++restarted;
+        // A pid file whose process has gone says nothing any more; the module would only warn about it.
+        if (ProcessOf(service.PidFile(), service.Program()).Stale())
+            unlink(service.PidFile().c_str());
         const int result = StartService(service);
         if (result < 0)
             err << "kqagent: " << service.Name() << ": start failed (" << ErrnoName(result) << ")\n";
