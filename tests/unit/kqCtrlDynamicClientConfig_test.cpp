@@ -98,6 +98,8 @@ TEST_F(ClientConfig, EachStepAndFailureAsTheHostSeesIt)
         EXPECT_EQ(Host().Commands.size(), c.Commands);
         for (const auto &line : c.Lines)
             EXPECT_TRUE(HasMessage(line)) << line;
+        EXPECT_EQ(HasMessage("Enable dynamic for interface eth1 failed, ret = " + std::to_string(c.Ret) + ".\n"),
+                  c.Call == RsEnable6 && c.Ret < 0);
     }
 }
 
@@ -126,6 +128,10 @@ TEST_F(ClientConfig, StartCommandLines)
         EXPECT_EQ(c.Ipv6 ? KQCtrl_DynamicClientEnableIpv6("eth1", c.Zone) : KQCtrl_DynamicClientEnableIpv4("eth1", c.Zone), 0);
         EXPECT_EQ(Host().Commands, c.Command.empty() ? Texts{} : Texts{c.Command});
         EXPECT_EQ(Host().RulesAdded.size(), c.Ipv6 ? 1u : 0u);  // in every IPv6 mode, SLAAC included
+        // Steps that went well report no failure, not even as a trace.
+        for (const char *line : {"dhclient ipv4 disable failed\n", "dhclient ipv6 disable failed\n",
+                                 "Add dhcp v6 client policy failed\n"})
+            EXPECT_FALSE(HasMessage(line)) << line;
     }
 }
 
@@ -237,6 +243,7 @@ TEST_F(ClientConfig, Dhclient6PolicyRuleAddedOnEnableRemovedWithTheLastInterface
     const auto &d = Host().RulesDeleted[0];
     EXPECT_EQ(std::make_tuple(d.Zone, d.Id, d.Arg3, d.Arg4, d.Arg5), std::make_tuple(uint8_t(2), 7u, 0u, uint16_t(2), BOOL(TRUE)));
     EXPECT_TRUE(Before("KQCtrl_IfmInterfaceGetDhcpv6Count", "KQ_RtcNetNsSwitchToDefault"));
+    EXPECT_FALSE(HasMessage("Del dhcp v6 client policy failed\n"));
     fakehost::Reset();
     Host().Dhcpv6Count = 1;
     EXPECT_EQ(KQCtrl_DynamicClientDisableIpv6("eth1", 0), 0);

@@ -4,7 +4,10 @@
 #include "kqCtrlDynamicIfName.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -80,14 +83,28 @@ std::string FormatIpv6(const uint8_t *bytes)
 
 std::optional<std::string> ReadTextFile(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
+    // Plain reads: the agent reads thousands of pid files and /proc entries at a start.
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
         return std::nullopt;
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad())
-        return std::nullopt;
-    return text.str();
+    std::string text;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            const int error = errno;
+            close(fd);
+            errno = error;
+            return std::nullopt;
+        }
+        if (n == 0)
+            break;
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    return text;
 }
 
 int InZone(uint32_t zone, std::ostream &err, const std::function<int()> &fn)

@@ -174,6 +174,9 @@ int Agent::EnableClient(const DesiredClient &client)
 
 int Agent::StartService(const Service &service)
 {
+    // A pid file whose process has gone says nothing any more; the module would only warn about it.
+    if (ProcessOf(service.PidFile(), service.Program()).Stale())
+        unlink(service.PidFile().c_str());
     switch (service.kind) {
     case ServiceKind::Server: {
         KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(service.ifname.c_str());

@@ -56,7 +56,7 @@ void Supervisor::Follow(Watch &watch, pid_t pid, uint64_t startTime)
     watch.pidfd = PidfdOpen(pid);
     if (watch.pidfd < 0) {
         // Gone between the look and the watch: that is a death like any other.
-        Died(watch, "exited");
+        Died(watch, "ended (exit status unknown)");
         return;
     }
     if (sd_event_add_io(event_, &watch.exitSource, watch.pidfd, EPOLLIN, OnExit, &watch) < 0) {
@@ -114,10 +114,18 @@ void Supervisor::Sync()
         }
         if (watch.gaveUp || watch.timer != nullptr)
             continue;
-        // Wanted but not running: whatever command left it so, it is restarted like one that died.
+        // Wanted but not running: a command may have just started it (a dhclient writes its pid
+        // file when it is ready), so it is looked at again before it counts as dead.
         Unfollow(watch);
         watch.diedPid = process.pid;
-        Died(watch, process.pidFileExists ? "not running (stale pid file)" : "not running");
+        watch.pid = 0;
+        watch.probing = true;
+        const uint64_t delay = static_cast<uint64_t>(std::chrono::microseconds(policy_.lateStart).count());
+        if (sd_event_add_time_relative(event_, &watch.timer, CLOCK_MONOTONIC, delay, 0, OnTimer, &watch) < 0) {
+            watch.timer = nullptr;
+            watch.probing = false;
+            Died(watch, process.pidFileExists ? "not running (stale pid file)" : "not running");
+        }
     }
 }
 
@@ -148,7 +156,8 @@ int Supervisor::OnExit(sd_event_source *, int fd, uint32_t, void *data)
 {
     auto &watch = *static_cast<Watch *>(data);
     Supervisor &self = *watch.owner;
-    std::string how = "exited";
+    // Only a child of this agent tells how it ended; one it found running at start does not.
+    std::string how = "ended (exit status unknown)";
     siginfo_t info{};
     if (waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(fd), &info, WEXITED | WNOHANG) == 0 && info.si_pid != 0) {
         how = ExitText(info.si_code, info.si_status);
@@ -191,8 +200,26 @@ void Supervisor::Died(Watch &watch, const std::string &how)
 int Supervisor::OnTimer(sd_event_source *, uint64_t, void *data)
 {
     auto &watch = *static_cast<Watch *>(data);
-    watch.owner->Restart(watch);
+    if (watch.probing)
+        watch.owner->Probe(watch);
+    else
+        watch.owner->Restart(watch);
     return 0;
+}
+
+void Supervisor::Probe(Watch &watch)
+{
+    watch.timer = sd_event_source_disable_unref(watch.timer);
+    watch.probing = false;
+    const Process process = ProcessOf(watch.service.PidFile(), watch.service.Program());
+    if (process.running) {
+        const unsigned row = watch.deathsInRow;
+        Follow(watch, process.pid, process.startTime);
+        watch.deathsInRow = row;
+        agent_.RecordServices();
+        return;
+    }
+    Died(watch, process.pidFileExists ? "not running (stale pid file)" : "not running");
 }
 
 void Supervisor::Restart(Watch &watch)
@@ -201,13 +228,29 @@ void Supervisor::Restart(Watch &watch)
     const Service service = watch.service;
     Supervision &facts = agent_.supervision[service];
     const std::string who = service.Name() + (watch.diedPid > 0 ? " (pid " + std::to_string(watch.diedPid) + ")" : "");
-    // The pid file of a process known to be gone says nothing any more; the module would
-    // only warn about it.
-    if (const Process old = ProcessOf(service.PidFile(), service.Program()); old.Stale())
-        unlink(service.PidFile().c_str());
+    // One that came up late meanwhile (its pid file written after the last look) is taken
+    // over, never started a second time.
+    if (const Process late = ProcessOf(service.PidFile(), service.Program()); late.running) {
+        const unsigned row = watch.deathsInRow;
+        Follow(watch, late.pid, late.startTime);
+        watch.deathsInRow = row;
+        agent_.RecordServices();
+        return;
+    }
     const int result = agent_.StartService(service);
     ++facts.restarts;
     const Process process = ProcessOf(service.PidFile(), service.Program());
+    if (result >= 0 && !process.running) {
+        // Started, but not (yet) running under its pid file: look again before counting it.
+        std::cerr << "kqagent: " << who << ": " << facts.lastExit << "; restarted (restart " << facts.restarts
+                  << "), waiting for its pid file" << std::endl;
+        watch.probing = true;
+        const uint64_t delay = static_cast<uint64_t>(std::chrono::microseconds(policy_.lateStart).count());
+        if (sd_event_add_time_relative(event_, &watch.timer, CLOCK_MONOTONIC, delay, 0, OnTimer, &watch) >= 0)
+            return;
+        watch.timer = nullptr;
+        watch.probing = false;
+    }
     if (result >= 0 && process.running) {
         std::cerr << "kqagent: " << who << ": " << facts.lastExit << "; restarted, pid " << process.pid << " (restart "
                   << facts.restarts << ")" << std::endl;

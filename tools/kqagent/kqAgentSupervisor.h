@@ -25,6 +25,9 @@ struct RestartPolicy {
     std::chrono::milliseconds firstDelay{500};
     unsigned giveUpAfter = 5;                 // deaths in a row
     std::chrono::seconds stableAfter{60};     // a run this long ends a row
+    // A start that succeeded but whose process has not written its pid file yet (a dhclient
+    // under load) is looked at again after this long before it counts as a failure.
+    std::chrono::milliseconds lateStart{3000};
     // The delay before restart `death` of a row (1 for the first death): firstDelay doubled
     // for each earlier one.
     std::chrono::milliseconds Delay(unsigned death) const
@@ -62,11 +65,13 @@ private:
         std::chrono::steady_clock::time_point since;  // running since (or first seen)
         pid_t diedPid = 0;
         bool gaveUp = false;
+        bool probing = false;  // the timer looks again before anything is started
     };
     void Follow(Watch &watch, pid_t pid, uint64_t startTime);
     void Unfollow(Watch &watch);
     void Died(Watch &watch, const std::string &how);
     void Restart(Watch &watch);
+    void Probe(Watch &watch);
     static int OnExit(sd_event_source *source, int fd, uint32_t events, void *data);
     static int OnTimer(sd_event_source *source, uint64_t usec, void *data);
 
