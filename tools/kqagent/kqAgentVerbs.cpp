@@ -169,8 +169,8 @@ int ParseInvocation(const std::vector<std::string> &argv, Invocation &invocation
     const std::string name = verb.name, helpName = verb.help != nullptr ? name : "";
     for (size_t i = 1; i < argv.size(); ++i) {
         const std::string &arg = argv[i];
-        // A verb without options takes every argument as it is (a PATH may start with '-').
-        const VerbOption *option = verb.options.empty() ? nullptr : FindOption(verb, arg);
+        const VerbOption *option = FindOption(verb, arg);
+        // A verb without options takes every argument as it is (load's PATH may start with '-').
         if (option == nullptr && !verb.options.empty() && !arg.empty() && arg[0] == '-')
             return Usage(err, name + ": unknown option " + arg, helpName);
         if (option == nullptr)
