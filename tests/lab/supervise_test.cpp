@@ -178,6 +178,7 @@ TEST(SuperviseLab, KilledServicesComeBackAndRestartsAndRebootsKeepThemRunning)
         EXPECT_TRUE(pid && lab::Alive(*pid)) << s.PidFile;
     }
     EXPECT_EQ(Drift(dir), "\"lan1\" []\n\"lan2\" []\n\"rl3\" []\n\"wan0\" []\nabsent absent\n");
+    EXPECT_TRUE(lab::Has(lab::Kqagent(dir, "status wan0").Out, "\n  desired: dhclient enabled\n  serving: no dnsmasq of its own\n  runs as desired\n"));
     EXPECT_EQ(Complaints(lab::Text(log2)), "") << lab::Text(log2);
 
     // lan2's dnsmasq dies five times in a row: restarted four times, then given up (and

@@ -162,12 +162,22 @@ std::string RenderStatus(json_object *status)
         if (!json_object_get_boolean(Member(entry, "lan")))
             text += " (not in the LAN table)";
         text += "\n";
-        text += "  desired: " + (Member(entry, "desired") != nullptr ? Field(entry, "desiredSummary") : "none") + "\n";
+        // An enabled client is desired as much as a served LAN.
+        std::string clients;
+        for (const char *name : {"dhclient", "dhclient6"})
+            if (json_object *wanted = Member(Member(entry, name), "desired"))
+                clients += std::string(clients.empty() ? "" : ", ") + name +
+                           (Field(wanted, "type").empty() ? "" : " " + Field(wanted, "type")) + " enabled";
+        const bool desired = Member(entry, "desired") != nullptr || !clients.empty();
+        std::string summary = Member(entry, "desired") != nullptr ? Field(entry, "desiredSummary") : "";
+        if (!clients.empty())
+            summary += (summary.empty() ? "" : "; ") + clients;
+        text += "  desired: " + (desired ? summary : "none") + "\n";
         text += "  serving: " + Field(entry, "servedSummary") + "\n";
         json_object *drift = Member(entry, "drift");
         for (size_t d = 0; d < json_object_array_length(drift); ++d)
             text += "  DRIFT: " + std::string(json_object_get_string(json_object_array_get_idx(drift, d))) + "\n";
-        if (Member(entry, "desired") != nullptr && json_object_array_length(drift) == 0)
+        if (desired && json_object_array_length(drift) == 0)
             text += "  runs as desired\n";
         json_object *server = Member(entry, "server");
         json_object *v4 = Member(server, "ipv4");
