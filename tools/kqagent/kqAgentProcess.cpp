@@ -67,9 +67,13 @@ std::string Process::CommandLine() const
 
 long PidMax()
 {
-    const auto text = ReadTextFile("/proc/sys/kernel/pid_max");
-    const long value = text ? std::strtol(text->c_str(), nullptr, 10) : 0;
-    return value > 0 ? value : 4194304;  // the kernel's own ceiling
+    // Read once: it is asked for every pid file, thousands of them at a start.
+    static const long pidMax = [] {
+        const auto text = ReadTextFile("/proc/sys/kernel/pid_max");
+        const long value = text ? std::strtol(text->c_str(), nullptr, 10) : 0;
+        return value > 0 ? value : 4194304;  // the kernel's own ceiling
+    }();
+    return pidMax;
 }
 
 std::optional<pid_t> StrictPid(std::string_view text, long pidMax)

@@ -11,11 +11,13 @@ const Verb kVerbs[] = {
      "run as the host agent: restore everything, then take commands (see 'help serve')",
      "usage: kqagent serve\n"
      "\n"
-     "The long-running host agent, the one process that calls the module. At start it runs the module's\n"
-     "start-up load of dhcp.conf, then sends every interface of the desired state again, so that zones,\n"
-     "IPv6 modes and relay-only interfaces are whole after every restart; it reports per interface\n"
-     "whether its dnsmasq runs. Then it takes kqagent commands on its control socket (\"controlSocket\",\n"
-     "default /run/kqagent/kqagent.sock; root only), one at a time.\n"
+     "The long-running host agent, the one process that calls the module. At start it rebuilds the\n"
+     "module's registry from the desired state, keeps every dnsmasq and dhclient that runs as configured\n"
+     "and starts the others (without a desired state: the module's start-up load of dhcp.conf, when there\n"
+     "is one). Then it takes kqagent commands on its control socket (\"controlSocket\", default\n"
+     "/run/kqagent/kqagent.sock; root only), one at a time, and supervises every service: one that dies\n"
+     "is started again after 0.5, 1, 2 and 4 s, and given up at its fifth death in a row ('kqagent load'\n"
+     "starts it again). Each restart and give-up is one line on its stderr and shows in status.\n"
      "  SIGHUP            re-read the desired state and apply the difference\n"
      "  SIGTERM, SIGINT   end the agent; every dnsmasq and dhclient keeps running\n"
      "Readiness is reported to systemd (Type=notify); see tools/kqagent/kqagent.service.\n",
@@ -58,14 +60,15 @@ const Verb kVerbs[] = {
      "Nothing is started, stopped or written.\n",
      {{"--strict", false}}, 1, 1, "plan needs a request file", "plan takes one request file", kVerbReadsFile, RunPlan},
     {"load", "load [PATH]",
-     "restore every server and the relay, and report what runs",
+     "start every service that does not run, and report what runs",
      "usage: kqagent load [PATH]\n"
      "\n"
-     "Without a running agent: what an agent does at start, on PATH (default: the host's dhcp.conf): the\n"
-     "module's start-up load, then every interface of the desired state sent again. Through a running\n"
-     "agent: every server and the shared relay whose dnsmasq does not run is restarted from the agent's\n"
-     "own records (PATH is refused). Either way each interface's dnsmasq is checked through its pid file\n"
-     "and /proc, and the exit status is 1 when one does not run.\n",
+     "Through a running agent: every service that does not run (each LAN's dnsmasq, the shared relay,\n"
+     "each enabled dhclient) is started from the agent's own records, also one its supervision gave up\n"
+     "(PATH is refused). Without an agent: what an agent does at start; with PATH, the module's start-up\n"
+     "load of that dhcp.conf (its backup, say), then every interface of the desired state sent again.\n"
+     "Either way each interface's dnsmasq is checked through its pid file and /proc, and the exit status\n"
+     "is 1 when one does not run.\n",
      {}, 0, 1, nullptr, "load takes at most one path", 0, RunLoad},
     {"client", "client enable|disable ipv4|ipv6 IFNAME [--zone N] [--type slaac|stateless|stateful] [--rs]",
      "start or stop dhclient on an interface",
@@ -73,12 +76,14 @@ const Verb kVerbs[] = {
      "\n"
      "enable stops any dhclient of the interface and starts a fresh one in the zone's namespace;\n"
      "disable stops it. For ipv6 the module also adds the DHCPv6 policy rule (enable) or removes it\n"
-     "when no interface counts as a DHCPv6 client any more (disable).\n"
+     "when no interface counts as a DHCPv6 client any more (disable). An enabled client is kept in\n"
+     "the desired state: every start of the agent starts it again, and the agent restarts it when it\n"
+     "dies; a disabled one is never restarted.\n"
      "  --zone N   security zone (VPN id) of the interface (default: its LAN's zone, else 0)\n"
      "  --type T   ipv6 enable only: stateful (dhclient -6, the default), stateless (dhclient -6 -S)\n"
      "             or slaac (no dhclient; only the policy rule)\n"
      "  --rs       ipv6 enable only: send one router solicitation first\n"
-     "The policy rule table lives in the agent's memory; it is printed after an ipv6 command.\n",
+     "The policy rule table is kept beside the control socket; it is printed after an ipv6 command.\n",
      {{"--zone", true}, {"--type", true}, {"--rs", false}}, 3, 3, "client needs: enable|disable ipv4|ipv6 IFNAME",
      "client needs: enable|disable ipv4|ipv6 IFNAME", kVerbChanges, RunClient},
     {"rs", "rs IFNAME [--zone N]",
