@@ -209,4 +209,40 @@ TEST(HostProcess, DaemonisingDhclientStartWaitsForItsPidFile)
     EXPECT_NE(Slurp(pidFile), "");
 }
 
+// A dry run hands every change to its sink and makes none: no file, no command, no signal.
+TEST(HostProcess, DryRunChangesNothingAndReportsEverything)
+{
+    Daemons daemons;
+    const pid_t victim = daemons.Start("dnsmasq", {"--pid-file=/none"});
+    const std::string file = daemons.dir.path + "/written", copy = daemons.dir.path + "/copied";
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        static std::string seen;
+        KQ_HostDryRun([](void *, const char *op, const char *subject, const char *data, size_t len) {
+            seen += std::string(op) + "|" + subject + "|" + std::string(data != nullptr ? data : "", len) + "\n";
+        }, nullptr);
+        std::string command = "/bin/touch " + file;
+        const int results[] = {KQ_WriteSyncWithFilePath(file.c_str(), "abc", 3), KQ_FileCopy("/etc/hostname", copy.c_str()),
+                               KQ_CmdExec(command.data()), KQ_RTCSystem(command.c_str()), KQ_KillPid(victim)};
+        for (int result : results)
+            seen += std::to_string(result) + "\n";
+        (void)!write(fds[1], seen.data(), seen.size());
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string seen;
+    char chunk[4096];
+    for (ssize_t n; (n = read(fds[0], chunk, sizeof(chunk))) > 0;)
+        seen.append(chunk, static_cast<size_t>(n));
+    close(fds[0]);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(seen, "write|" + file + "|abc\ncopy|/etc/hostname|" + copy + "\nexec|/bin/touch " + file + "|\nsystem|/bin/touch " + file +
+                        "|\nkill|" + std::to_string(victim) + "|\n0\n0\n0\n0\n0\n");
+    EXPECT_NE(access(file.c_str(), F_OK), 0);
+    EXPECT_NE(access(copy.c_str(), F_OK), 0);
+    EXPECT_FALSE(Gone(victim));
+}
+
 }  // namespace

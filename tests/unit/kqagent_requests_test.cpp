@@ -5,6 +5,7 @@
 #include "fakehost.h"
 #include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
+#include "kqAgentMessages.h"
 #include "kqAgentPlan.h"
 #include "kqAgentRequests.h"
 
@@ -173,145 +174,154 @@ TEST(KqAgentRequests, FaultsAreRefusedWithIndexPathAndReason)
     }
 }
 
-TEST(KqAgentChecks, RefusalsAndWarningsNameRequestPathAndReason)
+TEST(KqAgentChecks, RequestsOnTheirOwnNameRequestPathAndReason)
 {
     fakehost::Reset();
     const std::string pools = R"("dhcpiprange":[{"begin":"192.0.2.100","len":50})";
     const std::string stateful = R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":3600,)";
-    const std::string slaac = R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:1::")";
-    const std::string longDns = "\"2001:db8:ffff:ffff:ffff:ffff:%04zx:%04zx\"";
-    const std::string lost = "a restart would lose lan1's IPv6 service", s6 = "request 0: item.ipv6dhcpitem.dhcpserver.";
-    const struct { std::string requests; std::vector<std::string> errors, warnings; } cases[] = {
+    const std::string s4 = "request 0: item.ipv4dhcpitem.dhcpserver.", s6 = "request 0: item.ipv6dhcpitem.dhcpserver.";
+    const std::string hex = "is made only of hexadecimal digits, which dnsmasq reads as an address in its dhcp-range= line, so its "
+                            "dnsmasq would not start; give the interface another name";
+    const struct { std::string requests; std::vector<std::string> errors; } cases[] = {
         {Add("lan1", ""), {"request 0: item: an add with neither ipv4dhcpitem nor ipv6dhcpitem would remove lan1's DHCP service; to "
                            "remove it, use {\"op\":\"delete\",\"item\":{\"ifname\":\"lan1\"}}"}},
         {Add("lan1", Server4(pools + R"(,{"begin":"192.0.2.149","len":2},{"begin":"192.0.2.10","len":5}])")),
-         {"request 0: item.ipv4dhcpitem.dhcpserver.dhcpiprange[1]: pool 192.0.2.149-192.0.2.150 overlaps dhcpiprange[0] (192.0.2.100-192.0.2.149)"}},
-        {Add("lan1", Server4(pools + R"(,{"begin":"192.0.2.250","len":10}],"gateway":"198.51.100.1")")),
-         {"request 0: item.ipv4dhcpitem.dhcpserver.gateway: gateway 198.51.100.1 lies outside the subnet 192.0.2.0/24 of the pools (netmask 255.255.255.0)",
-          "request 0: item.ipv4dhcpitem.dhcpserver.dhcpiprange[1]: pool 192.0.2.250-192.0.3.3 lies outside the subnet 192.0.2.0/24 of netmask "
-          "255.255.255.0 and dhcpiprange[0]"}},
+         {s4 + "dhcpiprange[1]: pool 192.0.2.149-192.0.2.150 overlaps dhcpiprange[0] (192.0.2.100-192.0.2.149)"}},
+        // The gateway is the interface's own address: the pool that leaves its subnet is named.
+        {Add("lan1", Server4(pools + R"(,{"begin":"198.51.100.10","len":10}],"gateway":"192.0.2.1")")),
+         {s4 + "dhcpiprange[1]: pool 198.51.100.10-198.51.100.19 lies outside 192.0.2.0/24, the subnet of the gateway 192.0.2.1 "
+               "with netmask 255.255.255.0"}},
+        {Add("lan1", Server4(pools + R"(],"gateway":"198.51.100.1")")),
+         {s4 + "dhcpiprange[0]: pool 192.0.2.100-192.0.2.149 lies outside 198.51.100.0/24, the subnet of the gateway 198.51.100.1 "
+               "with netmask 255.255.255.0"}},
+        {Add("lan1", Server4(pools + R"(,{"begin":"192.0.2.250","len":10}])")),
+         {s4 + "dhcpiprange[1]: pool 192.0.2.250-192.0.3.3 lies outside 192.0.2.0/24, the subnet of dhcpiprange[0] with netmask "
+               "255.255.255.0"}},
         {Add("lan1", Server4(pools + R"(],"gateway":"192.0.2.1")")), {}},
         {Add("lan1", "", stateful + R"("dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"},{"ipv6begin":"2001:db8:1::1f0","ipv6end":"2001:db8:1::2ff"}]})"),
          {s6 + "dhcpiprange[1]: pool 2001:db8:1::1f0-2001:db8:1::2ff overlaps dhcpiprange[0] (2001:db8:1::100-2001:db8:1::1ff)"}},
-        {Add("lan1", "", stateful + R"("dhcpiprange":[{"ipv6begin":"2001:db8:1:222::100","ipv6end":"2001:db8:1:222::1ff"}]})"), {},
-         {s6 + "dhcpiprange[0].ipv6begin: \"2001:db8:1:222::100\" is 19 characters; dhcp.conf keeps range addresses of at most 18 (write it "
-               "shorter, e.g. with more zero groups), so " + lost}},
-        {Add("lan1", "", R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":2147483647,"dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})"),
-         {}, {s6 + "leasetime: 2147483647 is stored in dhcp.conf as a number its reader refuses, so " + lost}},
-        {Add("lan1", "", R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"dhcp","prefixlength":64,"prefix":"2001:db8:1::"})"), {},
-         {s6 + "dhcpiprange: without a range dhcp.conf holds an empty range list, which its reader refuses, so " + lost}},
-        // SLAAC keeps no DHCPv6 keys in dhcp.conf: nothing to warn about.
-        {Add("lan1", "", slaac + "}"), {}},
-        // dnsmasq reads lines of up to 1024 characters: 24 DNS servers of 39 characters fit, 25 do not.
-        {Add("lan1", "", slaac + R"(,"dns":[)" + Many(24, longDns.c_str(), 0x1000) + "]}"), {}},
-        {Add("lan1", "", slaac + R"(,"dns":[)" + Many(25, longDns.c_str(), 0x1000) + "]}"),
-         {s6 + "dns: makes a dnsmasq line of 1055 characters; dnsmasq reads at most 1024 (give fewer entries)"}},
-        {Add("lan1", R"({"mode":3,"dhcpserver":{"netmask":"255.255.255.0","leasetime":4294967295,"dhcpiprange":[)" +
-                         Many(64, R"({"begin":"192.0.2.%zu","len":1})") + R"(],"dns":[)" + Many(64, R"("198.51.100.%zu")") + "]}}",
-             R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":128,"leasetime":4294967295,"dhcpiprange":[)" +
-                 Many(64, R"({"ipv6begin":"2001:db8:ffff:ffff:ffff:ffff:%zx:0","ipv6end":"2001:db8:ffff:ffff:ffff:ffff:%zx:1"})", 0x1000) + "]}"),
-         {"request 0: item: the dnsmasq file of lan1 would be 11835 bytes; the module writes at most 10239 (give fewer pools or DNS servers)"},
-         {s6 + "dhcpiprange[0].ipv6begin: \"2001:db8:ffff:ffff:ffff:ffff:1000:0\" is 35 characters; dhcp.conf keeps range addresses of at "
-               "most 18 (write it shorter, e.g. with more zero groups), so " + lost}},
+        {Add("cafe1", Server4(pools + "]")), {"request 0: item.ifname: \"cafe1\" " + hex}},
+        {Add("ea0", "", stateful + R"("dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})"),
+         {"request 0: item.ifname: \"ea0\" " + hex}},
+        // A relay writes no dhcp-range line; a name with one letter beyond f is fine.
+        {Add("cafe2", R"({"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2"],"lanip":"198.51.100.1"}})"), {}},
+        {Add("cafe1g", Server4(pools + "]")), {}},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(kqagent::CheckRequests(Parsed(File(c.requests))).errors, c.errors) << c.requests;
+}
+
+kqagent::DryStep Step(std::vector<kqagent::DryEffect> effects, bool serverBefore = false, bool serverAfter = true)
+{
+    kqagent::DryStep step;
+    step.effects = std::move(effects);
+    step.known = serverBefore;
+    step.serverBefore = serverBefore;
+    step.serverAfter = serverAfter;
+    return step;
+}
+
+kqagent::InterfaceFacts Facts(bool exists, bool up, std::vector<std::string> ipv4, std::vector<std::string> ipv6 = {})
+{
+    return kqagent::InterfaceFacts{true, "", exists, up, std::move(ipv4), std::move(ipv6)};
+}
+
+TEST(KqAgentChecks, TheDryRunAndTheMachineDecide)
+{
+    const auto requests = Parsed(File(
+        Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"gateway":"192.0.2.1")"),
+            R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":3600,"dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})")));
+    const std::string at = "request 0: item.ipv4dhcpitem.dhcpserver: lan1 ";
+    const std::string at6 = "request 0: item.ipv6dhcpitem.dhcpserver: lan1 ";
+    kqagent::DryStep refused;
+    refused.result = -EOVERFLOW;
+    refused.errors = {"Set dynamic service conf failed(-75:Value too large for defined data type)"};
+    kqagent::DryStep notLooked = Step({});
+    notLooked.facts.problem = "cannot look into zone 7's namespace (EPERM, needs root)";
+    notLooked.zone = 7;
+    kqagent::CheckLimits small;
+    small.dhcpConf = 20;
+    small.dnsmasqLine = 10;
+    const struct { kqagent::DryStep step; kqagent::InterfaceFacts facts; kqagent::CheckLimits limits; std::vector<std::string> errors, warnings, notes; } cases[] = {
+        {refused, {}, {}, {"request 0: item: the module refuses it: " + kqagent::DescribeRefusal(kqagent::RequestOp::Add, "lan1", -EOVERFLOW) +
+                           "\n    module: Set dynamic service conf failed(-75:Value too large for defined data type)"}},
+        {Step({{"write", "/etc/vyr_dhcpd_lan1.conf", "interface=lan1\ndhcp-range=lan1,192.0.2.100\n"}, {"write", "/dhcp.conf.bak", std::string(21, 'x')}}),
+         Facts(true, true, {"192.0.2.1/24"}, {"2001:db8:1::1/64"}), small,
+         {"request 0: item: makes a line of 27 characters in /etc/vyr_dhcpd_lan1.conf; dnsmasq reads at most 10 (give fewer entries)",
+          "request 0: item: dhcp.conf would grow to 21 bytes, over the 20 its loader reads, so a program without the desired state could not restore it"}},
+        {Step({}), Facts(true, true, {"192.0.2.1/24"}, {"fe80::1/64", "2001:db8:1::1/64"}), {}},
+        {Step({}), Facts(false, false, {}), {}, {}, {"request 0: item.ifname: lan1 does not exist on this machine; its dnsmasq would serve no one"}},
+        {Step({}), Facts(true, false, {"198.51.100.1/24", "192.0.3.9/23"}), {}, {},
+         {"request 0: item.ifname: lan1 is down; clients get no answer until it is up",
+          at + "holds no IPv4 address in 192.0.2.0/24 (its addresses: 198.51.100.1/24, 192.0.3.9/23): clients get no answer",
+          at6 + "holds no IPv6 address in 2001:db8:1::/64 (its addresses: none): clients get no answer"}},
+        {notLooked, {}, {}, {}, {}, {"request 0: did not look at lan1 (zone 7): cannot look into zone 7's namespace (EPERM, needs root)"}},
     };
     for (const auto &c : cases) {
-        const auto requests = Parsed(File(c.requests));
-        const auto report = kqagent::CheckRequests(requests, {}, false);
-        EXPECT_EQ(report.errors, c.errors) << c.requests;
-        EXPECT_EQ(report.warnings, c.warnings) << c.requests;
-        // --strict: the warnings are errors.
-        std::vector<std::string> strict = c.errors;
-        strict.insert(strict.end(), c.warnings.begin(), c.warnings.end());
-        auto strictReport = kqagent::CheckRequests(requests, {}, true);
-        std::sort(strict.begin(), strict.end());
-        std::sort(strictReport.errors.begin(), strictReport.errors.end());
-        EXPECT_EQ(strictReport.errors, strict) << c.requests;
-        EXPECT_TRUE(strictReport.warnings.empty());
+        kqagent::DryStep step = c.step;
+        if (c.facts.looked)
+            step.facts = c.facts;
+        kqagent::CheckReport report;
+        JudgeDryRun(requests, {step}, false, "/dhcp.conf.bak", report, c.limits);
+        EXPECT_EQ(report.errors, c.errors);
+        EXPECT_EQ(report.warnings, c.warnings);
+        EXPECT_EQ(report.notes, c.notes);
+        // --strict: the warnings are errors, after the others.
+        kqagent::CheckReport strict;
+        JudgeDryRun(requests, {step}, true, "/dhcp.conf.bak", strict, c.limits);
+        std::vector<std::string> all = c.errors;
+        all.insert(all.end(), c.warnings.begin(), c.warnings.end());
+        std::sort(all.begin(), all.end());
+        std::sort(strict.errors.begin(), strict.errors.end());
+        EXPECT_EQ(strict.errors, all);
     }
 }
 
-TEST(KqAgentChecks, SizesAreTheModulesOwnAndDhcpConfStaysLoadable)
+TEST(KqAgentPlan, EachRequestSaysWhatTheModuleDidInTheDryRun)
 {
-    fakehost::Reset();
-    fakehost::ClearRegistry();
-    // What the module writes for a full server must be what the checks measure, byte for byte.
-    const auto requests = Parsed(File(
-        Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50},{"begin":"192.0.2.200","len":1}],"gateway":"192.0.2.1","dns":["192.0.2.1","198.51.100.53"])"),
-            R"({"ipv6dynamicmode":"both","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:1::","leasetime":600,)"
-            R"("dns":["2001:db8:1::1","2001:db8::53"],"dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})") +
-        "," + Add("lan2", R"({"mode":2,"dhcprelay":{"relayserver":["203.0.113.2"],"lanip":"198.51.100.1"}})")));
-    for (const auto &request : requests)
-        ASSERT_EQ(KQCtrl_ConfigDynamicAdd(&request.Item()), 0);
-    EXPECT_EQ(fakehost::ReadFile("/etc/vyr_dhcpd_lan1.conf"), kqagent::DnsmasqFileText(requests[0].Item()));
-    const auto conf = fakehost::ReadFile(fakehost::Host().DhcpConfPath);
-    ASSERT_TRUE(conf);
-    EXPECT_EQ(kqagent::DhcpConfSize({&requests[0].Item(), &requests[1].Item()}), conf->size());
-    EXPECT_EQ(kqagent::DhcpConfSize({}), std::string(R"({ "dhcps": [ ] })").size());
-    fakehost::ClearRegistry();
-
-    // dhcp.conf over what the loader reads: refused at the add that crosses the line, counting
-    // what is configured already and what the same file deletes (a limit of three items here).
-    const auto configured = Parsed(File(Add("l1", kServer4) + "," + Add("l2", kServer4)));
-    kqagent::CheckLimits limits;
-    limits.dhcpConf = kqagent::DhcpConfSize({&configured[0].Item(), &configured[1].Item(), &configured[0].Item()});
-    const auto more = Parsed(File(Add("l3", kServer4) + "," + R"({"op":"delete","item":{"ifname":"l1"}},)" + Add("l4", kServer4) + "," + Add("l5", kServer4)));
-    const auto four = Parsed(File(Add("l2", kServer4) + "," + Add("l3", kServer4) + "," + Add("l4", kServer4) + "," + Add("l5", kServer4)));
-    const size_t size = kqagent::DhcpConfSize({&four[0].Item(), &four[1].Item(), &four[2].Item(), &four[3].Item()});
-    EXPECT_EQ(kqagent::CheckRequests(more, configured, false, limits).errors,
-              std::vector<std::string>{"request 3: item: dhcp.conf would grow to " + std::to_string(size) + " bytes (4 interfaces), over the " +
-                                       std::to_string(limits.dhcpConf) + " the loader reads at start-up, so nothing would be restored after a restart"});
-}
-
-TEST(KqAgentPlan, EachRequestSaysWhatTheModuleWouldDo)
-{
-    fakehost::Reset();
-    const std::string server = Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"dns":["192.0.2.1"])");
     const std::string relay = R"({"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2"],"lanip":"198.51.100.1"}})";
-    const std::string slaac = R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:1::"})";
-    const auto current = Parsed(File(Add("lan1", server) + "," + Add("lan2", relay) + "," +
-                                     Add("lan4", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"dns":["192.0.2.4"])"))));
-    const auto requests = Parsed(File(
-        Add("lan1", server) + "," + Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"dns":["192.0.2.1"],"gateway":"192.0.2.1")")) +
-        "," + Add("lan2", relay) + "," + Add("lan3", "", slaac) + "," + Add("lan4", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}])")) + "," +
-        R"({"op":"delete","item":{"ifname":"lan2"}},{"op":"delete","item":{"ifname":"lan9"}},)" + Add("lan1", relay)));
-    kqagent::DefaultDns defaults;
-    defaults.ipv4 = [](const std::string &ifname) { return ifname == "lan4" ? std::optional<uint32_t>(0xC0000204u) : std::nullopt; };
-    const std::string restart = "    shared relay rebuilt and restarted (lan2)";
-    EXPECT_EQ(kqagent::PlanLines(current, requests, defaults),
-              (std::vector<std::string>{
-                  "[0] add lan1: server unchanged", restart, "[1] add lan1: server restart (ipv4 gateway differs)", restart,
-                  "[2] add lan2: relay unchanged", "[3] add lan3: new server", restart,
-                  "[4] add lan4: server unchanged", restart,  // the module fills in lan4's own address as its DNS server
-                  "[5] delete lan2: relay removed", "    shared relay stopped (no relay interface left)",
-                  "[6] delete lan9: not configured; nothing to stop", "[7] add lan1: server stop, new relay",
-                  "    shared relay rebuilt and restarted (lan1)"}));
-
-    // The same adds again change nothing.
-    const auto same = Parsed(File(
-        Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":50}],"dns":["192.0.2.1"],"gateway":"192.0.2.1")"),
-            R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":7200,"dns":["2001:db8:1::1"],)"
-            R"("dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})") + "," +
-        Add("lan2", R"({"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2","203.0.113.3"],"lanip":"198.51.100.1"}})") + "," +
-        Add("lan3", "", R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:3::","dns":["2001:db8::53"]})") + "," +
-        Add("lan5", "", R"({"ipv6dynamicmode":"both","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:5::","leasetime":600,)"
-                        R"("dns":["2001:db8::53"],"dhcpiprange":[{"ipv6begin":"2001:db8:5::100","ipv6end":"2001:db8:5::1ff"}]})")));
-    EXPECT_EQ(kqagent::PlanLines(same, same, {}),
-              (std::vector<std::string>{"[0] add lan1: server unchanged", restart, "[1] add lan2: relay unchanged",
-                                        "[2] add lan3: server unchanged", restart, "[3] add lan5: server unchanged", restart}));
-
-    // Each difference by its name: a pool with another end, another relay server, a family more.
-    const auto changed = Parsed(File(
-        Add("lan1", Server4(R"("dhcpiprange":[{"begin":"192.0.2.100","len":51}],"dns":["192.0.2.1"],"gateway":"192.0.2.1")"),
-            R"({"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp","prefixlength":64,"leasetime":7200,"dns":["2001:db8:1::1"],)"
-            R"("dhcpiprange":[{"ipv6begin":"2001:db8:1::100","ipv6end":"2001:db8:1::1ff"}]})") + "," +
-        Add("lan2", R"({"mode":"relay","dhcprelay":{"relayserver":["203.0.113.2","203.0.113.4"],"lanip":"198.51.100.1"}})") + "," +
-        Add("lan3", server, R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:3::","dns":["2001:db8::53"]})")));
-    const std::string rebuilt = "    shared relay rebuilt and restarted (lan2)";
-    EXPECT_EQ(kqagent::PlanLines(same, changed, {}),
-              (std::vector<std::string>{"[0] add lan1: server restart (ipv4 dhcpiprange differs)", rebuilt,
-                                        "[1] add lan2: relay changed (relayserver differs)", rebuilt,
-                                        "[2] add lan3: server restart (served families ipv6 -> ipv4+ipv6, ipv4 dhcpiprange, ipv4 netmask, "
-                                        "ipv4 dns, ipv4 leasetime differ)", rebuilt}));
+    const auto requests = Parsed(File(Add("lan1", kServer4) + "," + Add("lan2", kServer4) + "," + Add("lan3", kServer4) + "," +
+                                      Add("lan4", relay) + "," + Add("lan5", "", R"({"ipv6dynamicmode":"slaac","dnsdynamicmode":"slaac","prefixlength":64,"prefix":"2001:db8:1::"})") +
+                                      R"(,{"op":"delete","item":{"ifname":"lan4"}},{"op":"delete","item":{"ifname":"lan9"}},)" +
+                                      Add("lan6", kServer4) + "," + Add("lan7", kServer4)));
+    const kqagent::DryEffect start1{"exec", "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_lan1.conf --dhcp-leasefile=x -z", ""};
+    const kqagent::DryEffect write1{"write", "/etc/vyr_dhcpd_lan1.conf", "interface=lan1\nport=0\n"};
+    const kqagent::DryEffect start2{"exec", "ip netns exec vpn7 /usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_lan2.conf --x", ""};
+    const kqagent::DryEffect startRelay{"exec", "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_relay.conf --port=0", ""};
+    auto restart2 = Step({{"signal", "4242", "9"}, {"remove", "/var/run/vyr_dhcpd_lan2.pid", ""}, start2, startRelay}, true);
+    restart2.serverChanges = {"ipv4 leasetime", "zone 0 -> 7"};
+    restart2.relays = {"lan4"};
+    auto unchanged3 = Step({}, true);
+    auto newRelay4 = Step({startRelay}, false, false);
+    newRelay4.relayAfter = true;
+    newRelay4.relays = {"lan4"};
+    auto start5 = Step({{"exec", "/usr/sbin/dnsmasq -K --conf-file=/etc/vyr_dhcpd_lan5.conf --y", ""}}, true);
+    auto delete4 = Step({{"kill", "77", ""}}, false, false);
+    delete4.known = delete4.relayBefore = true;
+    auto delete9 = Step({}, false, false);
+    auto stop6 = Step({{"remove", "/etc/vyr_dhcpd_lan6.conf", ""}}, true, false);
+    kqagent::DryStep refused7;
+    refused7.result = -EINVAL;
+    refused7.errors = {"cmd:/usr/sbin/dnsmasq exec failed"};
+    const std::vector<kqagent::DryStep> steps = {Step({write1, start1}), restart2, unchanged3, newRelay4, start5, delete4, delete9, stop6, refused7};
+    const std::vector<std::string> lines = {
+        "[0] add lan1: new server",
+        "[1] add lan2: server restart (ipv4 leasetime, zone 0 -> 7 differ)", "    shared relay rebuilt and restarted (lan4)",
+        "[2] add lan3: server unchanged",
+        "[3] add lan4: new relay", "    shared relay rebuilt and restarted (lan4)",
+        "[4] add lan5: server start (same settings; its dnsmasq did not run)",
+        "[5] delete lan4: relay removed", "    shared relay stopped (no relay interface left)",
+        "[6] delete lan9: not configured; nothing to stop",
+        "[7] add lan6: server stop",
+        "[8] add lan7: refused: " + kqagent::DescribeRefusal(kqagent::RequestOp::Add, "lan7", -EINVAL),
+        "    module: cmd:/usr/sbin/dnsmasq exec failed"};
+    EXPECT_EQ(kqagent::PlanLines(requests, steps, false), lines);
+    // -v: the exact text of each dnsmasq file written, under its request.
+    auto verbose = lines;
+    verbose.insert(verbose.begin() + 1, {"    /etc/vyr_dhcpd_lan1.conf:", "      interface=lan1", "      port=0"});
+    EXPECT_EQ(kqagent::PlanLines(requests, steps, true), verbose);
+    // A refusal before the end: apply stops there.
+    EXPECT_EQ(kqagent::PlanLines(requests, {refused7}, false).back(), "    apply stops here; request(s) 1..8 would not be applied");
 }
 
 }  // namespace

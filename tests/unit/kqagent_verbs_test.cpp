@@ -85,7 +85,7 @@ TEST(AgentVerbs, HelpComesFromTheTable)
     const std::string usage = UsageText();
     EXPECT_EQ(usage.rfind("usage: kqagent [--config FILE] [-v|-q] COMMAND [ARGS]\n", 0), 0u);
     // A synopsis that fits leaves the summary in its column; a longer one puts it below.
-    EXPECT_NE(usage.find("\n  apply FILE [--dry-run]  check a request file, then add/delete"), std::string::npos);
+    EXPECT_NE(usage.find("\n  plan FILE               what apply would do"), std::string::npos);
     EXPECT_NE(usage.find("\n  status [--json] [IFNAME...]\n                          configuration, processes"), std::string::npos);
     for (const char *name : {"serve", "apply", "check", "plan", "load", "client", "rs", "status"}) {
         const Verb *verb = FindVerb(name);

@@ -1,25 +1,17 @@
 #include "kqAgentChecks.h"
 
-#include <json-c/json.h>
 #include <string.h>
 
 #include <algorithm>
-#include <map>
-#include <memory>
 #include <set>
 
 #include "kqAgentCommon.h"
+#include "kqAgentMessages.h"
 #include "kqCtrlDynamic.h"
 
 namespace kqagent {
 
 namespace {
-
-constexpr uint32_t kModeServer = KQ_DHCP_SERVER;
-// An interface without a DNS server gets its own first address from the module; the longest
-// such texts, so that a size check never passes a file the module then cannot write.
-const char *kLongestIpv4 = "255.255.255.255";
-const char *kLongestIpv6 = "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff";
 
 const std::string kServer4 = "item.ipv4dhcpitem.dhcpserver";
 const std::string kServer6 = "item.ipv6dhcpitem.dhcpserver";
@@ -29,19 +21,13 @@ std::string Index(const std::string &path, size_t i) { return path + "[" + std::
 const Ipv4DhcpServer *Server4(const DhcpItemV2 &item)
 {
     const Ipv4DhcpItem *v4 = item.ipv4dhcpitem;
-    return v4 != nullptr && v4->mode == kModeServer ? v4->dhcpserver : nullptr;
+    return v4 != nullptr && v4->mode == KQ_DHCP_SERVER ? v4->dhcpserver : nullptr;
 }
 
 const Ipv6DhcpServer *Server6(const DhcpItemV2 &item)
 {
     const Ipv6DhcpItem *v6 = item.ipv6dhcpitem;
-    return v6 != nullptr && v6->mode == kModeServer ? v6->dhcpserver : nullptr;
-}
-
-// The module's IPv6 mode for an address/DNS mode pair (the parser only lets served pairs by).
-KQ_IPV6_ADDR_AUTOCONF_TYPE AutoconfOf(const Ipv6DhcpServer &server)
-{
-    return KQCtrl_DynamicIpv6ModeOf(server.ipv6dynamicmode, server.dnsdynamicmode);
+    return v6 != nullptr && v6->mode == KQ_DHCP_SERVER ? v6->dhcpserver : nullptr;
 }
 
 uint32_t EndOf(const Range &range)
@@ -54,125 +40,17 @@ std::string Span(uint32_t begin, uint32_t end) { return FormatIpv4(begin) + "-" 
 
 int PrefixLength(uint32_t mask) { return __builtin_popcount(mask); }
 
-std::string Subnet(uint32_t address, uint32_t mask)
-{
-    return FormatIpv4(address & mask) + "/" + std::to_string(PrefixLength(mask));
-}
+std::string Subnet(uint32_t address, uint32_t mask) { return FormatIpv4(address & mask) + "/" + std::to_string(PrefixLength(mask)); }
 
-bool IsZero(const ProtobufCBinaryData &bytes)
+bool AllHexDigits(const std::string &name)
 {
-    return std::all_of(bytes.data, bytes.data + bytes.len, [](uint8_t b) { return b == 0; });
-}
-
-// One line of the dnsmasq file and the request field it comes from.
-struct Line {
-    std::string text;  // without the line end
-    std::string path;
-};
-
-std::vector<Line> DnsmasqLines(const DhcpItemV2 &item)
-{
-    std::vector<Line> lines;
-    const std::string name = item.ifname;
-    lines.push_back({"interface=" + name, "item.ifname"});
-    if (const Ipv4DhcpServer *s4 = Server4(item)) {
-        for (size_t i = 0; i < s4->n_dhcpiprange; ++i)
-            lines.push_back({"dhcp-range=" + name + "," + FormatIpv4(s4->dhcpiprange[i]->begin) + "," +
-                                 FormatIpv4(EndOf(*s4->dhcpiprange[i])) + "," + std::to_string(s4->leasetime),
-                             Index(kServer4 + ".dhcpiprange", i)});
-        if (s4->has_gateway && s4->gateway != 0 && s4->netmask != 0) {
-            lines.push_back({"dhcp-option=" + name + ",3," + FormatIpv4(s4->gateway), kServer4 + ".gateway"});
-            lines.push_back({"dhcp-option=" + name + ",1," + FormatIpv4(s4->netmask), kServer4 + ".netmask"});
-        }
-        for (size_t i = 0; i < s4->n_dns; ++i)
-            lines.push_back({"dhcp-option=" + name + ",6," + FormatIpv4(s4->dns[i]), Index(kServer4 + ".dns", i)});
-        if (s4->n_dns == 0 && s4->n_dhcpiprange > 0)
-            lines.push_back({"dhcp-option=" + name + ",6," + kLongestIpv4, kServer4 + ".dns"});
-    }
-    lines.push_back({"log-facility=/var/log/morvaxel.log", "item"});
-    const Ipv6DhcpServer *s6 = Server6(item);
-    if (s6 == nullptr)
-        return lines;
-    const KQ_IPV6_ADDR_AUTOCONF_TYPE mode = AutoconfOf(*s6);
-    const bool hasPrefix = s6->has_prefix && !IsZero(s6->prefix);
-    const std::string prefix = hasPrefix ? FormatIpv6(s6->prefix.data) : "";
-    const bool ranged = mode == KQ_IPV6_ADDR_AUTOCONF_DHCP || mode == KQ_IPV6_ADDR_AUTOCONF_SLAAC_AND_DHCP;
-    if (!ranged && !hasPrefix)
-        return lines;  // stateless and SLAAC without a prefix write no IPv6 block
-    bool ra = false;
-    if (ranged) {
-        for (size_t i = 0; i < s6->n_dhcpiprange; ++i) {
-            const std::string range = FormatIpv6(s6->dhcpiprange[i]->ipv6begin.data) + ", " +
-                                      FormatIpv6(s6->dhcpiprange[i]->ipv6end.data);
-            lines.push_back({"dhcp-range=" + range +
-                                 (mode == KQ_IPV6_ADDR_AUTOCONF_DHCP
-                                      ? ", " + std::to_string(s6->has_prefixlength ? s6->prefixlength : 0) + ", " +
-                                            std::to_string(s6->has_leasetime ? s6->leasetime : 0)
-                                      : std::string(", slaac")),
-                             Index(kServer6 + ".dhcpiprange", i)});
-        }
-        ra = s6->n_dhcpiprange > 0;
-    } else {
-        lines.push_back({"dhcp-range=" + prefix +
-                             (mode == KQ_IPV6_ADDR_AUTOCONF_SLAAC ? ", ra-only" : ", ra-stateless"),
-                         kServer6 + ".prefix"});
-        ra = s6->has_prefixlength && s6->prefixlength != 0;
-    }
-    if (ra) {
-        lines.push_back({"enable-ra", kServer6});
-        lines.push_back({"ra-param=" + name + ",10", kServer6});
-    }
-    std::string dns;
-    for (size_t i = 0; i < s6->n_dns; ++i)
-        dns += ",[" + FormatIpv6(s6->dns[i].data) + "]";
-    // The module fills a default only where it has pools (DHCPv6) or a prefix (SLAAC) to serve.
-    const bool defaulted = s6->n_dns == 0 && (mode == KQ_IPV6_ADDR_AUTOCONF_DHCP ? s6->n_dhcpiprange > 0
-                                              : mode == KQ_IPV6_ADDR_AUTOCONF_SLAAC ? hasPrefix
-                                                                                   : s6->n_dhcpiprange > 0 && hasPrefix);
-    if (defaulted)
-        dns = std::string(",[") + kLongestIpv6 + "]";
-    if (!dns.empty())
-        lines.push_back({"dhcp-option=option6:dns-server" + dns, kServer6 + ".dns"});
-    return lines;
-}
-
-// The dhcp.conf item the module writes for this add, without the array's separators.
-size_t DhcpConfItemSize(const DhcpItemV2 &item)
-{
-    KQ_CTRL_DYNAMIC_SERVER_CONF server{};
-    KQ_CTRL_DYNAMIC_RELAY_CONF relay{};
-    if (KQCtrl_PbToConfDynamicServer(&item, &server) < 0)
-        server = KQ_CTRL_DYNAMIC_SERVER_CONF{};
-    if (KQCtrl_PbToConfDynamicRelay(&item, &relay) < 0)
-        relay = KQ_CTRL_DYNAMIC_RELAY_CONF{};
-    if (server.NetAddrType == 0 && relay.NetAddrType == 0)
-        return 0;  // not written at all
-    auto &v4 = server.ServerIpv4Conf;
-    if (v4.IpRangeNum > 0 && v4.DnsNum == 0) {
-        v4.DnsNum = 1;
-        v4.Dns[0] = UINT32_MAX;
-    }
-    std::unique_ptr<json_object, int (*)(json_object *)> object(json_object_new_object(), json_object_put);
-    json_object_object_add(object.get(), "ifname", json_object_new_string(item.ifname));
-    json_object_object_add(object.get(), "vpnId", json_object_new_int(0));
-    if (server.NetAddrType != 0)
-        KQCtrl_ConfToJsonDynamicServer(&server, object.get());
-    if (relay.NetAddrType != 0)
-        KQCtrl_ConfToJsonDynamicRelay(&relay, object.get());
-    return strlen(json_object_to_json_string(object.get()));
-}
-
-// The document around n items of the given total size, as json-c prints it:
-// `{ "dhcps": [ ITEM, ITEM ] }`, or `{ "dhcps": [ ] }` when empty.
-size_t DocumentSize(size_t count, size_t itemBytes)
-{
-    return count == 0 ? 16 : 13 + itemBytes + 2 * (count - 1) + 4;
+    return !name.empty() && std::all_of(name.begin(), name.end(), [](unsigned char c) { return isxdigit(c) != 0; });
 }
 
 class Checker {
 public:
-    Checker(size_t index, const DhcpItemV2 &item, CheckReport &report, bool strict, const CheckLimits &limits)
-        : prefix_("request " + std::to_string(index) + ": "), item_(item), report_(report), strict_(strict), limits_(limits)
+    Checker(size_t index, const DhcpItemV2 &item, CheckReport &report)
+        : prefix_("request " + std::to_string(index) + ": "), item_(item), report_(report)
     {
     }
 
@@ -185,38 +63,37 @@ public:
                               "\"}}");
             return;
         }
-        if (const Ipv4DhcpServer *s4 = Server4(item_))
+        const Ipv4DhcpServer *s4 = Server4(item_);
+        const Ipv6DhcpServer *s6 = Server6(item_);
+        if ((s4 != nullptr || s6 != nullptr) && AllHexDigits(name))
+            Error("item.ifname", "\"" + name + "\" is made only of hexadecimal digits, which dnsmasq reads as an "
+                                 "address in its dhcp-range= line, so its dnsmasq would not start; give the interface "
+                                 "another name");
+        if (s4 != nullptr)
             Ipv4(*s4);
-        if (const Ipv6DhcpServer *s6 = Server6(item_))
+        if (s6 != nullptr)
             Ipv6(*s6);
-        Dnsmasq();
     }
 
 private:
     void Error(const std::string &path, const std::string &reason) { report_.errors.push_back(prefix_ + path + ": " + reason); }
 
-    void Warning(const std::string &path, const std::string &reason)
-    {
-        (strict_ ? report_.errors : report_.warnings).push_back(prefix_ + path + ": " + reason);
-    }
-
+    // Every pool lies in one subnet: the gateway's when one is given (it is the interface's
+    // own address), else the first pool's.
     void Ipv4(const Ipv4DhcpServer &s4)
     {
         const std::string pools = kServer4 + ".dhcpiprange";
         const uint32_t mask = s4.netmask;
         if (s4.n_dhcpiprange == 0)
             return;
-        const uint32_t first = s4.dhcpiprange[0]->begin;
-        if (s4.has_gateway && (s4.gateway & mask) != (first & mask))
-            Error(kServer4 + ".gateway", "gateway " + FormatIpv4(s4.gateway) + " lies outside the subnet " +
-                                             Subnet(first, mask) + " of the pools (netmask " + FormatIpv4(mask) + ")");
+        const uint32_t base = s4.has_gateway ? s4.gateway : s4.dhcpiprange[0]->begin;
+        const std::string whose = s4.has_gateway ? "the gateway " + FormatIpv4(s4.gateway) : Index("dhcpiprange", 0);
         for (size_t i = 0; i < s4.n_dhcpiprange; ++i) {
             const Range &range = *s4.dhcpiprange[i];
             const uint32_t end = EndOf(range);
-            if ((range.begin & mask) != (first & mask) || (end & mask) != (first & mask)) {
-                Error(Index(pools, i), "pool " + Span(range.begin, end) + " lies outside the subnet " +
-                                           Subnet(first, mask) + " of netmask " + FormatIpv4(mask) +
-                                           (i == 0 ? "" : " and " + Index("dhcpiprange", 0)));
+            if ((range.begin & mask) != (base & mask) || (end & mask) != (base & mask)) {
+                Error(Index(pools, i), "pool " + Span(range.begin, end) + " lies outside " + Subnet(base, mask) +
+                                           ", the subnet of " + whose + " with netmask " + FormatIpv4(mask));
                 continue;
             }
             for (size_t j = 0; j < i; ++j) {
@@ -233,7 +110,6 @@ private:
     void Ipv6(const Ipv6DhcpServer &s6)
     {
         const std::string pools = kServer6 + ".dhcpiprange";
-        const KQ_IPV6_ADDR_AUTOCONF_TYPE mode = AutoconfOf(s6);
         for (size_t i = 0; i < s6.n_dhcpiprange; ++i) {
             const Ipv6Range &range = *s6.dhcpiprange[i];
             for (size_t j = 0; j < i; ++j) {
@@ -248,118 +124,129 @@ private:
                 }
             }
         }
-        if (mode == KQ_IPV6_ADDR_AUTOCONF_SLAAC)
-            return;  // the DHCPv6 keys below are not written for SLAAC
-        const std::string lost = "a restart would lose " + std::string(item_.ifname) + "'s IPv6 service";
-        for (size_t i = 0; i < s6.n_dhcpiprange; ++i) {
-            for (const char *end : {"ipv6begin", "ipv6end"}) {
-                const Ipv6Range &range = *s6.dhcpiprange[i];
-                const std::string text = FormatIpv6((strcmp(end, "ipv6begin") == 0 ? range.ipv6begin : range.ipv6end).data);
-                if (text.size() > kDhcpConfRangeTextMax) {
-                    Warning(Index(pools, i) + "." + end,
-                            "\"" + text + "\" is " + std::to_string(text.size()) +
-                                " characters; dhcp.conf keeps range addresses of at most 18 (write it shorter, e.g. "
-                                "with more zero groups), so " + lost);
-                    return;
-                }
-            }
-        }
-        if (s6.has_leasetime && (s6.leasetime == 2147483647u || s6.leasetime == 2147483648u)) {
-            Warning(kServer6 + ".leasetime", std::to_string(s6.leasetime) +
-                                                 " is stored in dhcp.conf as a number its reader refuses, so " + lost);
-            return;
-        }
-        if (s6.n_dhcpiprange == 0)
-            Warning(pools, "without a range dhcp.conf holds an empty range list, which its reader refuses, so " + lost);
-    }
-
-    void Dnsmasq()
-    {
-        const std::vector<Line> lines = DnsmasqLines(item_);
-        size_t size = 0;
-        for (const Line &line : lines) {
-            size += line.text.size() + 1;
-            if (line.text.size() > limits_.dnsmasqLine)
-                Error(line.path, "makes a dnsmasq line of " + std::to_string(line.text.size()) +
-                                     " characters; dnsmasq reads at most " + std::to_string(limits_.dnsmasqLine) +
-                                     " (give fewer entries)");
-        }
-        if (size >= limits_.dnsmasqFile)
-            Error("item", "the dnsmasq file of " + std::string(item_.ifname) + " would be " + std::to_string(size) +
-                              " bytes; the module writes at most " + std::to_string(limits_.dnsmasqFile - 1) +
-                              " (give fewer pools or DNS servers)");
     }
 
     std::string prefix_;
     const DhcpItemV2 &item_;
     CheckReport &report_;
-    bool strict_;
-    const CheckLimits &limits_;
 };
+
+// "a.b.c.d/len" texts of the interface that lie in the subnet of `address`/`length`.
+bool HoldsAddressIn(const std::vector<std::string> &addresses, const uint8_t *address, size_t size, int length)
+{
+    for (const auto &text : addresses) {
+        const std::string host = text.substr(0, text.find('/'));
+        std::vector<uint8_t> bytes;
+        if (size == 4) {
+            const auto v4 = ParseIpv4(host);
+            if (!v4)
+                continue;
+            for (int shift = 24; shift >= 0; shift -= 8)
+                bytes.push_back(static_cast<uint8_t>(*v4 >> shift));
+        } else if (const auto v6 = ParseIpv6(host)) {
+            bytes = *v6;
+        }
+        if (bytes.size() != size)
+            continue;
+        bool same = true;
+        for (int bit = 0; bit < length && same; ++bit)
+            same = ((bytes[bit / 8] ^ address[bit / 8]) & (0x80 >> (bit % 8))) == 0;
+        if (same)
+            return true;
+    }
+    return false;
+}
+
+std::string Listed(const std::vector<std::string> &addresses)
+{
+    std::string text;
+    for (const auto &address : addresses)
+        text += (text.empty() ? "" : ", ") + address;
+    return text.empty() ? "none" : text;
+}
 
 }  // namespace
 
-std::string DnsmasqFileText(const DhcpItemV2 &item)
-{
-    std::string text;
-    for (const Line &line : DnsmasqLines(item))
-        text += line.text + "\n";
-    return text;
-}
-
-size_t DhcpConfSize(const std::vector<const DhcpItemV2 *> &items)
-{
-    size_t count = 0, bytes = 0;
-    for (const DhcpItemV2 *item : items) {
-        const size_t size = DhcpConfItemSize(*item);
-        count += size > 0;
-        bytes += size;
-    }
-    return DocumentSize(count, bytes);
-}
-
-CheckReport CheckRequests(const std::vector<Request> &requests, const std::vector<Request> &current, bool strict,
-                          const CheckLimits &limits)
+CheckReport CheckRequests(const std::vector<Request> &requests)
 {
     CheckReport report;
-    // Interfaces as dhcp.conf would list them after each request: name -> size of its item.
-    std::map<std::string, size_t> items;
-    size_t count = 0, bytes = 0;
-    auto set = [&](const std::string &name, size_t size) {
-        const auto it = items.find(name);
-        if (it != items.end()) {
-            count -= it->second > 0;
-            bytes -= it->second;
-            items.erase(it);
+    for (size_t i = 0; i < requests.size(); ++i)
+        if (requests[i].Op() == RequestOp::Add)
+            Checker(i, requests[i].Item(), report).Add();
+    return report;
+}
+
+void JudgeDryRun(const std::vector<Request> &requests, const std::vector<DryStep> &steps, bool strict,
+                 const std::string &dhcpConfBackup, CheckReport &report, const CheckLimits &limits)
+{
+    auto warn = [&](const std::string &text) { (strict ? report.errors : report.warnings).push_back(text); };
+    for (size_t i = 0; i < steps.size() && i < requests.size(); ++i) {
+        const DryStep &step = steps[i];
+        const DhcpItemV2 &item = requests[i].Item();
+        const std::string prefix = "request " + std::to_string(i) + ": ", name = item.ifname;
+        if (step.result < 0) {
+            std::string text = prefix + "item: the module refuses it: " + DescribeRefusal(requests[i].Op(), name, step.result);
+            for (const auto &error : step.errors)
+                text += "\n    module: " + error;
+            report.errors.push_back(text);
+            break;
         }
-        if (size > 0) {
-            items[name] = size;
-            ++count;
-            bytes += size;
+        for (const DryEffect &effect : step.effects) {
+            if (effect.op != "write")
+                continue;
+            if (effect.subject == dhcpConfBackup && effect.data.size() > limits.dhcpConf)
+                report.errors.push_back(prefix + "item: dhcp.conf would grow to " + std::to_string(effect.data.size()) +
+                                        " bytes, over the " + std::to_string(limits.dhcpConf) +
+                                        " its loader reads, so a program without the desired state could not restore it");
+            if (effect.subject.rfind("/etc/vyr_dhcpd_", 0) != 0)
+                continue;
+            size_t at = 0, longest = 0;
+            while (at < effect.data.size()) {
+                const size_t end = std::min(effect.data.find('\n', at), effect.data.size());
+                longest = std::max(longest, end - at);
+                at = end + 1;
+            }
+            if (longest > limits.dnsmasqLine)
+                report.errors.push_back(prefix + "item: makes a line of " + std::to_string(longest) + " characters in " +
+                                        effect.subject + "; dnsmasq reads at most " + std::to_string(limits.dnsmasqLine) +
+                                        " (give fewer entries)");
         }
-    };
-    for (const Request &request : current)
-        set(request.Item().ifname, DhcpConfItemSize(request.Item()));
-    bool tooBig = false;
-    for (size_t i = 0; i < requests.size(); ++i) {
-        const Request &request = requests[i];
-        const DhcpItemV2 &item = request.Item();
-        if (request.Op() == RequestOp::Delete) {
-            set(item.ifname, 0);
+        const InterfaceFacts &facts = step.facts;
+        const std::string where = name + (step.zone != 0 ? " (zone " + std::to_string(step.zone) + ")" : "");
+        if (!facts.looked) {
+            if (!facts.problem.empty())
+                report.notes.push_back(prefix + "did not look at " + where + ": " + facts.problem);
             continue;
         }
-        Checker(i, item, report, strict, limits).Add();
-        set(item.ifname, DhcpConfItemSize(item));
-        const size_t size = DocumentSize(count, bytes);
-        if (!tooBig && size > limits.dhcpConf) {
-            tooBig = true;
-            report.errors.push_back("request " + std::to_string(i) + ": item: dhcp.conf would grow to " +
-                                    std::to_string(size) + " bytes (" + std::to_string(count) +
-                                    " interfaces), over the " + std::to_string(limits.dhcpConf) +
-                                    " the loader reads at start-up, so nothing would be restored after a restart");
+        if (!facts.exists) {
+            warn(prefix + "item.ifname: " + where + " does not exist on this machine; its dnsmasq would serve no one");
+            continue;
+        }
+        if (!facts.up)
+            warn(prefix + "item.ifname: " + where + " is down; clients get no answer until it is up");
+        if (const Ipv4DhcpServer *s4 = Server4(item); s4 != nullptr && s4->n_dhcpiprange > 0) {
+            const uint32_t base = s4->has_gateway ? s4->gateway : s4->dhcpiprange[0]->begin;
+            const uint8_t bytes[4] = {static_cast<uint8_t>(base >> 24), static_cast<uint8_t>(base >> 16),
+                                      static_cast<uint8_t>(base >> 8), static_cast<uint8_t>(base)};
+            if (!HoldsAddressIn(facts.ipv4, bytes, 4, PrefixLength(s4->netmask)))
+                warn(prefix + kServer4 + ": " + where + " holds no IPv4 address in " + Subnet(base, s4->netmask) +
+                     " (its addresses: " + Listed(facts.ipv4) + "): clients get no answer");
+        }
+        if (const Ipv6DhcpServer *s6 = Server6(item); s6 != nullptr) {
+            const bool slaac = s6->has_prefix && s6->prefix.len == 16;
+            const uint8_t *base = s6->n_dhcpiprange > 0 && s6->dhcpiprange[0]->ipv6begin.len == 16 ? s6->dhcpiprange[0]->ipv6begin.data
+                                  : slaac                                                         ? s6->prefix.data
+                                                                                                  : nullptr;
+            const int length = s6->has_prefixlength && s6->prefixlength <= 128 ? static_cast<int>(s6->prefixlength) : 64;
+            if (base != nullptr && !HoldsAddressIn(facts.ipv6, base, 16, length)) {
+                uint8_t network[16] = {};
+                for (int bit = 0; bit < length; ++bit)
+                    network[bit / 8] |= base[bit / 8] & (0x80 >> (bit % 8));
+                warn(prefix + kServer6 + ": " + where + " holds no IPv6 address in " + FormatIpv6(network) + "/" +
+                     std::to_string(length) + " (its addresses: " + Listed(facts.ipv6) + "): clients get no answer");
+            }
         }
     }
-    return report;
 }
 
 std::string FindDuplicateKey(const std::string &text)

@@ -10,6 +10,7 @@
 
 #include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
+#include "kqAgentDryRun.h"
 #include "kqAgentMessages.h"
 #include "kqAgentPlan.h"
 #include "kqAgentProcess.h"
@@ -179,55 +180,14 @@ int Agent::Reload(std::ostream &out, std::ostream &err)
     return status;
 }
 
-namespace {
-
-// The module's default DNS server for an interface: its first address, read as the module does.
-DefaultDns HostDefaultDns()
-{
-    DefaultDns defaults;
-    defaults.ipv4 = [](const std::string &ifname) -> std::optional<uint32_t> {
-        uint32_t address = 0;
-        uint8_t length = 0;
-        if (KQ_RtcNetioInterfaceGetFirstIpv4(ifname.c_str(), &address, &length) < 0 || address == 0)
-            return std::nullopt;
-        return address;
-    };
-    defaults.ipv6 = [](const std::string &ifname) -> std::optional<std::vector<uint8_t>> {
-        KQ_IN6_ADDR address{};
-        uint8_t length = 0;
-        if (KQ_RtcNetioInterfaceGetFirstIpv6(ifname.c_str(), &address, &length) < 0)
-            return std::nullopt;
-        return std::vector<uint8_t>(address.In6.U6Addr8, address.In6.U6Addr8 + 16);
-    };
-    return defaults;
-}
-
-}  // namespace
-
-// The last accepted add of every interface: what the desired state holds.
-std::vector<Request> Agent::Current()
-{
-    if (!daemon_)
-        desired_.Load();
-    std::vector<Request> current;
-    for (const auto &entry : desired_.Entries())
-        if (entry.request)
-            current.push_back(*entry.request);
-    return current;
-}
-
-// The request file, parsed and checked against what the module, dnsmasq and dhcp.conf can
-// hold; prints the refusal or the warnings. nullopt: nothing may be applied (exit 2).
-std::optional<ParsedRequests> Agent::Checked(const std::string &file, const std::string &text, bool strict,
-                                             std::vector<Request> &current, std::ostream &err)
+// The request file parsed and each request checked on its own; prints the refusal.
+// nullopt: nothing may be applied (exit 2).
+std::optional<ParsedRequests> CheckedRequests(const std::string &file, const std::string &text, std::ostream &err)
 {
     auto parsed = ParseRequestText(file, text, err);
     if (!parsed)
         return std::nullopt;
-    current = Current();
-    const CheckReport report = CheckRequests(parsed->requests, current, strict);
-    for (const auto &warning : report.warnings)
-        err << "kqagent: warning: " << file << ": " << warning << "\n";
+    const CheckReport report = CheckRequests(parsed->requests);
     if (!report.Ok()) {
         for (const auto &error : report.errors)
             err << "kqagent: " << file << ": " << error << "\n";
@@ -237,13 +197,45 @@ std::optional<ParsedRequests> Agent::Checked(const std::string &file, const std:
     return parsed;
 }
 
-int Agent::Check(const VerbCall &call)
+namespace {
+
+// The dry run's verdict on the file; prints its notes, warnings and errors.
+bool Judged(const std::string &file, const std::vector<Request> &requests, const DryRunReport &dry, bool strict,
+            std::ostream &err)
+{
+    CheckReport report;
+    JudgeDryRun(requests, dry.steps, strict, KQ_AgentPathDhcpConfbak(), report);
+    for (const auto &note : report.notes)
+        err << "kqagent: note: " << file << ": " << note << "\n";
+    for (const auto &warning : report.warnings)
+        err << "kqagent: warning: " << file << ": " << warning << "\n";
+    for (const auto &error : report.errors)
+        err << "kqagent: " << file << ": " << error << "\n";
+    return report.Ok();
+}
+
+size_t ConfiguredCount()
+{
+    size_t count = 0;
+    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &) { ++count; });
+    return count;
+}
+
+}  // namespace
+
+int RunCheck(const VerbCall &call)
 {
     const std::string &file = call.invocation.args[0];
-    std::ostream &out = call.out;
-    std::vector<Request> current;
-    const auto parsed = Checked(file, call.fileText, call.invocation.Has("--strict"), current, call.err);
+    std::ostream &out = call.out, &err = call.err;
+    const auto parsed = CheckedRequests(file, call.fileText, err);
     if (!parsed)
+        return kExitUsage;
+    const DryRunReport dry = DryRun(parsed->requests, true);
+    if (!dry.problem.empty()) {
+        err << "kqagent: " << dry.problem << "\n";
+        return kExitFailed;
+    }
+    if (!Judged(file, parsed->requests, dry, call.invocation.Has("--strict"), err))
         return kExitUsage;
     out << file << ": " << parsed->requests.size() << " request(s), all valid\n";
     for (size_t i = 0; i < parsed->requests.size(); ++i)
@@ -255,16 +247,81 @@ int Agent::Plan(const VerbCall &call)
 {
     const std::string &file = call.invocation.args[0];
     const bool dryRun = call.invocation.Has("--dry-run");
-    std::ostream &out = call.out;
-    std::vector<Request> current;
-    const auto parsed = Checked(file, call.fileText, call.invocation.Has("--strict"), current, call.err);
+    std::ostream &out = call.out, &err = call.err;
+    const auto parsed = CheckedRequests(file, call.fileText, err);
     if (!parsed)
         return kExitUsage;
-    out << file << ": " << parsed->requests.size() << " request(s), all valid" << (dryRun ? "\ndry run: nothing is touched" : "")
-        << "; against " << current.size() << " configured interface(s), apply would:\n";
-    for (const auto &line : PlanLines(current, parsed->requests, HostDefaultDns()))
+    const DryRunReport dry = DryRun(parsed->requests, true);
+    if (!dry.problem.empty()) {
+        err << "kqagent: " << dry.problem << "\n";
+        return kExitFailed;
+    }
+    const bool ok = Judged(file, parsed->requests, dry, call.invocation.Has("--strict"), err);
+    out << file << ": " << parsed->requests.size() << " request(s)" << (dryRun ? "\ndry run: nothing is touched" : "")
+        << "; against " << ConfiguredCount() << " configured interface(s), the module would:\n";
+    for (const auto &line : PlanLines(parsed->requests, dry.steps, KQ_HostLogLevel() <= 1))
         out << line << "\n";
-    return kExitOk;
+    return ok ? kExitOk : kExitUsage;
+}
+
+std::vector<std::string> Agent::NotAddedBy(const std::vector<Request> &requests) const
+{
+    std::set<std::string> added;
+    for (const Request &request : requests)
+        if (request.Op() == RequestOp::Add)
+            added.insert(request.Item().ifname);
+    std::vector<std::string> names;
+    ForEachNode([&](KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
+        if (added.count(conf.IfName) == 0)
+            names.push_back(conf.IfName);
+    });
+    for (const auto &entry : desired_.Entries())
+        if (added.count(entry.ifname) == 0 && std::find(names.begin(), names.end(), entry.ifname) == names.end())
+            names.push_back(entry.ifname);
+    return names;
+}
+
+void Agent::CleanUpRefusedAdd(const std::string &ifname, const ServerSnapshot &before, std::ostream &err)
+{
+    const std::string pidFile = ServerPidFile(ifname), confFile = ServerConfFile(ifname);
+    if (before.configured) {
+        // What runs must be the configured server, not the refused one nor none: the desired
+        // add again puts the module's registry back, and its record starts the dnsmasq.
+        if (ReadTextFile(confFile) == before.file && RunningDnsmasq(pidFile) == before.pid)
+            return;
+        const DesiredEntry *entry = desired_.Find(ifname);
+        KQ_ERR_T result = entry != nullptr && entry->request ? KQCtrl_ConfigDynamicAdd(&entry->request->Item()) : 0;
+        const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str());
+        if (result >= 0 && conf != nullptr && conf->DynamicServerConf.NetAddrType != 0 &&
+            (RunningDnsmasq(pidFile) == 0 || ReadTextFile(confFile) != before.file))
+            result = KQCtrl_DynamicServerRestart(&conf->DynamicServerConf);
+        err << "kqagent: " << ifname << ": "
+            << (result < 0 ? "could not bring back its configured dnsmasq: " + Failure(result)
+                           : std::string("its configured dnsmasq runs again (the refused request had stopped or replaced it)"))
+            << "\n";
+        return;
+    }
+    // Not configured before: whatever the refused add left in the registry, running or on disk goes.
+    const Process started = ProcessOf(pidFile, "dnsmasq");
+    if (_KQCtrl_GetDynamicConfByName(ifname.c_str()) != nullptr) {
+        DhcpItemV2 item = DHCP_ITEM_V2__INIT;
+        std::string name = ifname;
+        item.ifname = name.data();
+        (void)KQCtrl_ConfigDynamicDel(&item);
+    }
+    if (ProcessOf(pidFile, "dnsmasq").running && KQ_KillPid(static_cast<pid_t>(started.pid)) < 0) {
+        err << "kqagent: " << ifname << ": its dnsmasq (pid " << started.pid << ") runs without configuration and could "
+            << "not be stopped\n";
+        return;
+    }
+    if (started.running) {
+        (void)unlink(pidFile.c_str());
+        err << "kqagent: " << ifname << ": stopped the dnsmasq the refused request had started (" << ifname
+            << " is not configured)\n";
+    }
+    const std::string removed = RemoveLeftoverServerFile(ifname);
+    if (!removed.empty())
+        err << "kqagent: removed " << removed << ", left behind by the failed start (" << ifname << " is not configured)\n";
 }
 
 int Agent::Apply(const VerbCall &call)
@@ -273,12 +330,12 @@ int Agent::Apply(const VerbCall &call)
         return Plan(call);
     const std::string &file = call.invocation.args[0];
     std::ostream &out = call.out, &err = call.err;
-    std::vector<Request> current;
-    const auto parsed = Checked(file, call.fileText, call.invocation.Has("--strict"), current, err);
+    const auto parsed = CheckedRequests(file, call.fileText, err);
     if (!parsed)
         return kExitUsage;
-    const auto &requests = parsed->requests;
-    out << file << ": " << requests.size() << " request(s), all valid\n";
+    const bool replace = call.invocation.Has("--replace");
+    if (!daemon_)
+        desired_.Load();
     if (desired_.Broken()) {
         // Applying now would leave a change nobody can restore after a restart.
         err << "kqagent: desired state " << desired_.Problem() << "\n";
@@ -286,6 +343,26 @@ int Agent::Apply(const VerbCall &call)
                "command again\n";
         return kExitFailed;
     }
+    if (!partialRefused_.empty() && !replace) {
+        err << "kqagent: " << partialRefused_ << "\n";
+        err << "kqagent: nothing applied: this apply would record only its own interfaces, and the next start "
+               "would lose the others; send the whole configuration with 'kqagent apply --replace FILE'\n";
+        return kExitFailed;
+    }
+    // The whole configuration: the requests, then a delete of every other interface.
+    std::vector<Request> requests = parsed->requests;
+    if (replace)
+        for (const std::string &name : NotAddedBy(requests)) {
+            // Configured names hold no character JSON would have to escape.
+            ParsedRequests deletion = ParseRequests(R"({"requests":[{"op":"delete","item":{"ifname":")" + name + R"("}}]})");
+            if (deletion.Ok())
+                requests.push_back(deletion.requests[0]);
+        }
+    out << file << ": " << parsed->requests.size() << " request(s), all valid"
+        << (requests.size() > parsed->requests.size()
+                ? "; --replace deletes " + std::to_string(requests.size() - parsed->requests.size()) + " other interface(s)"
+                : "")
+        << "\n";
 
     std::vector<std::string> added;
     // Whatever was applied, also before a refusal, is recorded and supervised.
@@ -297,17 +374,17 @@ int Agent::Apply(const VerbCall &call)
         const Request &request = requests[i];
         out << "[" << i << "] " << request.Summary() << ": " << std::flush;
         const bool add = request.Op() == RequestOp::Add;
+        const std::string ifname = request.Item().ifname;
+        const ServerSnapshot before{_KQCtrl_GetDynamicConfByName(ifname.c_str()) != nullptr, ReadTextFile(ServerConfFile(ifname)),
+                                    RunningDnsmasq(ServerPidFile(ifname))};
         const KQ_ERR_T result = add ? KQCtrl_ConfigDynamicAdd(&request.Item()) : KQCtrl_ConfigDynamicDel(&request.Item());
-        const int recorded = result < 0 ? 0 : add ? desired_.RecordAdd(request) : desired_.RecordDelete(request.Item().ifname);
+        const int recorded = result < 0 ? 0 : add ? desired_.RecordAdd(request) : desired_.RecordDelete(ifname);
         if (result < 0 || recorded < 0) {
             out << "refused\n";
             if (result < 0) {
-                const std::string ifname = request.Item().ifname;
                 err << "kqagent: request " << i << ": " << DescribeRefusal(request.Op(), ifname, result) << "\n";
-                const std::string removed = add ? RemoveLeftoverServerFile(ifname) : "";
-                if (!removed.empty())
-                    err << "kqagent: removed " << removed << ", left behind by the failed start (" << ifname
-                        << " is not configured)\n";
+                if (add)
+                    CleanUpRefusedAdd(ifname, before, err);
             } else
                 err << "kqagent: request " << i << " applied, but " << desired_.Path()
                     << " could not be written: " << Failure(recorded) << "; a restart would not restore it\n";
@@ -317,10 +394,12 @@ int Agent::Apply(const VerbCall &call)
             return kExitFailed;
         }
         out << "ok\n";
-        converted_.erase(request.Item().ifname);
+        converted_.erase(ifname);
         if (add)
-            added.push_back(request.Item().ifname);
+            added.push_back(ifname);
     }
+    if (replace)
+        partialRefused_.clear();
     // An unchanged configuration is left alone by the module, also when its dnsmasq has
     // gone meanwhile (a reboot without the agent): say so instead of a bare "ok".
     int status = kExitOk;
@@ -434,6 +513,12 @@ int Agent::Client(const VerbCall &call)
         err << "kqagent: nothing done; repair or move that file, then reload the agent (SIGHUP) or run the command again\n";
         return kExitFailed;
     }
+    if (!partialRefused_.empty()) {
+        err << "kqagent: " << partialRefused_ << "\n";
+        err << "kqagent: nothing done: the desired state would record this client alone, and the next start would "
+               "lose every interface; first send the whole configuration with 'kqagent apply --replace FILE'\n";
+        return kExitFailed;
+    }
 
     KQ_ERR_T result = 0;
     if (enable)
@@ -481,7 +566,6 @@ CommandResult Agent::Execute(const Command &command)
 }
 
 int RunApply(const VerbCall &call) { return call.agent->Apply(call); }
-int RunCheck(const VerbCall &call) { return call.agent->Check(call); }
 int RunPlan(const VerbCall &call) { return call.agent->Plan(call); }
 int RunLoad(const VerbCall &call) { return call.agent->Load(call); }
 int RunClient(const VerbCall &call) { return call.agent->Client(call); }

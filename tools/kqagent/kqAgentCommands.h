@@ -61,7 +61,6 @@ public:
 
     // The verbs the agent runs (see kqAgentVerbs.h).
     int Apply(const VerbCall &call);
-    int Check(const VerbCall &call);
     int Plan(const VerbCall &call);
     int Load(const VerbCall &call);
     int Status(const VerbCall &call);
@@ -82,9 +81,16 @@ public:
     std::function<void()> resumeServices;
 
 private:
-    std::vector<Request> Current();
-    std::optional<ParsedRequests> Checked(const std::string &file, const std::string &text, bool strict,
-                                          std::vector<Request> &current, std::ostream &err);
+    // Stops what a refused add left running that nothing records, or brings back the
+    // interface's configured dnsmasq when the refused request had replaced it.
+    struct ServerSnapshot {
+        bool configured;                  // in the registry
+        std::optional<std::string> file;  // its dnsmasq file
+        long pid;                         // its dnsmasq, 0 when none runs
+    };
+    void CleanUpRefusedAdd(const std::string &ifname, const ServerSnapshot &before, std::ostream &err);
+    // The configured interfaces that `requests` does not add, for apply --replace.
+    std::vector<std::string> NotAddedBy(const std::vector<Request> &requests) const;
     int ReportRunning(std::ostream &out, std::ostream &err);
     // The registry from the desired state; returns the entries that need the module's add.
     std::vector<const DesiredEntry *> RestoreRegistry(std::ostream &err);
@@ -96,6 +102,10 @@ private:
     // Interfaces whose registry record came from the converters alone (no record of the
     // module's to take): not recorded until the module itself has added them again.
     std::set<std::string> converted_;
+    // Why an apply that does not declare itself the whole configuration is refused: the
+    // desired state is gone while the registry holds interfaces, or dhcp.conf is unreadable
+    // and its backup is the only good copy. Empty: applies are fine.
+    std::string partialRefused_;
 };
 
 }  // namespace kqagent

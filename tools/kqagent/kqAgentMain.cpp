@@ -50,16 +50,6 @@ int Print(const CommandResult &result)
 // processes never call the module at the same time.
 int Run(const Invocation &invocation, Command command)
 {
-    if (invocation.verb->Is(kVerbReadsFile)) {
-        const std::string &file = invocation.args[0];
-        errno = 0;
-        const auto text = ReadTextFile(file);
-        if (!text) {
-            std::cerr << "kqagent: cannot read " << file << ": " << strerror(errno ? errno : EIO) << "\n";
-            return kExitUsage;
-        }
-        command.fileText = *text;
-    }
     const std::string socketPath = KQ_HostControlSocketPath();
     AgentLock lock(socketPath);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
@@ -89,7 +79,8 @@ int Run(const Invocation &invocation, Command command)
     }
     Agent agent(false);
     // A change records what runs for the next start: it needs the registry the agent would have.
-    if (invocation.verb->Is(kVerbChanges) && agent.RebuildRegistry(std::cerr) != kExitOk) {
+    if ((invocation.verb->Is(kVerbChanges) || invocation.verb->Is(kVerbReadsRegistry)) &&
+        agent.RebuildRegistry(std::cerr) != kExitOk) {
         std::cerr << "kqagent: nothing applied\n";
         return kExitFailed;
     }
@@ -151,6 +142,16 @@ int main(int argc, char **argv)
     Invocation invocation;
     if (const int usage = ParseInvocation(command.argv, invocation, std::cerr); usage != kExitOk)
         return usage;
+    if (verb->Is(kVerbReadsFile)) {
+        const std::string &file = invocation.args[0];
+        errno = 0;
+        const auto text = ReadTextFile(file);
+        if (!text) {
+            std::cerr << "kqagent: cannot read " << file << ": " << strerror(errno ? errno : EIO) << "\n";
+            return kExitUsage;
+        }
+        command.fileText = *text;
+    }
     if (verb->Is(kVerbLocal))
         return verb->run(VerbCall{invocation, command.fileText, std::cout, std::cerr, nullptr});
     return Run(invocation, std::move(command));

@@ -1,5 +1,4 @@
 #include "kqAgentMessages.h"
-#include "kqAgentStatus.h"
 
 #include <json-c/json.h>
 #include <string.h>
@@ -11,6 +10,7 @@
 
 #include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
+#include "kqAgentProcess.h"
 #include "kqCtrlDynamic.h"
 
 namespace kqagent {
@@ -89,7 +89,7 @@ std::string RemoveLeftoverServerFile(const std::string &ifname)
     const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str());
     if (conf != nullptr && conf->DynamicServerConf.NetAddrType != 0)
         return "";  // the interface's last good server stays configured
-    if (RunningDnsmasq(ServerPidFile(ifname)) > 0)
+    if (ProcessOf(ServerPidFile(ifname), "dnsmasq").running)
         return "";
     const std::string path = ServerConfFile(ifname);
     return unlink(path.c_str()) == 0 ? path : "";

@@ -278,10 +278,30 @@ int Agent::Startup(std::ostream &out, std::ostream &err)
         int status = kExitOk;
         if (desired_.Broken())
             err << "kqagent: desired state " << desired_.Problem() << "; dhcp.conf is restored, nothing is sent again\n";
-        if (access(confPath.c_str(), F_OK) == 0)
+        if (access(confPath.c_str(), F_OK) == 0) {
             status = LoadFrom(confPath, out, err);
-        else if (desired_.Broken())
+            // Without a desired state an apply would record only its own interfaces, and the
+            // module's next write of dhcp.conf replaces its backup: both wait for the operator.
+            std::vector<std::string> names;
+            KQ_DYNAMIC_FOR_EACH_CONF(conf)
+                names.push_back(conf->IfName);
+            const std::string backup = BackupOf(confPath);
+            const auto backupText = ReadTextFile(backup);
+            if (!desired_.Broken() && !names.empty()) {
+                std::string listed;
+                for (const auto &name : names)
+                    listed += (listed.empty() ? "" : ", ") + name;
+                partialRefused_ = "the desired state " + desired_.Path() + " is missing, and " + confPath + " holds " +
+                                  listed + " (running as restored from it)";
+            } else if (status != kExitOk && names.empty() && backupText && IsDhcpConfDocument(*backupText)) {
+                partialRefused_ = confPath + " could not be read, and its backup " + backup + " is the only good copy";
+            }
+            if (!partialRefused_.empty())
+                err << "kqagent: " << partialRefused_ << "; applies are refused until the whole configuration is sent "
+                    << "with 'kqagent apply --replace FILE'\n";
+        } else if (desired_.Broken()) {
             status = kExitFailed;
+        }
         if (desired_.Broken()) {
             err << "kqagent: could not reconcile every interface (" << desired_.Problem() << ")\n";
             status = kExitFailed;

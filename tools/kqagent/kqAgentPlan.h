@@ -1,28 +1,55 @@
-// What an apply would do, worked out without touching anything: per request, whether the
-// interface's dnsmasq is new, unchanged, restarted (and why) or stopped, and whether the shared
-// relay is rebuilt. Decided as the module decides, from the last accepted add per interface.
+// What an apply would do, as the module itself decides it: the requests are run through the
+// real module in a dry run (kqAgentDryRun.h), and each step's effects (files written,
+// programs started, processes signalled) are read back here into one line per request: new,
+// unchanged, restart (and which settings changed), stop, relay rebuilt, or the refusal.
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "kqAgentRequests.h"
+#include "kqCtrlDynamic.h"
 
 namespace kqagent {
 
-// The DNS server the module fills in for a server without one: the interface's first address.
-struct DefaultDns {
-    std::function<std::optional<uint32_t>(const std::string &ifname)> ipv4;
-    std::function<std::optional<std::vector<uint8_t>>(const std::string &ifname)> ipv6;
+// One thing the module did through its host or libc during a dry run: "write" (subject the
+// path, data the bytes), "copy" (subject the source, data the target), "exec", "system",
+// "kill" (host), "signal" (subject the pid, data the signal) and "remove" (libc).
+struct DryEffect {
+    std::string op, subject, data;
+    bool operator==(const DryEffect &) const = default;
 };
 
-// One line per request ("[0] add lan1: server restart (ipv4 leasetime differs)"), followed by
-// an indented line when the shared relay is rebuilt or stopped. `current` holds the last
-// accepted add of each configured interface, in the order they were first added.
-std::vector<std::string> PlanLines(const std::vector<Request> &current, const std::vector<Request> &requests,
-                                   const DefaultDns &defaults);
+// The machine as the module's interface sees it, looked at in its zone's namespace.
+struct InterfaceFacts {
+    bool looked = false;    // false: not looked at (problem says why)
+    std::string problem;
+    bool exists = false, up = false;
+    std::vector<std::string> ipv4, ipv6;  // "address/prefix length"
+};
+
+// One request's run through the module.
+struct DryStep {
+    int result = 0;
+    std::vector<DryEffect> effects;
+    std::vector<std::string> errors;  // the module's warning and error lines
+    bool known = false;               // the interface was configured before this request
+    bool serverBefore = false, serverAfter = false, relayBefore = false, relayAfter = false;
+    std::vector<std::string> serverChanges, relayChanges;  // record fields that changed
+    std::vector<std::string> relays;                       // relay interfaces afterwards
+    uint32_t zone = 0;                                     // the server's zone afterwards
+    InterfaceFacts facts;
+};
+
+// The fields of two registry records that differ, in the words of the request file.
+std::vector<std::string> ServerChanges(const KQ_CTRL_DYNAMIC_SERVER_CONF &before, const KQ_CTRL_DYNAMIC_SERVER_CONF &after);
+std::vector<std::string> RelayChanges(const KQ_CTRL_DYNAMIC_RELAY_CONF &before, const KQ_CTRL_DYNAMIC_RELAY_CONF &after);
+
+// One line per request that ran ("[0] add lan1: server restart (ipv4 leasetime differs)"),
+// an indented line when the shared relay is rebuilt or stopped, the module's own lines under
+// a refusal, and with `verbose` the text of every dnsmasq file written. Steps end at the
+// first refusal, as an apply does.
+std::vector<std::string> PlanLines(const std::vector<Request> &requests, const std::vector<DryStep> &steps, bool verbose);
 
 }  // namespace kqagent

@@ -22,43 +22,55 @@ const Verb kVerbs[] = {
      "  SIGTERM, SIGINT   end the agent; every dnsmasq and dhclient keeps running\n"
      "Readiness is reported to systemd (Type=notify); see tools/kqagent/kqagent.service.\n",
      {}, 0, 0, nullptr, "serve takes no arguments", kVerbLocal, RunServe},
-    {"apply", "apply FILE [--dry-run]",
+    {"apply", "apply FILE [--dry-run] [--replace]",
      "check a request file, then add/delete each interface's DHCP setup in order",
-     "usage: kqagent apply FILE [--dry-run] [--strict]\n"
+     "usage: kqagent apply FILE [--dry-run] [--replace] [--strict]\n"
      "\n"
-     "Checks the whole request file first, as check does; a refusal names the request index, the field\n"
-     "path and the reason, and nothing is applied. Then each request is handed to the module in file\n"
-     "order; the first refusal stops the run. Each accepted request is recorded in the desired state\n"
+     "Checks each request on its own first (the form of each field, pools in one subnet and apart, names\n"
+     "dnsmasq misreads); a refusal names the request index, the field path and the reason, and nothing is\n"
+     "applied. Then each request is handed to the module in file order; the first refusal stops the run,\n"
+     "and whatever the refused request started is stopped again. Run plan first to see every refusal the\n"
+     "module would make before anything changes. Each accepted request is recorded in the desired state\n"
      "(\"desiredState\", default desired.json beside dhcp.conf), which every start of the agent sends to\n"
      "the module again. Exits 1 when an added interface's dnsmasq does not run afterwards.\n"
      "  --dry-run   print the plan (see 'kqagent help plan') and stop; nothing is touched\n"
-     "  --strict    treat warnings (settings a restart would lose) as errors\n"
+     "  --replace   the file is the whole configuration: every configured interface it does not add is\n"
+     "              deleted afterwards. Needed when the desired state was lost while dhcp.conf still\n"
+     "              holds interfaces, or dhcp.conf is unreadable while its backup is the only good copy:\n"
+     "              the agent then refuses any other apply, which would record only some interfaces\n"
+     "  --strict    with --dry-run, treat the plan's warnings as errors\n"
      "\n"
      "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see the kqagent section of README.md.\n",
-     {{"--dry-run", false}, {"--strict", false}}, 1, 1, "apply needs a request file", "apply takes one request file",
-     kVerbReadsFile | kVerbChanges, RunApply},
+     {{"--dry-run", false}, {"--replace", false}, {"--strict", false}}, 1, 1, "apply needs a request file",
+     "apply takes one request file", kVerbReadsFile | kVerbChanges, RunApply},
     {"check", "check FILE [--strict]",
-     "only check a request file (nothing is applied)",
+     "check a request file against the module and this machine (any user; nothing is touched)",
      "usage: kqagent check FILE [--strict]\n"
      "\n"
-     "Checks a request file exactly as apply does and applies nothing. Besides the form of each request:\n"
-     "an add must name ipv4dhcpitem or ipv6dhcpitem; pools must not overlap and must lie in the subnet of\n"
-     "the netmask, with the gateway; the JSON must be strict (no trailing commas, no key given twice); the\n"
-     "interface's dnsmasq file must stay below 10240 bytes and each of its lines within 1024 characters; and\n"
-     "dhcp.conf must stay within the 16 MiB its loader reads. Settings that run but that dhcp.conf cannot\n"
-     "hold across a restart are warnings.\n"
-     "  --strict   treat those warnings as errors\n",
-     {{"--strict", false}}, 1, 1, "check needs a request file", "check takes one request file", kVerbReadsFile,
-     RunCheck},
+     "Checks a request file and applies nothing; any user may run it, and it needs no agent. Besides the\n"
+     "form of each request (an add must name ipv4dhcpitem or ipv6dhcpitem; pools must not overlap and\n"
+     "must lie in one subnet, the gateway's when there is one; the JSON must be strict, no key given\n"
+     "twice; no name dnsmasq reads as an address), the requests run through the module itself in a dry\n"
+     "run, as if nothing were configured: a request the module refuses is an error, and so is a dnsmasq\n"
+     "line longer than dnsmasq reads or a dhcp.conf larger than its loader reads. Then it looks at this\n"
+     "machine: an interface that does not exist, is down, or holds no address in its pools' subnet or\n"
+     "IPv6 prefix is a warning naming its addresses (other zones' namespaces need root to be looked at).\n"
+     "Exit 0: valid; 2: refused.\n"
+     "  --strict   treat the warnings as errors\n",
+     {{"--strict", false}}, 1, 1, "check needs a request file", "check takes one request file",
+     kVerbReadsFile | kVerbLocal, RunCheck},
     {"plan", "plan FILE",
      "what apply would do per interface: new, unchanged, restart, stop (nothing is touched)",
-     "usage: kqagent plan FILE [--strict]\n"
+     "usage: kqagent plan FILE [--strict]    (kqagent -v plan FILE: with each dnsmasq file)\n"
      "\n"
-     "Checks the request file as check does, then prints per request what the module would do, judged\n"
-     "against the desired state: new server, server unchanged, server restart (with the fields that\n"
-     "differ), server stop, new/changed/removed relay, and when the shared relay is rebuilt.\n"
-     "Nothing is started, stopped or written.\n",
-     {{"--strict", false}}, 1, 1, "plan needs a request file", "plan takes one request file", kVerbReadsFile, RunPlan},
+     "Checks the request file as check does, then runs it through the module in a dry run against what\n"
+     "is configured now (the module decides; nothing is started, stopped or written), and prints per\n"
+     "request what the module did there: new server, server unchanged, server restart (with the settings\n"
+     "that differ), server stop, new/changed/removed relay, when the shared relay is rebuilt, and the\n"
+     "refusal where the module refuses (an apply stops there). With -v, the text of every dnsmasq file\n"
+     "the module would write. Exit 0: apply would succeed; 2: a request would be refused.\n",
+     {{"--strict", false}}, 1, 1, "plan needs a request file", "plan takes one request file",
+     kVerbReadsFile | kVerbReadsRegistry, RunPlan},
     {"load", "load [PATH]",
      "start every service that does not run, and report what runs",
      "usage: kqagent load [PATH]\n"

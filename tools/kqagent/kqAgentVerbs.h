@@ -55,6 +55,7 @@ enum VerbTrait : unsigned {
     kVerbReadsFile = 1u << 0,  // the first positional argument is a request file
     kVerbChanges = 1u << 1,    // changes what runs: without an agent it needs the agent's registry
     kVerbLocal = 1u << 2,      // runs in the user's process only, never through the agent
+    kVerbReadsRegistry = 1u << 3,  // without an agent it needs the agent's registry, but changes nothing
 };
 
 struct Verb {

@@ -282,6 +282,8 @@ int WriteText(const char *path, const char *data, size_t len, Sync sync) noexcep
 try {
     if (data == nullptr && len != 0)
         return -EINVAL;
+    if (kqhost::DryRunTakes("write", path, data, len))
+        return 0;
     // A derived file that is already what it should be (the dnsmasq files at a restart) is
     // left alone: creating and renaming a file costs the filesystem far more than reading
     // it. Durable files are always written, so that they are synced whatever wrote them.
@@ -346,6 +348,8 @@ KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
 {
     if (From == nullptr || To == nullptr)
         return -EINVAL;
+    if (kqhost::DryRunTakes("copy", From, To, strlen(To)))
+        return 0;
     Fd source(open(From, O_RDONLY | O_CLOEXEC));
     if (source.get() < 0)
         return -errno;

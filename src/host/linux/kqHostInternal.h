@@ -27,6 +27,10 @@ bool IsUsableName(const std::string &name);
 // ---- The host's own log lines (kqHostLog.cpp), through the same sink as the module's ----
 void Log(uint32_t level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+// ---- Dry run (kqHostDryRun.cpp) ----
+// True when a dry run is on: the effect went to its sink and must not happen.
+bool DryRunTakes(const char *op, const char *subject, const char *data = nullptr, size_t len = 0);
+
 // ---- Files (kqHostFiles.cpp) ----
 // Reads a whole file of at most maxSize bytes; -errno on failure (-EFBIG above maxSize).
 int ReadSmallFile(const char *path, size_t maxSize, std::string &out);

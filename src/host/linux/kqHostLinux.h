@@ -136,6 +136,16 @@ KQ_ERR_T KQ_HostNetnsName(uint32_t VpnId, char *Buf, size_t Size);
  * the agent's own state), zero: atomic, not synced. */
 KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int Durable);
 
+/* Dry run: from now on this process changes nothing on the machine. Every host operation
+ * that would is handed to Sink instead and reported as done, as it would be on success;
+ * reads still read. Op and Subject: "write" and the path (Data the bytes), "copy" and the
+ * source (Data the target), "exec" or "system" and the command line, "kill" and the pid,
+ * "send" and "" (Data the packet), "log" and the level "1".."4" (Data the line). For a
+ * forked child that shows what the module would do; there is no way back. */
+typedef void (*KQ_HOST_DRY_RUN_SINK)(void *Context, const char *Op, const char *Subject, const char *Data,
+                                     size_t Len);
+void KQ_HostDryRun(KQ_HOST_DRY_RUN_SINK Sink, void *Context);
+
 /* The lowest level written (1..4), and a way to change it until the next reload (values
  * outside 1..4 are ignored). */
 uint32_t KQ_HostLogLevel(void);

@@ -55,6 +55,9 @@ try {
     std::string text;
     if (!FormatInto(text, format, args))
         return;
+    const char levelText[2] = {static_cast<char>('0' + (level < 9 ? level : 9)), '\0'};
+    if (kqhost::DryRunTakes("log", levelText, text.data(), text.size()))
+        return;
     if (kqhost::LogToSyslog()) {
         static std::once_flag opened;
         std::call_once(opened, [] { openlog(kTag, LOG_PID, LOG_DAEMON); });

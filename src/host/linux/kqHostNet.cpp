@@ -249,6 +249,8 @@ KQ_LEN_ERR_T KQ_SendTo(KQ_SOCKET Sock, const void *Data, size_t Len, int32_t Fla
 {
     if (ToLen < 0)
         return -EINVAL;
+    if (kqhost::DryRunTakes("send", "", static_cast<const char *>(Data), Len))
+        return static_cast<KQ_LEN_ERR_T>(Len);
     ssize_t sent = sendto(Sock, Data, Len, Flags | MSG_NOSIGNAL, To, static_cast<socklen_t>(ToLen));
     return sent >= 0 ? sent : -errno;
 }

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <sched.h>
+#include <stdio.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <poll.h>
@@ -479,11 +480,15 @@ extern "C" {
 
 int32_t KQ_CmdExec(char *Command)
 {
+    if (kqhost::DryRunTakes("exec", Command))
+        return 0;
     return RunCommand("KQ_CmdExec", Command);
 }
 
 int KQ_RTCSystem(const char *Command)
 {
+    if (kqhost::DryRunTakes("system", Command))
+        return 0;
     return RunCommand("KQ_RTCSystem", Command);
 }
 
@@ -491,6 +496,10 @@ KQ_ERR_T KQ_KillPid(const pid_t Pid)
 {
     if (Pid <= 0)
         return -EINVAL;
+    char pidText[16];
+    snprintf(pidText, sizeof(pidText), "%d", static_cast<int>(Pid));
+    if (kqhost::DryRunTakes("kill", pidText))
+        return 0;
     KQ_ERR_T refused = RefuseStalePid(Pid);
     if (refused < 0)
         return refused;
