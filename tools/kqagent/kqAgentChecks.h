@@ -45,8 +45,4 @@ std::string DnsmasqFileText(const DhcpItemV2 &item);
 // The size of dhcp.conf holding these adds, one interface each, in order.
 size_t DhcpConfSize(const std::vector<const DhcpItemV2 *> &items);
 
-// The first key that appears twice in one object of a JSON text, as "path: duplicate key",
-// or "" when there is none. The text must already be valid JSON.
-std::string FindDuplicateKey(const std::string &text);
-
 }  // namespace kqagent
