@@ -55,16 +55,18 @@ TEST_F(HostSettings, KeysAreReadAndEveryProblemFallsBackWithAMessage)
         {R"({"dhcpConf": "/srv/d.conf"})",
          "/srv/d.conf /etc/kqagent/dhcp.conf.bak /srv/desired.json /run/kqagent/kqagent.sock [] vpn5 vpn6 level 2 v6 0", {}},
         {R"({"dhcpConf": 5, "dhcpConfBak": "", "lans": {}, "netns": [], "logLevel": "3",
-             "logTo": "file", "dhcpv6Interfaces": "eth1", "extra": 1, "desiredState": 3, "controlSocket": "a.sock"})",
+             "logTo": "file", "dhcpv6Interfaces": "eth1", "desiredState": 3, "controlSocket": "a.sock",
+             "controlMemory": 65535})",
          defaults,
          {R"("dhcpConf" must be a text; using "/etc/kqagent/dhcp.conf")",
           R"("dhcpConfBak" must be a path of 1 to 4095 characters; using "/etc/kqagent/dhcp.conf.bak")",
           R"("lans" must be an array of {"ifname", "vpnId"}; using none)",
           R"("netns" must be an object of VPN id -> namespace name; using vpn<id>)",
           R"("logLevel" must be a number from 1 to 4; using 2)", R"("logTo" must be "stderr" or "syslog"; using "stderr")",
-          R"("dhcpv6Interfaces" must be an array of interface names; using none)", R"(unknown key "extra" ignored)",
+          R"("dhcpv6Interfaces" must be an array of interface names; using none)",
           R"("desiredState" must be a text; using "")",
-          R"("controlSocket" must be an absolute path of at most 107 characters; using "/run/kqagent/kqagent.sock")"}},
+          R"("controlSocket" must be an absolute path of at most 107 characters; using "/run/kqagent/kqagent.sock")",
+          R"("controlMemory" must be a number of bytes from 65536 to 1099511627776; using 134217728)"}},
         {R"({"lans": [{"ifname": "eth1", "vpnId": 3}, {"ifname": "bad/name", "vpnId": 1},
                       {"ifname": "eth2"}, 7, {"ifname": "eth1", "vpnId": 4},
                       {"ifname": "eth3", "vpnId": -1}, {"ifname": "eth5", "vpnId": 4294967295}],
@@ -107,6 +109,37 @@ TEST_F(HostSettings, KeysAreReadAndEveryProblemFallsBackWithAMessage)
     EXPECT_STREQ(KQ_HostConfigPath(), "");
     EXPECT_EQ(Load(nullptr), "");
     EXPECT_EQ(Settings(), defaults);
+}
+
+TEST_F(HostSettings, UnknownKeysAreErrorsNamingTheKnownOnes)
+{
+    const std::string file = std::string(kConfig) + ": ";
+    const std::string known = R"( (known keys: "dhcpConf", "dhcpConfBak", "desiredState", "controlSocket", "controlMemory", )"
+                              R"("lans", "netns", "logLevel", "logTo", "dhcpv6Interfaces"))";
+    const std::string lanKnown = R"( (known keys: "ifname", "vpnId"))";
+    struct { const char *text; std::string errors; std::string lans; size_t memory; } cases[] = {
+        {R"({"lans": [{"ifname": "eth1", "vpnId": 3}], "controlMemory": 65536})", "", "[eth1=3]", 65536},
+        {R"({"controlMemory": 1099511627776})", "", "[]", size_t{1} << 40},
+        {R"({"lan": [{"ifname": "eth1", "vpnId": 3}]})", file + R"(unknown key "lan")" + known + "\n", "[]", 128u << 20},
+        {R"({"Lans": [], "logLevel": 3, "zones": {}})",
+         file + R"(unknown key "Lans")" + known + "\n" + file + R"(unknown key "zones")" + known + "\n", "[]", 128u << 20},
+        {R"({"lans": [{"ifname": "eth1", "vpnId": 3, "zone": 4}, {"ifname": "eth2", "vpnid": 5}]})",
+         file + R"("lans"[0]: unknown key "zone")" + lanKnown + "\n" + file + R"("lans"[1]: unknown key "vpnid")" + lanKnown + "\n",
+         "[eth1=3]", 128u << 20},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        Load(c.text);
+        EXPECT_EQ(KQ_HostConfigError(), c.errors);
+        EXPECT_EQ(Settings().substr(Settings().find('['), c.lans.size()), c.lans);
+        EXPECT_EQ(KQ_HostControlMemory(), c.memory);
+    }
+    // Errors are the file's: the next reload of a good one (or of none) clears them.
+    Load(R"({"dhcpConf": "/etc/b.conf"})");
+    EXPECT_STREQ(KQ_HostConfigError(), "");
+    Load(R"({"lan": []})");
+    Load(nullptr);
+    EXPECT_STREQ(KQ_HostConfigError(), "");
 }
 
 TEST_F(HostSettings, LoggingFollowsTheLevelAndWritesWholeLines)

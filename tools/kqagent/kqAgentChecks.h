@@ -38,8 +38,4 @@ CheckReport CheckRequests(const std::vector<Request> &requests);
 void JudgeDryRun(const std::vector<Request> &requests, const std::vector<DryStep> &steps, bool strict,
                  const std::string &dhcpConfBackup, CheckReport &report, const CheckLimits &limits = CheckLimits());
 
-// The first key that appears twice in one object of a JSON text, as "path: duplicate key",
-// or "" when there is none. The text must already be valid JSON.
-std::string FindDuplicateKey(const std::string &text);
-
 }  // namespace kqagent

@@ -36,6 +36,11 @@ std::string ClientLeaseFile(const std::string &ifname, bool v6);
 // back; a namespace that cannot be entered is said on err and its result returned.
 int InZone(uint32_t zone, std::ostream &err, const std::function<int()> &fn);
 
+// Text from a client made safe for one log line: control characters (bytes below 0x20 and
+// 0x7f) as \n, \r, \t or \xHH, and '\' as \\, so that no client can end a line or write
+// one that looks like the agent's own.
+std::string EscapeForLog(const std::string &text);
+
 // The whole file, or nullopt when it cannot be read.
 std::optional<std::string> ReadTextFile(const std::string &path);
 

@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "kqAgentCommon.h"
+#include "kqAgentJson.h"
 #include "kqHostLinux.h"
 
 namespace kqagent {
@@ -63,23 +64,41 @@ std::string EncodeCommand(const Command &command)
     return Plain(root.get()) + "\n";
 }
 
-bool DecodeCommand(const std::string &line, Command &command)
+std::string DecodeCommand(const std::string &line, Command &command)
 {
-    JsonPtr root(json_tokener_parse(line.c_str()), json_object_put);
-    json_object *argv = nullptr, *text = nullptr, *level = nullptr;
-    if (!root || !json_object_object_get_ex(root.get(), "argv", &argv) || !json_object_is_type(argv, json_type_array))
-        return false;
+    json_tokener_error status = json_tokener_success;
+    JsonPtr root(json_tokener_parse_verbose(line.c_str(), &status), json_object_put);
+    if (!root || line.find('\0') != std::string::npos)
+        return std::string("not valid JSON (") + (status == json_tokener_success ? "a NUL byte" : json_tokener_error_desc(status)) + ")";
+    if (const std::string duplicate = FindDuplicateKey(line); !duplicate.empty())
+        return duplicate;
+    if (!json_object_is_type(root.get(), json_type_object))
+        return "not a JSON object";
+    json_object_object_foreach(root.get(), key, unused)
+    {
+        (void)unused;
+        if (strcmp(key, "argv") != 0 && strcmp(key, "fileText") != 0 && strcmp(key, "logLevel") != 0)
+            return std::string(key) + ": unknown key (known: argv, fileText, logLevel)";
+    }
+    json_object *argv = Member(root.get(), "argv"), *text = Member(root.get(), "fileText"),
+                *level = Member(root.get(), "logLevel");
+    if (argv == nullptr || !json_object_is_type(argv, json_type_array) || json_object_array_length(argv) == 0)
+        return "argv: must be an array holding the command and its arguments";
     for (size_t i = 0; i < json_object_array_length(argv); ++i) {
         json_object *arg = json_object_array_get_idx(argv, i);
         if (!json_object_is_type(arg, json_type_string))
-            return false;
+            return "argv[" + std::to_string(i) + "]: must be a text";
         command.argv.emplace_back(json_object_get_string(arg), json_object_get_string_len(arg));
     }
-    if (json_object_object_get_ex(root.get(), "fileText", &text) && json_object_is_type(text, json_type_string))
+    if (text != nullptr && !json_object_is_type(text, json_type_string))
+        return "fileText: must be a text";
+    if (level != nullptr && !json_object_is_type(level, json_type_int))
+        return "logLevel: must be a number";
+    if (text != nullptr)
         command.fileText.assign(json_object_get_string(text), json_object_get_string_len(text));
-    if (json_object_object_get_ex(root.get(), "logLevel", &level) && json_object_is_type(level, json_type_int))
+    if (level != nullptr)
         command.logLevel = json_object_get_int(level);
-    return true;
+    return "";
 }
 
 std::string EncodeAnswer(const CommandResult &answer)
@@ -131,11 +150,12 @@ AskOutcome AskAgent(const std::string &socketPath, const Command &command, Comma
         problem = socketPath + ": " + strerror(errno) + (errno == EACCES ? " (the agent takes commands from root only)" : "");
         return AskOutcome::Failed;
     }
-    if (!WriteAll(fd, EncodeCommand(command))) {
-        problem = socketPath + ": sending the command failed: " + strerror(errno);
-        return AskOutcome::Failed;
-    }
-    shutdown(fd, SHUT_WR);
+    // An agent that refuses the request (too large, no memory left for it) answers and
+    // closes before it has read it all: its answer is still there to read.
+    const bool sent = WriteAll(fd, EncodeCommand(command));
+    const int sendError = errno;
+    if (sent)
+        shutdown(fd, SHUT_WR);
     std::string line;
     char buffer[65536];
     for (;;) {
@@ -150,7 +170,8 @@ AskOutcome AskAgent(const std::string &socketPath, const Command &command, Comma
     json_object *exit = nullptr, *out = nullptr, *err = nullptr;
     if (!root || !json_object_object_get_ex(root.get(), "exit", &exit) ||
         !json_object_object_get_ex(root.get(), "out", &out) || !json_object_object_get_ex(root.get(), "err", &err)) {
-        problem = socketPath + ": the agent closed the connection without an answer (see its log)";
+        problem = socketPath + (sent ? ": the agent closed the connection without an answer (see its log)"
+                                     : ": sending the command failed: " + std::string(strerror(sendError)));
         return AskOutcome::Failed;
     }
     answer.exit = json_object_get_int(exit);

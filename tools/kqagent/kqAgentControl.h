@@ -16,11 +16,13 @@
 namespace kqagent {
 
 constexpr size_t kMaxLine = 64u << 20;  // a request file is far smaller
-constexpr int kAnswerTimeoutSeconds = 10;
+// A connection that moves no byte of its request, or of its answer, for this long is dropped.
+constexpr int kConnectionTimeoutSeconds = 10;
 
 // The protocol's lines, each ending in a newline.
 std::string EncodeCommand(const Command &command);
-bool DecodeCommand(const std::string &line, Command &command);
+// "" when line (without its newline) is a request, else what is wrong with it.
+std::string DecodeCommand(const std::string &line, Command &command);
 std::string EncodeAnswer(const CommandResult &answer);
 // All of text to fd (a socket); false when it could not be sent.
 bool WriteAll(int fd, const std::string &text);

@@ -1,4 +1,5 @@
-// Lookups in the JSON documents kqagent reads and shows, tolerant of what is missing.
+// Lookups in the JSON documents kqagent reads and shows, tolerant of what is missing, and
+// the one rule json-c does not keep for them: no key given twice.
 #pragma once
 
 #include <json-c/json.h>
@@ -20,5 +21,11 @@ inline std::string Field(json_object *object, const char *key)
     json_object *value = Member(object, key);
     return value != nullptr ? json_object_get_string(value) : "";
 }
+
+// The first key that appears twice in one object of a JSON text, as "path: duplicate key
+// (...)", or "" when there is none. Keys are compared as the parser reads them ("\u0061" is
+// "a"). The text must already be valid JSON: json-c keeps the last of two equal keys, so a
+// document that says two things would silently mean the second.
+std::string FindDuplicateKey(const std::string &text);
 
 }  // namespace kqagent

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -142,6 +143,15 @@ int main(int argc, char **argv)
     Invocation invocation;
     if (const int usage = ParseInvocation(command.argv, invocation, std::cerr); usage != kExitOk)
         return usage;
+    // An unknown key in the host settings is most likely a misspelt one ("lan" for "lans"),
+    // whose default would quietly move every interface to zone 0: nothing runs on them.
+    if (const std::string problems = KQ_HostConfigError(); !problems.empty() && invocation.verb->run != RunHelp) {
+        std::istringstream lines(problems);
+        for (std::string line; std::getline(lines, line);)
+            std::cerr << "kqagent: " << line << "\n";
+        std::cerr << "kqagent: nothing done; fix the host settings file first\n";
+        return kExitUsage;
+    }
     if (verb->Is(kVerbReadsFile)) {
         const std::string &file = invocation.args[0];
         errno = 0;

@@ -11,6 +11,7 @@
 
 #include "kqAgentChecks.h"
 #include "kqAgentCommon.h"
+#include "kqAgentJson.h"
 #include "kqCtrlDynamic.h"
 
 namespace kqagent {

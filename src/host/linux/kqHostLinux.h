@@ -5,9 +5,11 @@
  * Behaviour a caller can rely on, beyond kqHost.h:
  *
  * Settings: read once, on first use, from the JSON file named by KQ_HOST_CONFIG; with the
- *   variable unset every key takes its default. A file that cannot be read or parsed, an
- *   unknown key or a value of the wrong type gets one clear line on stderr ("kqhost: ...")
- *   and the default for that key; a bad entry of "lans" or "netns" is dropped on its own.
+ *   variable unset every key takes its default. A file that cannot be read or parsed or a
+ *   value of the wrong type gets one clear line on stderr ("kqhost: ...") and the default
+ *   for that key; a bad entry of "lans" or "netns" is dropped on its own. An unknown key (at
+ *   the top or in a "lans" entry) is an error, told by KQ_HostConfigError and not on stderr:
+ *   a program should refuse to run on such settings.
  *   Interface and namespace names must be usable as Linux names that no command line or
  *   dnsmasq line reads as something else (1..15 characters, not "." or "..", no leading
  *   '-', none of / : * ? [ ] , " ' # = \, no white space or control characters).
@@ -110,6 +112,14 @@ const char *KQ_HostControlSocketPath(void);
 
 /* The settings file in use, "" when none. Valid until the next reload. */
 const char *KQ_HostConfigPath(void);
+
+/* "" when the settings file can be used; else its errors, one line each ("<file>: unknown
+ * key \"lan\" (known keys: ...)\n"). Valid until the next reload. */
+const char *KQ_HostConfigError(void);
+
+/* "controlMemory": the bytes all connections of the agent's control socket may hold
+ * together (requests being read, answers being written); default 128 MiB. */
+size_t KQ_HostControlMemory(void);
 
 /* The policy-rule table, in insertion order (a replaced rule keeps its place). The pointer
  * from KQ_HostRuleAt is null past the end and valid until the next add, delete or clear. */

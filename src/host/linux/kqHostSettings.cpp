@@ -1,6 +1,8 @@
 // Settings of the reference host: one JSON file named by KQ_HOST_CONFIG, read on first use
-// and again on KQ_HostReloadConfig. Problems in the file never stop the host: each gets a
-// line on stderr and the key (or the one bad entry) falls back to its default.
+// and again on KQ_HostReloadConfig. A bad value never stops the host: it gets a line on
+// stderr and the key (or the one bad entry) falls back to its default. An unknown key is
+// different: most likely a misspelt one ("lan" for "lans"), whose default would quietly
+// change what runs where, so it is kept as an error for the program to refuse on.
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -27,6 +29,14 @@ constexpr const char *kDesiredStateName = "desired.json";  // beside dhcp.conf u
 constexpr const char *kDefaultControlSocket = "/run/kqagent/kqagent.sock";
 constexpr uint32_t kDefaultLogLevel = 2;
 constexpr size_t kMaxSettingsFile = 1 << 20;
+constexpr int64_t kDefaultControlMemory = int64_t{128} << 20;
+constexpr int64_t kMinControlMemory = int64_t{64} << 10;
+constexpr int64_t kMaxControlMemory = int64_t{1} << 40;
+
+constexpr const char *kKnownKeys = "\"dhcpConf\", \"dhcpConfBak\", \"desiredState\", \"controlSocket\", "
+                                   "\"controlMemory\", \"lans\", \"netns\", \"logLevel\", \"logTo\", "
+                                   "\"dhcpv6Interfaces\"";
+constexpr const char *kKnownLanKeys = "\"ifname\", \"vpnId\"";
 
 struct LanEntry {
     std::string ifName;
@@ -39,11 +49,13 @@ struct Settings {
     std::string dhcpConfBak = kDefaultDhcpConfBak;
     std::string desiredState;  // "" = beside dhcpConf
     std::string controlSocket = kDefaultControlSocket;
+    int64_t controlMemory = kDefaultControlMemory;
     std::vector<LanEntry> lans;
     std::map<uint32_t, std::string> netns;
     uint32_t logLevel = kDefaultLogLevel;
     bool toSyslog = false;
     std::vector<std::string> dhcpv6Interfaces;
+    std::string errors;  // "<file>: <problem>\n" per unknown key
 };
 
 std::mutex sg_Lock;
@@ -58,6 +70,7 @@ char sg_DhcpConfPath[PATH_MAX];
 char sg_DhcpConfBakPath[PATH_MAX];
 char sg_DesiredStatePath[PATH_MAX];
 char sg_ControlSocketPath[PATH_MAX];
+std::string sg_Errors;  // what KQ_HostConfigError hands out, stable until the next reload
 
 void Complain(const std::string &source, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void Complain(const std::string &source, const char *format, ...)
@@ -109,6 +122,15 @@ void ReadLans(const std::string &src, json_object *value, Settings &s)
     for (size_t i = 0; i < count; i++) {
         json_object *entry = json_object_array_get_idx(value, i);
         json_object *ifName = nullptr, *vpnId = nullptr;
+        if (json_object_is_type(entry, json_type_object)) {
+            json_object_object_foreach(entry, key, unused)
+            {
+                (void)unused;
+                if (strcmp(key, "ifname") != 0 && strcmp(key, "vpnId") != 0)
+                    s.errors += src + ": \"lans\"[" + std::to_string(i) + "]: unknown key \"" + key +
+                                "\" (known keys: " + kKnownLanKeys + ")\n";
+            }
+        }
         if (!json_object_is_type(entry, json_type_object) ||
             !json_object_object_get_ex(entry, "ifname", &ifName) ||
             !json_object_object_get_ex(entry, "vpnId", &vpnId)) {
@@ -197,6 +219,14 @@ void ReadDocument(const std::string &src, json_object *doc, Settings &s)
                     Complain(src, "\"controlSocket\" must be an absolute path of at most 107 characters; using \"%s\"",
                              s.controlSocket.c_str());
             }
+        } else if (k == "controlMemory") {
+            std::optional<int64_t> bytes = ReadInt(value, kMinControlMemory, kMaxControlMemory);
+            if (bytes)
+                s.controlMemory = *bytes;
+            else
+                Complain(src, "\"controlMemory\" must be a number of bytes from %lld to %lld; using %lld",
+                         static_cast<long long>(kMinControlMemory), static_cast<long long>(kMaxControlMemory),
+                         static_cast<long long>(kDefaultControlMemory));
         } else if (k == "lans") {
             ReadLans(src, value, s);
         } else if (k == "netns") {
@@ -216,7 +246,7 @@ void ReadDocument(const std::string &src, json_object *doc, Settings &s)
         } else if (k == "dhcpv6Interfaces") {
             ReadDhcpv6Interfaces(src, value, s);
         } else {
-            Complain(src, "unknown key \"%s\" ignored", key);
+            s.errors += src + ": unknown key \"" + k + "\" (known keys: " + kKnownKeys + ")\n";
         }
     }
 }
@@ -289,6 +319,7 @@ void Publish(Settings &&s)
     snprintf(sg_ControlSocketPath, sizeof(sg_ControlSocketPath), "%s", sg_Settings.controlSocket.c_str());
     sg_LogLevel = sg_Settings.logLevel;
     sg_ToSyslog = sg_Settings.toSyslog;
+    sg_Errors = sg_Settings.errors;
     sg_Loaded = true;
 }
 
@@ -374,6 +405,19 @@ const char *KQ_HostConfigPath(void)
 {
     std::lock_guard<std::mutex> lock(sg_Lock);
     return Locked().source.c_str();
+}
+
+const char *KQ_HostConfigError(void)
+{
+    std::lock_guard<std::mutex> lock(sg_Lock);
+    Locked();
+    return sg_Errors.c_str();
+}
+
+size_t KQ_HostControlMemory(void)
+{
+    std::lock_guard<std::mutex> lock(sg_Lock);
+    return static_cast<size_t>(Locked().controlMemory);
 }
 
 const char *KQ_AgentPathDhcpConf(void)
