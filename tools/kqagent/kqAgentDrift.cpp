@@ -1,5 +1,6 @@
 #include "kqAgentDrift.h"
 
+#include <bit>
 #include <cstdlib>
 #include <sstream>
 
@@ -121,7 +122,7 @@ void Ipv4AddressDrift(const std::string &ifname, const Ipv4DhcpServer &server, c
 {
     if (server.n_dhcpiprange == 0)
         return;
-    const unsigned maskLength = static_cast<unsigned>(__builtin_popcount(server.netmask));
+    const unsigned maskLength = static_cast<unsigned>(std::popcount(server.netmask));
     const std::vector<uint8_t> first = Ipv4Bytes(server.dhcpiprange[0]->begin);
     std::vector<Held> held;
     bool inSubnet = false;
