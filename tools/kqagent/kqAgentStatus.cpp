@@ -375,10 +375,10 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
         json_object *drift = json_object_new_array(), *causes = json_object_new_array();
         for (const auto &cause : Drift(wanted, facts, relayFacts)) {
             json_object_array_add(drift, Str(cause.text));
-            json_object *item = json_object_new_object();
-            json_object_object_add(item, "code", Str(cause.code));
-            json_object_object_add(item, "text", Str(cause.text));
-            json_object_array_add(causes, item);
+            json_object *told = json_object_new_object();
+            json_object_object_add(told, "code", Str(cause.code));
+            json_object_object_add(told, "text", Str(cause.text));
+            json_object_array_add(causes, told);
         }
         json_object_object_add(entry, "drift", drift);
         json_object_object_add(entry, "causes", causes);
