@@ -168,6 +168,11 @@ DesiredEntry Entry(const std::string &item)
     return DesiredEntry{"lan1", item, parsed.requests.at(0), ""};
 }
 
+std::string Replace(std::string text, const std::string &from, const std::string &to)
+{
+    return text.replace(text.find(from), from.size(), to);
+}
+
 std::vector<std::string> Texts(const std::vector<Cause> &causes)
 {
     std::vector<std::string> texts;
@@ -327,6 +332,13 @@ TEST(AgentDrift, SummariesSayWhatIsWantedAndWhatIsServed)
     EXPECT_EQ(DesiredSummary(Entry(Item(R"("ipv4dhcpitem":{"mode":"off"})")), 0), "ipv4 off, zone 0");
     EXPECT_EQ(DesiredSummary(Entry(Item(R"("ipv6dhcpitem":{"mode":"relay"})")), 3), "nothing served, zone 3");
     EXPECT_EQ(DesiredSummary(Entry(""), 0), "unusable entry");
+    // Each pair of dynamic modes names its service; an IPv6 item turned off serves nothing,
+    // whatever server settings it keeps.
+    const std::string stateless = R"("ipv6dhcpitem":{"mode":"server","dhcpserver":{"prefix":"2001:db8:1::","prefixlength":64,)"
+                                  R"("ipv6dynamicmode":"slaac","dnsdynamicmode":"dhcp"}})";
+    EXPECT_EQ(DesiredSummary(Entry(Item(stateless)), 0), "ipv6 stateless DHCPv6, zone 0");
+    EXPECT_EQ(DesiredSummary(Entry(Item(std::string(kPool4) + "," + Replace(kStateful6, "\"server\"", "\"off\""))), 0),
+              "ipv4 server, zone 0");
 
     const struct { InterfaceFacts Facts; const char *Served; } cases[] = {
         {{"lan1", 7, true}, "no dnsmasq of its own"},
