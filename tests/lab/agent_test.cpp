@@ -182,7 +182,11 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
         {nullptr, "apply " + dir.File("lan9.json"), 1,
          {"kqagent: request 0: add of lan9 refused (EINVAL (-22) Invalid argument): ",
           "kqagent: removed /etc/vyr_dhcpd_lan9.conf, left behind by the failed start (lan9 is not configured)\n"}, ": ok"},
-        {nullptr, "status", 0, {"\nlan1: zone 7 (netns vpn7)\n"}, "\nlan9: zone"},
+        // The refused requests above went part of the way (the module does not undo): lan1
+        // lost its IPv6 half and the server adds stopped the relay. Status says so, and exits 3.
+        {nullptr, "status", 3,
+         {"\nlan1: zone 7 (netns vpn7)\n", "  DRIFT: IPv6 serves none, desired stateful DHCPv6\n",
+          "  DRIFT: relay dnsmasq is not running\n"}, "\nlan9: zone"},
         {nullptr, "apply " + dir.File("delete.json"), 0, {"[0] delete lan1"}, "kqagent:"},
         {nullptr, "status", 0, {"no interfaces configured\n", "stale files (interfaces not configured):\n  lan1: /etc/vyr_dhcpd_lan1.leases\n"}, "lan1: zone"},
         // A dhcp.conf named on the command line is restored as it stands, the module's way.
@@ -195,14 +199,14 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
           dhcpConf + ".bak\n"}, "vaild"},
         // lan1 turned relay: the leases its server handed out are not the relay's.
         {R"({ "dhcps": [ { "ifname": "lan1", "vpnId": 0, "dhcpRelay": { "lanIp": "192.0.2.1", "relayServer": [ "203.0.113.2" ] } } ] })",
-         "status", 0, {"  DRIFT: in dhcp.conf but not in the desired state\n  relay: lan ip 192.0.2.1 -> 203.0.113.2\n\n"}, address},
+         "status", 3, {"  DRIFT: in dhcp.conf but not in the desired state\n  relay: lan ip 192.0.2.1 -> 203.0.113.2\n\n"}, address},
     };
     for (const auto &step : steps) {
         SCOPED_TRACE(step.Args);
         if (step.Conf != nullptr)
             lab::WriteFile(dhcpConf, step.Conf);
         const lab::Outcome run = lab::Kqagent(dir, step.Args);
-        EXPECT_EQ(run.Status, step.Status);
+        EXPECT_EQ(run.Status, step.Status) << run.Out << run.Err;
         for (const std::string &piece : step.Has)
             EXPECT_TRUE(lab::Has(run.Out + run.Err, piece));
         EXPECT_TRUE(step.HasNot.empty() || !lab::Has(run.Out + run.Err, step.HasNot)) << run.Out + run.Err;
@@ -211,6 +215,101 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
     EXPECT_FALSE(lab::Alive(*pid));
     EXPECT_FALSE(lab::ReadFile("/var/run/vyr_dhcpd_lan1.pid"));
     EXPECT_FALSE(lab::ReadFile(confFile));
+}
+
+// The README's example on interfaces that cannot serve anyone: status says why, in what a
+// client sees, and exits 3, through the agent as on its own; given their addresses the same
+// LANs run as desired (exit 0) and a real client is served. A pool outside the interface's
+// own subnet and an interface that went away each name their cause.
+TEST(AgentLab, StatusTellsWhatKeepsClientsFromBeingServed)
+{
+    LAB_REQUIRE();
+    lab::Sweep sweep;
+    lab::TempDir dir;
+    lab::Netns c1("hl-c1");
+    lab::Veth("", "lan1", {}, "hl-c1", "c1");
+    lab::Veth("", "lan2", {}, "", "lan2p");
+    lab::Veth("", "lan3", {"203.0.113.1/25"}, "", "lan3p");
+    lab::UseHost(dir, R"("logLevel": 3)");
+    auto agent = lab::Serve(KQAGENT_PATH, dir.File("serve.log"));
+    const char *readme = R"({
+  "requests": [
+    { "op": "add",
+      "item": { "ifname": "lan1",
+        "ipv4dhcpitem": { "mode": "server",
+          "dhcpserver": { "dhcpiprange": [ { "begin": "192.0.2.100", "len": 50 } ],
+                          "netmask": "255.255.255.0", "gateway": "192.0.2.1",
+                          "dns": [ "192.0.2.1" ], "leasetime": 3600, "offertime": 60 } },
+        "ipv6dhcpitem": { "mode": "server",
+          "dhcpserver": { "dhcpiprange": [ { "ipv6begin": "2001:db8:1::100", "ipv6end": "2001:db8:1::1ff" } ],
+                          "prefixlength": 64, "dns": [ "2001:db8:1::1" ], "leasetime": 3600,
+                          "ipv6dynamicmode": "dhcp", "dnsdynamicmode": "dhcp" } } } },
+    { "op": "add",
+      "item": { "ifname": "lan2",
+        "ipv4dhcpitem": { "mode": "relay",
+          "dhcprelay": { "relayserver": [ "203.0.113.2" ], "lanip": "198.51.100.1" } } } },
+    { "op": "delete", "item": { "ifname": "lan3" } }
+  ]
+})";
+    lab::WriteFile(dir.File("readme.json"), readme);
+    const lab::Outcome applied = lab::Kqagent(dir, "apply " + dir.File("readme.json"));
+    ASSERT_EQ(applied.Status, 0) << applied.Out << applied.Err;
+
+    const std::string noAnswer = ": clients get no answer\n";
+    const lab::Outcome bare = lab::Kqagent(dir, "status");
+    EXPECT_EQ(bare.Status, 3) << bare.Out << bare.Err;
+    EXPECT_TRUE(lab::Has(bare.Out, "\n  serving: ipv4 server, ipv6 stateful DHCPv6, in the namespace of zone 0\n"
+                                   "  DRIFT: lan1 holds no IPv4 address in 192.0.2.0/24" + noAnswer +
+                                   "  DRIFT: lan1 holds no IPv6 address in 2001:db8:1::/64: clients get no IPv6 address\n"
+                                   "  server ipv4: "));
+    EXPECT_TRUE(lab::Has(bare.Out, "  DRIFT: lan2 does not hold its relay address 198.51.100.1" + noAnswer));
+    EXPECT_FALSE(lab::Has(bare.Out, "runs as desired"));
+    const lab::Outcome json = lab::Kqagent(dir, "status --json");
+    EXPECT_EQ(json.Status, 3);
+    EXPECT_EQ(lab::JsonAt(json.Out, "interfaces.0.causes.0.code"), "\"no-ipv4-address\"") << json.Out;
+    EXPECT_EQ(lab::JsonAt(json.Out, "interfaces.0.causes.1.code"), "\"no-ipv6-address\"");
+    EXPECT_EQ(lab::JsonAt(json.Out, "interfaces.0.causes.2"), "absent");
+    EXPECT_EQ(lab::JsonAt(json.Out, "interfaces.0.link.up"), "true");
+    // What the real dnsmasq holds: DHCPv4, DHCPv6 and its router advertisements.
+    for (const char *socket : {"dhcpv4", "dhcpv6", "icmpv6"})
+        EXPECT_EQ(lab::JsonAt(json.Out, std::string("interfaces.0.server.process.sockets.") + socket), "true") << socket;
+    EXPECT_EQ(lab::JsonAt(json.Out, "interfaces.1.causes.0.code"), "\"no-relay-address\"");
+    EXPECT_EQ(lab::JsonAt(json.Out, "relay.process.sockets.dhcpv4"), "true");
+
+    // Given their addresses, the same LANs run as desired, and a client is served.
+    lab::MustSh("ip addr add 192.0.2.1/24 dev lan1 && ip addr add 2001:db8:1::1/64 dev lan1 && "
+                "ip addr add 198.51.100.1/24 dev lan2");
+    const lab::Outcome whole = lab::Kqagent(dir, "status");
+    EXPECT_EQ(whole.Status, 0) << whole.Out << whole.Err;
+    EXPECT_TRUE(lab::Has(whole.Out, "\n  serving: ipv4 server, ipv6 stateful DHCPv6, in the namespace of zone 0\n  runs as desired\n"));
+    EXPECT_TRUE(lab::Has(whole.Out, "\n  desired: ipv4 relay, zone 0\n  serving: no dnsmasq of its own\n  runs as desired\n"));
+    {
+        lab::Dhclient client("hl-c1", "c1", dir, "-4");
+        const std::string got = client.Wait("fixed-address").value_or("none");
+        EXPECT_TRUE(lab::InRange(got, "192.0.2.100", "192.0.2.149")) << got;
+    }
+
+    // lan3 holds 203.0.113.1/25: a pool in the upper half of the /24 is never served.
+    lab::WriteFile(dir.File("lan3.json"), R"({"requests":[{"op":"add","item":{"ifname":"lan3",)"
+                                          R"("ipv4dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"begin":"203.0.113.200","len":10}],)"
+                                          R"("netmask":"255.255.255.0","leasetime":600}}}}]})");
+    const lab::Outcome added = lab::Kqagent(dir, "apply " + dir.File("lan3.json"));
+    ASSERT_EQ(added.Status, 0) << added.Out << added.Err;
+    const lab::Outcome outside = lab::Kqagent(dir, "status lan3");
+    EXPECT_EQ(outside.Status, 3);
+    EXPECT_TRUE(lab::Has(outside.Out, "\n  DRIFT: pool 203.0.113.200-203.0.113.209 lies outside the subnets of lan3 (203.0.113.0/25)" +
+                                          noAnswer));
+    EXPECT_EQ(lab::Kqagent(dir, "status lan1 lan2").Status, 0);  // only the interfaces named are judged
+
+    // lan1 goes away under its dnsmasq.
+    lab::MustSh("ip link del lan1");
+    const lab::Outcome gone = lab::Kqagent(dir, "status lan1");
+    EXPECT_EQ(gone.Status, 3);
+    EXPECT_TRUE(lab::Has(gone.Out, "\n  DRIFT: lan1 does not exist in the namespace of zone 0" + noAnswer));
+    agent->Stop();
+    const lab::Outcome alone = lab::Kqagent(dir, "status lan1");  // the same without an agent
+    EXPECT_EQ(alone.Status, 3);
+    EXPECT_TRUE(lab::Has(alone.Out, "\n  DRIFT: lan1 does not exist in the namespace of zone 0" + noAnswer));
 }
 
 // Commands at once, first through a running agent, then each on its own: none is lost from

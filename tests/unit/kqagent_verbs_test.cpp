@@ -11,6 +11,11 @@
 #include "kqAgentLeases.h"
 #include "kqAgentVerbs.h"
 
+namespace kqagent {
+// A cause as a failing expectation shows it.
+void PrintTo(const Cause &cause, std::ostream *out) { *out << cause.code << ": " << cause.text; }
+}  // namespace kqagent
+
 namespace {
 
 using namespace kqagent;
@@ -163,6 +168,19 @@ DesiredEntry Entry(const std::string &item)
     return DesiredEntry{"lan1", item, parsed.requests.at(0), ""};
 }
 
+std::string Replace(std::string text, const std::string &from, const std::string &to)
+{
+    return text.replace(text.find(from), from.size(), to);
+}
+
+std::vector<std::string> Texts(const std::vector<Cause> &causes)
+{
+    std::vector<std::string> texts;
+    for (const auto &cause : causes)
+        texts.push_back(cause.text);
+    return texts;
+}
+
 const char kPool4[] = R"("ipv4dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.100","len":20}],"netmask":"255.255.255.0","leasetime":3600}})";
 const char kStateful6[] = R"("ipv6dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"ipv6begin":"2001:db8:1::1000","ipv6end":"2001:db8:1::1fff"}],)"
                           R"("prefixlength":64,"leasetime":3600,"ipv6dynamicmode":"dhcp","dnsdynamicmode":"dhcp"}})";
@@ -221,10 +239,90 @@ TEST(AgentDrift, EachDifferenceFromTheDesiredStateIsOneLine)
                                                 "dhclient is not running"}},
     };
     for (size_t i = 0; i < std::size(cases); ++i)
-        EXPECT_EQ(Drift(cases[i].Want, cases[i].Facts, cases[i].Relay), cases[i].Drift) << "case " << i;
+        EXPECT_EQ(Texts(Drift(cases[i].Want, cases[i].Facts, cases[i].Relay)), cases[i].Drift) << "case " << i;
     InterfaceFacts clientsRun = notConfigured;
     clientsRun.dhclientRunning[0] = clientsRun.dhclientRunning[1] = true;
-    EXPECT_EQ(Drift({nullptr, {&client4, &stateful6}}, clientsRun, {}), std::vector<std::string>{});
+    EXPECT_EQ(Texts(Drift({nullptr, {&client4, &stateful6}}, clientsRun, {})), std::vector<std::string>{});
+}
+
+// Whether a client on the LAN can be served: the interface where its dnsmasq runs, the
+// addresses it holds for the pools and prefixes, the sockets its dnsmasq holds, the relay's
+// LAN address. Each cause is one code and one line that says what a client sees.
+TEST(AgentDrift, ALanThatCannotServeItsClientsSaysWhy)
+{
+    const std::string twoPools = R"("ipv4dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":10},)"
+                                 R"({"begin":"192.0.2.200","len":20}],"netmask":"255.255.255.0","leasetime":3600}})";
+    const DesiredEntry server = Entry(Item(std::string(kPool4) + "," + kStateful6)), slaac = Entry(Item(kSlaac6)),
+                       pools = Entry(Item(twoPools)), relay = Entry(Item(kRelay4));
+    const std::string both = std::string(kConf4) + kConfStateful + "enable-ra\nra-param=lan1,10\n";
+    const std::string slaacConf = std::string(kConfRaOnly) + "enable-ra\nra-param=lan1,10\n";
+    const DnsmasqSockets all{true, true, true};
+    const LinkFacts served{true, true, {"192.0.2.1/24", "2001:db8:1::1/64"}};
+    auto lan = [](std::string conf, std::optional<LinkFacts> link, std::optional<DnsmasqSockets> sockets) {
+        InterfaceFacts facts{"lan1", 7, true, !conf.empty(), true, std::move(conf)};
+        facts.link = facts.relayLink = std::move(link);
+        facts.sockets = sockets;
+        return facts;
+    };
+    const RelayFacts relayRuns{true, "dhcp-relay=198.51.100.12,198.51.100.2\n", all};
+    const std::string noAnswer = ": clients get no answer";
+    const struct {
+        const DesiredEntry *Want;
+        InterfaceFacts Facts;
+        RelayFacts Relay;
+        std::vector<Cause> Drift;
+    } cases[] = {
+        {&server, lan(both, served, all), {}, {}},
+        // Nothing can be told: no drift is made up.
+        {&server, lan(both, std::nullopt, std::nullopt), {}, {}},
+        {&server, lan(both, LinkFacts{}, all), {}, {{"no-interface", "lan1 does not exist in the namespace of zone 7" + noAnswer}}},
+        {&server, lan(both, LinkFacts{true, false, served.addresses}, all), {}, {{"interface-down", "lan1 is down" + noAnswer}}},
+        {&server, lan(both, LinkFacts{true, true, {}}, all), {},
+         {{"no-ipv4-address", "lan1 holds no IPv4 address in 192.0.2.0/24" + noAnswer},
+          {"no-ipv6-address", "lan1 holds no IPv6 address in 2001:db8:1::/64: clients get no IPv6 address"}}},
+        {&server, lan(both, LinkFacts{true, true, {"198.51.100.1/24", "2001:db8:1::1/64", "2001:db8:9::1/64"}}, all), {},
+         {{"no-ipv4-address", "lan1 holds no IPv4 address in 192.0.2.0/24 (it holds 198.51.100.1/24)" + noAnswer}}},
+        {&server, lan(both, LinkFacts{true, true, {"192.0.2.1/24", "2001:db8:9::1/64", "2001:db8:1::1/48"}}, all), {}, {}},
+        {&server, lan(both, LinkFacts{true, true, {"192.0.2.1/24", "2001:db8:9::1/64"}}, all), {},
+         {{"no-ipv6-address", "lan1 holds no IPv6 address in 2001:db8:1::/64 (it holds 2001:db8:9::1/64): clients get no IPv6 address"}}},
+        // The interface's own subnet must hold the whole pool, as dnsmasq asks.
+        {&server, lan(both, LinkFacts{true, true, {"192.0.2.129/25", "2001:db8:1::1/64"}}, all), {},
+         {{"pool-outside-subnet", "pool 192.0.2.100-192.0.2.119 lies outside the subnets of lan1 (192.0.2.128/25)" + noAnswer}}},
+        {&pools, lan(kConf4, LinkFacts{true, true, {"192.0.2.1/25", "192.0.2.129/26"}}, all), {},
+         {{"pool-outside-subnet", "pool 192.0.2.200-192.0.2.219 lies outside the subnets of lan1 (192.0.2.0/25, 192.0.2.128/26): "
+                                  "clients get no address from it"}}},
+        {&pools, lan(kConf4, LinkFacts{true, true, {"192.0.2.100/30"}}, all), {},
+         {{"pool-outside-subnet", "pool 192.0.2.10-192.0.2.19 lies outside the subnets of lan1 (192.0.2.100/30)" + noAnswer},
+          {"pool-outside-subnet", "pool 192.0.2.200-192.0.2.219 lies outside the subnets of lan1 (192.0.2.100/30)" + noAnswer}}},
+        // Sockets: only those its file asks for; a family it does not serve is told once.
+        {&server, lan(both, served, DnsmasqSockets{}), {},
+         {{"no-dhcpv4-socket", "lan1's dnsmasq holds no DHCPv4 socket (UDP 67)" + noAnswer},
+          {"no-dhcpv6-socket", "lan1's dnsmasq holds no DHCPv6 socket (UDP 547): clients get no DHCPv6 answer"},
+          {"no-icmpv6-socket", "lan1's dnsmasq holds no ICMPv6 socket: clients get no router advertisement"}}},
+        {&server, lan(std::string(kConf4) + kConfStateful, served, DnsmasqSockets{true, true, false}), {}, {}},
+        {&server, lan(kConfStateful, served, DnsmasqSockets{false, true, true}), {},
+         {{"ipv4-differs", "IPv4 not served, desired server"}}},
+        {&slaac, lan(slaacConf, served, DnsmasqSockets{false, false, true}), {}, {}},
+        {&slaac, lan(slaacConf, served, DnsmasqSockets{true, true, false}), {},
+         {{"no-icmpv6-socket", "lan1's dnsmasq holds no ICMPv6 socket: clients get no router advertisement"}}},
+        {&slaac, lan(kConfStateless, LinkFacts{true, true, {"2001:db8:1::1/64"}}, all), {},
+         {{"ipv6-differs", "IPv6 serves stateless DHCPv6, desired SLAAC"}}},
+        {&server, lan("", LinkFacts{}, std::nullopt), {},
+         {{"dnsmasq-not-running", "dnsmasq is not running"},
+          {"no-interface", "lan1 does not exist in the namespace of zone 7" + noAnswer}}},
+        // The relay LAN is looked for where the relay runs, and must hold its LAN address.
+        {&relay, lan("", LinkFacts{true, true, {"198.51.100.12/25"}}, std::nullopt), relayRuns, {}},
+        {&relay, lan("", LinkFacts{true, true, {"198.51.100.1/25", "198.51.100.120/25"}}, std::nullopt), relayRuns,
+         {{"no-relay-address", "lan1 does not hold its relay address 198.51.100.12" + noAnswer}}},
+        {&relay, lan("", LinkFacts{}, std::nullopt), relayRuns,
+         {{"no-interface", "lan1 does not exist in the namespace of zone 0" + noAnswer}}},
+        {&relay, lan("", LinkFacts{true, false, {"198.51.100.12/25"}}, std::nullopt), {false, relayRuns.conf},
+         {{"relay-not-running", "relay dnsmasq is not running"}, {"interface-down", "lan1 is down" + noAnswer}}},
+        {&relay, lan("", LinkFacts{true, true, {"198.51.100.12/25"}}, std::nullopt), {true, relayRuns.conf, DnsmasqSockets{}},
+         {{"no-relay-socket", "the relay dnsmasq holds no DHCPv4 socket (UDP 67)" + noAnswer}}},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(Drift({cases[i].Want}, cases[i].Facts, cases[i].Relay), cases[i].Drift) << "case " << i;
 }
 
 TEST(AgentDrift, SummariesSayWhatIsWantedAndWhatIsServed)
@@ -234,6 +332,13 @@ TEST(AgentDrift, SummariesSayWhatIsWantedAndWhatIsServed)
     EXPECT_EQ(DesiredSummary(Entry(Item(R"("ipv4dhcpitem":{"mode":"off"})")), 0), "ipv4 off, zone 0");
     EXPECT_EQ(DesiredSummary(Entry(Item(R"("ipv6dhcpitem":{"mode":"relay"})")), 3), "nothing served, zone 3");
     EXPECT_EQ(DesiredSummary(Entry(""), 0), "unusable entry");
+    // Each pair of dynamic modes names its service; an IPv6 item turned off serves nothing,
+    // whatever server settings it keeps.
+    const std::string stateless = R"("ipv6dhcpitem":{"mode":"server","dhcpserver":{"prefix":"2001:db8:1::","prefixlength":64,)"
+                                  R"("ipv6dynamicmode":"slaac","dnsdynamicmode":"dhcp"}})";
+    EXPECT_EQ(DesiredSummary(Entry(Item(stateless)), 0), "ipv6 stateless DHCPv6, zone 0");
+    EXPECT_EQ(DesiredSummary(Entry(Item(std::string(kPool4) + "," + Replace(kStateful6, "\"server\"", "\"off\""))), 0),
+              "ipv4 server, zone 0");
 
     const struct { InterfaceFacts Facts; const char *Served; } cases[] = {
         {{"lan1", 7, true}, "no dnsmasq of its own"},

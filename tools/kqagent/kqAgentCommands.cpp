@@ -457,8 +457,9 @@ int Agent::Status(const VerbCall &call)
         out << json_object_to_json_string_ext(status, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE) << "\n";
     else
         out << RenderStatus(status);
+    const int exit = StatusExit(status);
     json_object_put(status);
-    return kExitOk;
+    return exit;
 }
 
 namespace {

@@ -12,10 +12,12 @@
 
 #include "kqAgentCommon.h"
 #include "kqAgentDrift.h"
+#include "kqAgentHealth.h"
 #include "kqAgentInventory.h"
 #include "kqAgentJson.h"
 #include "kqAgentLeases.h"
 #include "kqAgentProcess.h"
+#include "kqAgentVerbs.h"
 #include "kqCtrlDynamic.h"
 #include "kqHostLinux.h"
 
@@ -127,7 +129,45 @@ void AddSupervision(json_object *process, const std::map<Service, Supervision> &
     json_object_object_add(process, "supervision", facts);
 }
 
+json_object *LinkJson(const std::optional<LinkFacts> &link)
+{
+    if (!link)
+        return nullptr;
+    json_object *facts = json_object_new_object();
+    json_object_object_add(facts, "exists", json_object_new_boolean(link->exists));
+    json_object_object_add(facts, "up", json_object_new_boolean(link->up));
+    json_object *addresses = json_object_new_array();
+    for (const auto &address : link->addresses)
+        json_object_array_add(addresses, Str(address));
+    json_object_object_add(facts, "addresses", addresses);
+    return facts;
+}
+
+void AddSockets(json_object *process, const std::optional<DnsmasqSockets> &sockets)
+{
+    if (!sockets)
+        return;
+    json_object *held = json_object_new_object();
+    json_object_object_add(held, "dhcpv4", json_object_new_boolean(sockets->dhcpv4));
+    json_object_object_add(held, "dhcpv6", json_object_new_boolean(sockets->dhcpv6));
+    json_object_object_add(held, "icmpv6", json_object_new_boolean(sockets->icmpv6));
+    json_object_object_add(process, "sockets", held);
+}
+
+long PidOf(json_object *process) { return std::strtol(Field(process, "pid").c_str(), nullptr, 10); }
+
 }  // namespace
+
+int StatusExit(json_object *status)
+{
+    if (!Field(Member(status, "agent"), "problem").empty())
+        return kExitDrift;
+    json_object *interfaces = Member(status, "interfaces");
+    for (size_t i = 0; i < json_object_array_length(interfaces); ++i)
+        if (json_object_array_length(Member(json_object_array_get_idx(interfaces, i), "drift")) > 0)
+            return kExitDrift;
+    return kExitOk;
+}
 
 long RunningDnsmasq(const std::string &pidFile)
 {
@@ -199,7 +239,11 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
     json_object_object_add(status, "agent", agent);
     RelayFacts relayFacts;
     relayFacts.conf = ReadTextFile(kRelayConfFile).value_or("");
-    relayFacts.running = RunningDnsmasq(kRelayPidFile) > 0;
+    const long relayPid = RunningDnsmasq(kRelayPidFile);
+    relayFacts.running = relayPid > 0;
+    HealthReader health;
+    if (relayFacts.running)
+        relayFacts.sockets = health.Sockets(static_cast<pid_t>(relayPid));
 
     // What dhcp.conf says, item by item.
     const std::string confPath = KQ_AgentPathDhcpConf();
@@ -302,8 +346,18 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
         facts.inDhcpConf = item != nullptr;
         facts.dnsmasqRunning = json_object_get_boolean(Member(process, "running"));
         if (facts.dnsmasqRunning) {
-            facts.dnsmasqInZone = InZoneNamespace(std::strtol(Field(process, "pid").c_str(), nullptr, 10), facts.zone);
+            facts.dnsmasqInZone = InZoneNamespace(PidOf(process), facts.zone);
             facts.dnsmasqConf = ReadTextFile(ServerConfFile(ifname)).value_or("");
+            facts.sockets = health.Sockets(static_cast<pid_t>(PidOf(process)));
+            AddSockets(process, facts.sockets);
+        }
+        // Only a LAN the agent serves is looked for in its namespaces.
+        if (wanted.entry != nullptr && wanted.entry->request) {
+            facts.link = health.Link(facts.zone, ifname);
+            facts.relayLink = facts.zone == 0 ? facts.link : health.Link(0, ifname);
+            json_object_object_add(entry, "link", LinkJson(facts.link));
+            if (facts.zone != 0)
+                json_object_object_add(entry, "relayLink", LinkJson(facts.relayLink));
         }
         json_object *clients[2] = {};
         for (const bool v6 : {false, true}) {
@@ -318,10 +372,16 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
         if (wanted.entry != nullptr)
             json_object_object_add(entry, "desiredSummary", Str(DesiredSummary(*wanted.entry, facts.zone)));
         json_object_object_add(entry, "servedSummary", Str(ServedSummary(facts)));
-        json_object *drift = json_object_new_array();
-        for (const auto &line : Drift(wanted, facts, relayFacts))
-            json_object_array_add(drift, Str(line));
+        json_object *drift = json_object_new_array(), *causes = json_object_new_array();
+        for (const auto &cause : Drift(wanted, facts, relayFacts)) {
+            json_object_array_add(drift, Str(cause.text));
+            json_object *told = json_object_new_object();
+            json_object_object_add(told, "code", Str(cause.code));
+            json_object_object_add(told, "text", Str(cause.text));
+            json_object_array_add(causes, told);
+        }
         json_object_object_add(entry, "drift", drift);
+        json_object_object_add(entry, "causes", causes);
         AddSupervision(process, supervision, Service{ServiceKind::Server, ifname});
         json_object_object_add(entry, "dhclient", clients[0]);
         json_object_object_add(entry, "dhclient6", clients[1]);
@@ -332,6 +392,7 @@ json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const
 
     json_object *relay = json_object_new_object();
     json_object_object_add(relay, "process", DnsmasqProcess(kRelayPidFile));
+    AddSockets(Member(relay, "process"), relayFacts.sockets);
     AddSupervision(Member(relay, "process"), supervision, Service{ServiceKind::Relay, ""});
     json_object_object_add(relay, "confFile", Str(kRelayConfFile));
     json_object *lines = json_object_new_array();

@@ -22,6 +22,10 @@ namespace kqagent {
 json_object *CollectStatus(const std::vector<std::string> &onlyInterfaces, const DesiredState &desired,
                            bool fromAgent, const std::map<Service, Supervision> &supervision);
 
+// What status exits with for that document: kExitDrift when an interface drifts or the
+// desired state cannot be read (nothing can be judged against it), else kExitOk.
+int StatusExit(json_object *status);
+
 // The pid of the dnsmasq that owns pidFile (confirmed through /proc), 0 when none runs.
 long RunningDnsmasq(const std::string &pidFile);
 

@@ -110,10 +110,18 @@ const Verb kVerbs[] = {
      "\n"
      "Per interface: its desired configuration and any DRIFT from it (a dnsmasq that does not run, runs\n"
      "outside its zone's namespace or serves another IPv6 mode; an interface missing from dhcp.conf or\n"
-     "from the shared relay), the server and relay settings of dhcp.conf, the zone from the LAN table,\n"
-     "whether its dnsmasq and dhclient run (pid files confirmed through /proc/<pid>/cmdline) and its\n"
-     "leases; then the shared relay and the policy rule table of the agent (or of this process).\n"
-     "  --json   print the same as one JSON document\n",
+     "from the shared relay), then whether a client can be served at all, each cause with what a client\n"
+     "sees: the interface exists in its zone's namespace and is up, holds an IPv4 address whose subnet\n"
+     "holds its pools and an IPv6 address in its DHCPv6 range's or SLAAC prefix, its dnsmasq holds its\n"
+     "DHCPv4, DHCPv6 and ICMPv6 (router advertisement) sockets, a relay interface holds its LAN address.\n"
+     "\"runs as desired\" only when all of it holds. Then the server and relay settings of dhcp.conf, the\n"
+     "zone from the LAN table, whether its dnsmasq and dhclient run (pid files confirmed through\n"
+     "/proc/<pid>/cmdline) and its leases; then the shared relay and the policy rule table of the agent\n"
+     "(or of this process).\n"
+     "  --json   print the same as one JSON document (per interface \"causes\": [{code, text}])\n"
+     "\n"
+     "exit status: 0 everything shown runs as desired; 3 something drifts (or the desired state cannot\n"
+     "             be read); 1 the agent cannot be asked or the command fails; 2 bad command line\n",
      {{"--json", false}}, 0, kAnyCount, nullptr, nullptr, 0, RunStatus},
     {"help", "help [COMMAND]", "this text, or a command's own", nullptr, {}, 0, kAnyCount, nullptr, nullptr, kVerbLocal,
      RunHelp},
@@ -139,7 +147,7 @@ const char *kUsageTail =
     "runs in this process under the agent's lock, with the registry rebuilt from the desired state.\n"
     "\n"
     "exit status: 0 done, 1 refused by the module or the system, or a service not running,\n"
-    "             2 bad command line or request file\n";
+    "             2 bad command line or request file, 3 status: something does not run as desired\n";
 
 // The usage's command list: summaries start in this column, under a synopsis too long for it.
 constexpr size_t kSummaryColumn = 26;

@@ -16,6 +16,7 @@ namespace kqagent {
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;  // the module or the system refused, or a service does not run
 constexpr int kExitUsage = 2;   // bad command line or bad request file
+constexpr int kExitDrift = 3;   // status: something does not run as desired
 
 // "kqagent: <problem>\ntry 'kqagent help <command>'\n" on err; returns kExitUsage.
 int Usage(std::ostream &err, const std::string &problem, const std::string &command = "");
