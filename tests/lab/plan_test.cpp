@@ -175,6 +175,10 @@ TEST(PlanLab, CheckRunsForAnyUserAndLooksAtTheMachine)
     lab::Veth("", "lit", {"192.0.2.1/24"}, "", "litp");
     lab::UseHost(dir, R"("logLevel": 3, "controlSocket": ")" + dir.File("run/kqagent.sock") + "\"");
     lab::MustSh("chmod 755 " + dir.File("") + " && chmod 644 " + dir.File("kqhost.json"));
+    // The build folder may be private to root: the user runs a copy, with the libraries beside it.
+    const std::string build = std::string(KQAGENT_PATH).substr(0, std::string(KQAGENT_PATH).rfind('/'));
+    lab::MustSh("mkdir -p " + dir.File("bin") + " && cp -L " KQAGENT_PATH " " + build + "/libkqdynamic.so* " + build +
+                "/libkqhost.so* " + dir.File("bin") + " && chmod -R a+rX " + dir.File("bin"));
     const std::string pool = R"("dhcpiprange":[{"begin":"192.0.2.100","len":20}],"netmask":"255.255.255.0","leasetime":3600)";
     const struct {
         std::string requests;
@@ -199,7 +203,7 @@ TEST(PlanLab, CheckRunsForAnyUserAndLooksAtTheMachine)
         lab::WriteFile(file, c.requests);
         lab::MustSh("chmod 644 " + file);
         const int status = lab::Sh("setpriv --reuid=65534 --regid=65534 --clear-groups env KQ_HOST_CONFIG=" + dir.File("kqhost.json") +
-                                   " " KQAGENT_PATH " check " + file + c.args + " >" + dir.File("out") + " 2>" + dir.File("err"));
+                                   " LD_LIBRARY_PATH=" + dir.File("bin") + " " + dir.File("bin/kqagent") + " check " + file + c.args + " >" + dir.File("out") + " 2>" + dir.File("err"));
         EXPECT_EQ(status, c.status);
         EXPECT_TRUE(lab::Has(lab::Text(dir.File("out")), c.out));
         EXPECT_EQ(lab::Text(dir.File("err")), std::regex_replace(c.err, std::regex("FILE"), file));
