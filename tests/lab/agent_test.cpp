@@ -164,6 +164,10 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
     EXPECT_EQ(failed.Status, 1);
     EXPECT_TRUE(lab::Has(failed.Err, "kqagent: request 0: add of lan1 failed (E"));
     EXPECT_TRUE(lab::Has(failed.Err, "kqagent: request 0: {\"op\":\"add\",\"item\":{\"ifname\":\"lan1\""));
+    // With that dhcp.conf (and the desired state beside it) lan1 is not configured: the
+    // dnsmasq the refused add started in place of the running one is stopped, not left.
+    EXPECT_TRUE(lab::Has(failed.Err, "kqagent: lan1: stopped the dnsmasq the refused request had started (lan1 is not configured)\n"));
+    EXPECT_FALSE(lab::Alive(*pid));
     lab::UseHost(dir, lans);
 
     // An add refused because lan9's dnsmasq cannot start leaves no file of lan9 and is not
@@ -182,10 +186,10 @@ TEST(AgentLab, RestartsLoseNothingAndRebootsRestoreEverything)
         {nullptr, "apply " + dir.File("lan9.json"), 1,
          {"kqagent: request 0: add of lan9 refused (EINVAL (-22) Invalid argument): ",
           "kqagent: removed /etc/vyr_dhcpd_lan9.conf, left behind by the failed start (lan9 is not configured)\n"}, ": ok"},
-        // The refused requests above went part of the way (the module does not undo): lan1
-        // lost its IPv6 half and the server adds stopped the relay. Status says so, and exits 3.
+        // The refused requests above went part of the way (the module does not undo): lan1's
+        // dnsmasq is gone and the server adds stopped the relay. Status says so, and exits 3.
         {nullptr, "status", 3,
-         {"\nlan1: zone 7 (netns vpn7)\n", "  DRIFT: IPv6 serves none, desired stateful DHCPv6\n",
+         {"\nlan1: zone 7 (netns vpn7)\n", "  DRIFT: dnsmasq is not running\n",
           "  DRIFT: relay dnsmasq is not running\n"}, "\nlan9: zone"},
         {nullptr, "apply " + dir.File("delete.json"), 0, {"[0] delete lan1"}, "kqagent:"},
         {nullptr, "status", 0, {"no interfaces configured\n", "stale files (interfaces not configured):\n  lan1: /etc/vyr_dhcpd_lan1.leases\n"}, "lan1: zone"},

@@ -120,10 +120,11 @@ TEST(PlanLab, WhatPlanSaysIsWhatApplyDoes)
         const auto relayAfter = lab::ReadPid("/var/run/vyr_dhcpd_relay.pid");
         const bool rebuiltLast = std::find(c.plan.begin(), c.plan.end(), rebuilt) != c.plan.end() &&
                                  c.plan.back() != "    shared relay stopped (no relay interface left)" && c.plan.back() != "[2] delete lan9: not configured; nothing to stop";
-        if (rebuiltLast)
+        if (rebuiltLast) {
             EXPECT_TRUE(relayAfter && relayAfter != relay && lab::Alive(*relayAfter));
-        else if (relay)
+        } else if (relay) {
             EXPECT_FALSE(relayAfter && lab::Alive(*relayAfter));
+        }
     }
 
     // -v: the exact dnsmasq file the apply then writes.

@@ -157,11 +157,13 @@ bool HoldsAddressIn(const std::vector<std::string> &addresses, const uint8_t *ad
     return false;
 }
 
-std::string Listed(const std::vector<std::string> &addresses)
+// The addresses of one family: IPv6 ones hold a colon.
+std::string Listed(const std::vector<std::string> &addresses, bool ipv6)
 {
     std::string text;
     for (const auto &address : addresses)
-        text += (text.empty() ? "" : ", ") + address;
+        if ((address.find(':') != std::string::npos) == ipv6)
+            text += (text.empty() ? "" : ", ") + address;
     return text.empty() ? "none" : text;
 }
 
@@ -211,13 +213,13 @@ void JudgeDryRun(const std::vector<Request> &requests, const std::vector<DryStep
                                         effect.subject + "; dnsmasq reads at most " + std::to_string(limits.dnsmasqLine) +
                                         " (give fewer entries)");
         }
-        const InterfaceFacts &facts = step.facts;
         const std::string where = name + (step.zone != 0 ? " (zone " + std::to_string(step.zone) + ")" : "");
-        if (!facts.looked) {
-            if (!facts.problem.empty())
-                report.notes.push_back(prefix + "did not look at " + where + ": " + facts.problem);
+        if (!step.link) {
+            if (!step.lookProblem.empty())
+                report.notes.push_back(prefix + "did not look at " + where + ": " + step.lookProblem);
             continue;
         }
+        const LinkFacts &facts = *step.link;
         if (!facts.exists) {
             warn(prefix + "item.ifname: " + where + " does not exist on this machine; its dnsmasq would serve no one");
             continue;
@@ -228,9 +230,9 @@ void JudgeDryRun(const std::vector<Request> &requests, const std::vector<DryStep
             const uint32_t base = s4->has_gateway ? s4->gateway : s4->dhcpiprange[0]->begin;
             const uint8_t bytes[4] = {static_cast<uint8_t>(base >> 24), static_cast<uint8_t>(base >> 16),
                                       static_cast<uint8_t>(base >> 8), static_cast<uint8_t>(base)};
-            if (!HoldsAddressIn(facts.ipv4, bytes, 4, PrefixLength(s4->netmask)))
+            if (!HoldsAddressIn(facts.addresses, bytes, 4, PrefixLength(s4->netmask)))
                 warn(prefix + kServer4 + ": " + where + " holds no IPv4 address in " + Subnet(base, s4->netmask) +
-                     " (its addresses: " + Listed(facts.ipv4) + "): clients get no answer");
+                     " (its addresses: " + Listed(facts.addresses, false) + "): clients get no answer");
         }
         if (const Ipv6DhcpServer *s6 = Server6(item); s6 != nullptr) {
             const bool slaac = s6->has_prefix && s6->prefix.len == 16;
@@ -238,12 +240,12 @@ void JudgeDryRun(const std::vector<Request> &requests, const std::vector<DryStep
                                   : slaac                                                         ? s6->prefix.data
                                                                                                   : nullptr;
             const int length = s6->has_prefixlength && s6->prefixlength <= 128 ? static_cast<int>(s6->prefixlength) : 64;
-            if (base != nullptr && !HoldsAddressIn(facts.ipv6, base, 16, length)) {
+            if (base != nullptr && !HoldsAddressIn(facts.addresses, base, 16, length)) {
                 uint8_t network[16] = {};
                 for (int bit = 0; bit < length; ++bit)
                     network[bit / 8] |= base[bit / 8] & (0x80 >> (bit % 8));
                 warn(prefix + kServer6 + ": " + where + " holds no IPv6 address in " + FormatIpv6(network) + "/" +
-                     std::to_string(length) + " (its addresses: " + Listed(facts.ipv6) + "): clients get no answer");
+                     std::to_string(length) + " (its addresses: " + Listed(facts.addresses, true) + "): clients get no answer");
             }
         }
     }

@@ -286,19 +286,24 @@ void Agent::CleanUpRefusedAdd(const std::string &ifname, const ServerSnapshot &b
     const std::string pidFile = ServerPidFile(ifname), confFile = ServerConfFile(ifname);
     if (before.configured) {
         // What runs must be the configured server, not the refused one nor none: the desired
-        // add again puts the module's registry back, and its record starts the dnsmasq.
+        // add again puts the module's registry back, and its record starts the dnsmasq. When
+        // that add fails too (dhcp.conf cannot be written, say), the registry record it left
+        // still starts the dnsmasq: the LAN is served while the operator fixes the cause.
         if (ReadTextFile(confFile) == before.file && RunningDnsmasq(pidFile) == before.pid)
             return;
         const DesiredEntry *entry = desired_.Find(ifname);
-        KQ_ERR_T result = entry != nullptr && entry->request ? KQCtrl_ConfigDynamicAdd(&entry->request->Item()) : 0;
+        const KQ_ERR_T added = entry != nullptr && entry->request ? KQCtrl_ConfigDynamicAdd(&entry->request->Item()) : 0;
         const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str());
-        if (result >= 0 && conf != nullptr && conf->DynamicServerConf.NetAddrType != 0 &&
-            (RunningDnsmasq(pidFile) == 0 || ReadTextFile(confFile) != before.file))
-            result = KQCtrl_DynamicServerRestart(&conf->DynamicServerConf);
-        err << "kqagent: " << ifname << ": "
-            << (result < 0 ? "could not bring back its configured dnsmasq: " + Failure(result)
-                           : std::string("its configured dnsmasq runs again (the refused request had stopped or replaced it)"))
-            << "\n";
+        const bool serves = conf != nullptr && conf->DynamicServerConf.NetAddrType != 0;
+        KQ_ERR_T restarted = 0;
+        if (serves && (RunningDnsmasq(pidFile) == 0 || ReadTextFile(confFile) != before.file))
+            restarted = KQCtrl_DynamicServerRestart(&conf->DynamicServerConf);
+        err << "kqagent: " << ifname << ": ";
+        if (restarted < 0 || (!serves && added < 0))
+            err << "could not bring back its configured dnsmasq: " << Failure(restarted < 0 ? restarted : added) << "\n";
+        else
+            err << "its configured dnsmasq runs again (the refused request had stopped or replaced it)"
+                << (added < 0 ? "; adding its desired settings again failed too: " + Failure(added) : std::string()) << "\n";
         return;
     }
     // Not configured before: whatever the refused add left in the registry, running or on disk goes.

@@ -1,12 +1,9 @@
 #include "kqAgentDryRun.h"
 
-#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <ifaddrs.h>
 #include <json-c/json.h>
-#include <net/if.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -19,6 +16,7 @@
 #include <set>
 
 #include "kqAgentCommon.h"
+#include "kqAgentHealth.h"
 #include "kqAgentJson.h"
 #include "kqHostLinux.h"
 
@@ -118,59 +116,12 @@ bool Interposed()
            dlsym(RTLD_DEFAULT, "fopen") == reinterpret_cast<void *>(&fopen);
 }
 
-std::string PrefixText(const sockaddr *address, const sockaddr *mask)
+// The child is alone in its process: what the reader changes to look is nobody else's.
+void Look(DryStep &step, const std::string &name)
 {
-    char text[INET6_ADDRSTRLEN] = "";
-    int bits = 0;
-    if (address->sa_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(address)->sin_addr, text, sizeof(text));
-        if (mask != nullptr)
-            bits = __builtin_popcount(reinterpret_cast<const sockaddr_in *>(mask)->sin_addr.s_addr);
-    } else {
-        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr, text, sizeof(text));
-        if (mask != nullptr)
-            for (uint8_t byte : reinterpret_cast<const sockaddr_in6 *>(mask)->sin6_addr.s6_addr)
-                bits += __builtin_popcount(byte);
-    }
-    return std::string(text) + "/" + std::to_string(bits);
-}
-
-// The child is alone in its process: entering the zone's namespace changes nobody else's.
-InterfaceFacts Look(const std::string &name, uint32_t zone)
-{
-    InterfaceFacts facts;
-    int saved = -1;
-    if (zone != 0) {
-        if (const KQ_ERR_T result = KQ_RtcNetNsSaveAndSwitch(zone, &saved); result < 0) {
-            facts.problem = "cannot look into zone " + std::to_string(zone) + "'s namespace (" + ErrnoName(result) +
-                            (geteuid() != 0 ? ", needs root" : "") + ")";
-            return facts;
-        }
-    }
-    ifaddrs *list = nullptr;
-    if (getifaddrs(&list) != 0) {
-        facts.problem = "cannot list the interfaces (" + std::string(strerror(errno)) + ")";
-    } else {
-        facts.looked = true;
-        for (const ifaddrs *a = list; a != nullptr; a = a->ifa_next) {
-            if (a->ifa_name == nullptr || name != a->ifa_name)
-                continue;
-            facts.exists = true;
-            facts.up = facts.up || (a->ifa_flags & IFF_UP) != 0;
-            if (a->ifa_addr == nullptr)
-                continue;
-            if (a->ifa_addr->sa_family == AF_INET)
-                facts.ipv4.push_back(PrefixText(a->ifa_addr, a->ifa_netmask));
-            else if (a->ifa_addr->sa_family == AF_INET6)
-                facts.ipv6.push_back(PrefixText(a->ifa_addr, a->ifa_netmask));
-        }
-        // An interface without any address is listed with its link only on some kernels.
-        facts.exists = facts.exists || if_nametoindex(name.c_str()) != 0;
-        freeifaddrs(list);
-    }
-    if (zone != 0)
-        (void)KQ_RtcNetNsSwitchToDefault(&saved);
-    return facts;
+    step.link = HealthReader().Link(step.zone, name);
+    if (!step.link)
+        step.lookProblem = "cannot look into zone " + std::to_string(step.zone) + "'s namespace" + (geteuid() != 0 ? " (needs root)" : "");
 }
 
 json_object *Strings(const std::vector<std::string> &texts)
@@ -201,15 +152,15 @@ json_object *StepJson(const DryStep &step)
     json_object_object_add(object, "effects", effects);
     json_object_object_add(object, "errors", Strings(step.errors));
     const int flags = step.known | step.serverBefore << 1 | step.serverAfter << 2 | step.relayBefore << 3 | step.relayAfter << 4 |
-                      step.facts.looked << 5 | step.facts.exists << 6 | step.facts.up << 7;
+                      step.link.has_value() << 5 | (step.link && step.link->exists) << 6 | (step.link && step.link->up) << 7;
     json_object_object_add(object, "flags", json_object_new_int(flags));
     json_object_object_add(object, "serverChanges", Strings(step.serverChanges));
     json_object_object_add(object, "relayChanges", Strings(step.relayChanges));
     json_object_object_add(object, "relays", Strings(step.relays));
     json_object_object_add(object, "zone", json_object_new_int64(step.zone));
-    json_object_object_add(object, "problem", json_object_new_string(step.facts.problem.c_str()));
-    json_object_object_add(object, "ipv4", Strings(step.facts.ipv4));
-    json_object_object_add(object, "ipv6", Strings(step.facts.ipv6));
+    json_object_object_add(object, "lookProblem", json_object_new_string(step.lookProblem.c_str()));
+    if (step.link)
+        json_object_object_add(object, "addresses", Strings(step.link->addresses));
     return object;
 }
 
@@ -227,14 +178,13 @@ DryStep StepOf(json_object *object)
     const int flags = json_object_get_int(Member(object, "flags"));
     step.known = flags & 1, step.serverBefore = flags & 2, step.serverAfter = flags & 4;
     step.relayBefore = flags & 8, step.relayAfter = flags & 16;
-    step.facts.looked = flags & 32, step.facts.exists = flags & 64, step.facts.up = flags & 128;
+    if (flags & 32)
+        step.link = LinkFacts{(flags & 64) != 0, (flags & 128) != 0, StringsOf(Member(object, "addresses"))};
     step.serverChanges = StringsOf(Member(object, "serverChanges"));
     step.relayChanges = StringsOf(Member(object, "relayChanges"));
     step.relays = StringsOf(Member(object, "relays"));
     step.zone = static_cast<uint32_t>(json_object_get_int64(Member(object, "zone")));
-    step.facts.problem = Field(object, "problem");
-    step.facts.ipv4 = StringsOf(Member(object, "ipv4"));
-    step.facts.ipv6 = StringsOf(Member(object, "ipv6"));
+    step.lookProblem = Field(object, "lookProblem");
     return step;
 }
 
@@ -274,7 +224,7 @@ DryStep RunStep(const Request &request, bool lookAtInterface)
             step.relays.push_back(conf->IfName);
     step.zone = after.DynamicServerConf.SecurityZoneId;
     if (lookAtInterface && step.serverAfter)
-        step.facts = Look(name, step.zone);
+        Look(step, name);
     return step;
 }
 

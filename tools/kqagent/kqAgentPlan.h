@@ -5,9 +5,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "kqAgentDrift.h"
 #include "kqAgentRequests.h"
 #include "kqCtrlDynamic.h"
 
@@ -21,14 +23,6 @@ struct DryEffect {
     bool operator==(const DryEffect &) const = default;
 };
 
-// The machine as the module's interface sees it, looked at in its zone's namespace.
-struct InterfaceFacts {
-    bool looked = false;    // false: not looked at (problem says why)
-    std::string problem;
-    bool exists = false, up = false;
-    std::vector<std::string> ipv4, ipv6;  // "address/prefix length"
-};
-
 // One request's run through the module.
 struct DryStep {
     int result = 0;
@@ -39,7 +33,8 @@ struct DryStep {
     std::vector<std::string> serverChanges, relayChanges;  // record fields that changed
     std::vector<std::string> relays;                       // relay interfaces afterwards
     uint32_t zone = 0;                                     // the server's zone afterwards
-    InterfaceFacts facts;
+    std::optional<LinkFacts> link;                         // the interface in the zone's namespace
+    std::string lookProblem;                               // why there is no link when one was asked for
 };
 
 // The fields of two registry records that differ, in the words of the request file.
