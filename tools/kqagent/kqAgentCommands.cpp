@@ -267,32 +267,9 @@ int Agent::Plan(const VerbCall &call)
     return kExitOk;
 }
 
-int Agent::Apply(const VerbCall &call)
+int Agent::ApplyEach(const std::vector<Request> &requests, std::vector<std::string> &added, std::ostream &out,
+                     std::ostream &err)
 {
-    if (call.invocation.Has("--dry-run"))
-        return Plan(call);
-    const std::string &file = call.invocation.args[0];
-    std::ostream &out = call.out, &err = call.err;
-    std::vector<Request> current;
-    const auto parsed = Checked(file, call.fileText, call.invocation.Has("--strict"), current, err);
-    if (!parsed)
-        return kExitUsage;
-    const auto &requests = parsed->requests;
-    out << file << ": " << requests.size() << " request(s), all valid\n";
-    if (desired_.Broken()) {
-        // Applying now would leave a change nobody can restore after a restart.
-        err << "kqagent: desired state " << desired_.Problem() << "\n";
-        err << "kqagent: nothing applied; repair or move that file, then reload the agent (SIGHUP) or run the "
-               "command again\n";
-        return kExitFailed;
-    }
-
-    std::vector<std::string> added;
-    // Whatever was applied, also before a refusal, is recorded and supervised.
-    struct Changed {
-        Agent &agent;
-        ~Changed() { agent.RecordServices(); }
-    } changed{*this};
     for (size_t i = 0; i < requests.size(); ++i) {
         const Request &request = requests[i];
         out << "[" << i << "] " << request.Summary() << ": " << std::flush;
@@ -321,9 +298,58 @@ int Agent::Apply(const VerbCall &call)
         if (add)
             added.push_back(request.Item().ifname);
     }
+    return kExitOk;
+}
+
+int Agent::Apply(const VerbCall &call)
+{
+    if (call.invocation.Has("--dry-run"))
+        return Plan(call);
+    const std::string &file = call.invocation.args[0];
+    std::ostream &out = call.out, &err = call.err;
+    std::vector<Request> current;
+    const auto parsed = Checked(file, call.fileText, call.invocation.Has("--strict"), current, err);
+    if (!parsed)
+        return kExitUsage;
+    const auto &requests = parsed->requests;
+    out << file << ": " << requests.size() << " request(s), all valid\n";
+    if (desired_.Broken()) {
+        // Applying now would leave a change nobody can restore after a restart.
+        err << "kqagent: desired state " << desired_.Problem() << "\n";
+        err << "kqagent: nothing applied; repair or move that file, then reload the agent (SIGHUP) or run the "
+               "command again\n";
+        return kExitFailed;
+    }
+
+    std::vector<std::string> added;
+    // Whatever was applied, also before a refusal, is recorded and supervised.
+    struct Changed {
+        Agent &agent;
+        ~Changed() { agent.RecordServices(); }
+    } changed{*this};
+    // The agent answers once, after the whole apply: its durable writes (dhcp.conf and its
+    // backup after every request, the desired state) are made durable together just before
+    // the answer, not once per file and request.
+    const bool batched = daemon_ && KQ_HostDurableBatchBegin() == 0;
+    if (batched)
+        desired_.Hold();
+    int status = ApplyEach(requests, added, out, err);
+    if (batched) {
+        const int recorded = desired_.Release();
+        const KQ_ERR_T durable = KQ_HostDurableBatchEnd();
+        if (recorded < 0)
+            err << "kqagent: request(s) applied, but " << desired_.Path() << " could not be written: " << Failure(recorded)
+                << "; a restart would not restore them\n";
+        if (durable < 0)
+            err << "kqagent: request(s) applied, but " << KQ_AgentPathDhcpConf()
+                << " or its backup could not be written: " << Failure(durable) << "; the previous one stays\n";
+        if (recorded < 0 || durable < 0)
+            status = kExitFailed;
+    }
+    if (status != kExitOk)
+        return status;
     // An unchanged configuration is left alone by the module, also when its dnsmasq has
     // gone meanwhile (a reboot without the agent): say so instead of a bare "ok".
-    int status = kExitOk;
     for (const auto &ifname : added) {
         const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str());
         if (conf != nullptr && conf->DynamicServerConf.NetAddrType != 0 && RunningDnsmasq(ServerPidFile(ifname)) <= 0) {

@@ -82,6 +82,10 @@ public:
     std::function<void()> resumeServices;
 
 private:
+    // apply's requests in order, each recorded when the module accepted it; the first
+    // refusal stops them (kExitFailed, after saying why).
+    int ApplyEach(const std::vector<Request> &requests, std::vector<std::string> &added, std::ostream &out,
+                  std::ostream &err);
     std::vector<Request> Current();
     std::optional<ParsedRequests> Checked(const std::string &file, const std::string &text, bool strict,
                                           std::vector<Request> &current, std::ostream &err);
