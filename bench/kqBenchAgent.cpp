@@ -1,6 +1,14 @@
-// The agent end to end, with real dnsmasq: `kqagent serve` restoring N LANs after a reboot
-// against the floor of the same N dnsmasq started bare, and an agent restart with every
-// service running.
+// The agent end to end, with real dnsmasq: `kqagent serve` bringing up N LANs from nothing
+// through one apply, changing one of them, and restoring all N after a reboot, each against
+// the floor of the same N dnsmasq started bare; and an agent restart with every service
+// running.
+//
+// Bring-up: no desired state, dhcp.conf or services.json, nothing running; the agent
+// started and READY, then one apply of N IPv4 servers sent through its control socket,
+// timed until the answer has come and every LAN's dnsmasq has its DHCP socket bound. Then,
+// with the same agent, one change at a time through the socket, each timed until its
+// answer, with the agent's CPU time for it: an add of LAN N (a LAN beyond the size, with
+// its own veth), a lease change of LAN 0, and the delete of LAN N, each kChanges times.
 //
 // Restore: the agent and every dnsmasq gone and their pid files removed, while the
 // desired state, services.json, dhcp.conf and the dnsmasq files stay (what a reboot
@@ -23,7 +31,11 @@
 // 1-minute load average taken just before each sample. The ratio held to the target is
 // the median of each round's restore over the floor taken beside it.
 //
-//   kqbench_agent [--rounds R] [--sizes 50,200,1000] [--restart-rounds R] [--out results.json]
+// The growth exponent of a figure between two sizes is log(figure ratio) / log(size ratio).
+// KQ_BENCH_PERF=PREFIX records the agent during the first round's changes of each size
+// (perf record -g -p, PREFIX.<N>.data), to tell where a change's CPU goes.
+//
+//   kqbench_agent [--rounds R] [--sizes 50,200,1000,2000] [--restart-rounds R] [--out results.json]
 //                 [--agent PATH] [--phase restore|restart|all]
 #include <dirent.h>
 #include <fcntl.h>
@@ -42,6 +54,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -75,9 +88,20 @@ std::string HostConfig(size_t n) { return SizeDir(n) + "/host.json"; }
 std::string SocketPath(size_t n) { return std::string(kRunDir) + "/agent" + std::to_string(n) + ".sock"; }
 std::string NotifyPath() { return std::string(kRunDir) + "/notify.sock"; }
 
+pid_t g_agentPid = -1;  // the agent that runs, if one does
+void StopAll();
+
+// Nothing may outlive the run: an agent or a dnsmasq left behind would outlive the
+// isolation's mounts too, and write to the machine's own /etc.
 [[noreturn]] void Die(const std::string &what)
 {
     fprintf(stderr, "kqbench_agent: %s\n", what.c_str());
+    if (g_agentPid > 0) {
+        kill(g_agentPid, SIGKILL);
+        waitpid(g_agentPid, nullptr, 0);
+        g_agentPid = -1;
+    }
+    StopAll();
     exit(2);
 }
 
@@ -195,7 +219,8 @@ size_t Port67Sockets(int fd)
 double WaitListening(size_t n, Clock::time_point t0, const std::atomic<bool> *failed = nullptr)
 {
     const size_t inZone = n / 2, outside = n - inZone;
-    const auto limit = std::chrono::seconds(60) + std::chrono::milliseconds(100) * n;
+    // Generous: a machine shared with builds can take 150 ms and more per dnsmasq start.
+    const auto limit = std::chrono::seconds(60) + std::chrono::milliseconds(500) * n;
     for (;;) {
         const size_t here = Port67Sockets(g_ownUdp), zone = Port67Sockets(g_zoneUdp);
         if (here >= outside && zone >= inZone)
@@ -245,8 +270,10 @@ double WaitReady(pid_t agent, Clock::time_point t0, double limitMs)
             }
         }
         int status = 0;
-        if (waitpid(agent, &status, WNOHANG) == agent)
+        if (waitpid(agent, &status, WNOHANG) == agent) {
+            g_agentPid = -1;  // reaped already
             Die("the agent ended before it was ready (status " + std::to_string(status) + ")");
+        }
         if (MsSince(t0) > limitMs)
             Die("the agent was not ready within " + std::to_string(static_cast<long>(limitMs)) + " ms");
     }
@@ -281,6 +308,7 @@ Agent StartAgent(size_t n, const std::string &tag)
     posix_spawn_file_actions_destroy(&actions);
     if (err != 0)
         Die("cannot start " + g_agent + ": " + strerror(err));
+    g_agentPid = agent.pid;
     return agent;
 }
 
@@ -313,6 +341,7 @@ double StopAgent(Agent &agent)
     if (waitpid(agent.pid, &status, 0) != agent.pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
         Die("the agent ended with status " + std::to_string(status) + "; see " + agent.err);
     agent.pid = -1;
+    g_agentPid = -1;
     return MsSince(t0);
 }
 
@@ -324,10 +353,24 @@ bool ServicesLine(const Agent &agent, long &kept, long &started)
     return at != std::string::npos && sscanf(text.c_str() + at, "services: %ld kept running, %ld started", &kept, &started) == 2;
 }
 
-// One request through the control socket, as the kqagent commands send theirs; true on an
-// answer. The command is one the agent does not know: its answer (a usage error) costs the
-// agent nothing, so the time is the socket's, not a command's.
-bool AskAgent(size_t n)
+// Text as a JSON string, quotes included.
+std::string Quoted(const std::string &text)
+{
+    std::string quoted = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\')
+            quoted += '\\';
+        if (c == '\n')
+            quoted += "\\n";
+        else
+            quoted += c;
+    }
+    return quoted + "\"";
+}
+
+// One command through the control socket, as the kqagent commands send theirs; its answer
+// line, "" when there is none.
+std::string Command(size_t n, const std::vector<std::string> &argv, const std::string &fileText)
 {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -336,9 +379,12 @@ bool AskAgent(size_t n)
     if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
         if (fd >= 0)
             close(fd);
-        return false;
+        return "";
     }
-    const std::string line = "{\"argv\":[\"ping\"],\"fileText\":\"\",\"logLevel\":3}\n";
+    std::string line = "{\"argv\":[";
+    for (size_t i = 0; i < argv.size(); ++i)
+        line += (i ? "," : "") + Quoted(argv[i]);
+    line += "],\"fileText\":" + Quoted(fileText) + ",\"logLevel\":3}\n";
     bool answered = write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
     shutdown(fd, SHUT_WR);
     std::string answer;
@@ -346,33 +392,54 @@ bool AskAgent(size_t n)
     for (ssize_t got; answered && (got = read(fd, buffer, sizeof(buffer))) > 0;)
         answer.append(buffer, static_cast<size_t>(got));
     close(fd);
-    return answered && answer.find("\"exit\"") != std::string::npos;
+    return answered ? answer : "";
+}
+
+// True when the agent answers. The command is one the agent does not know: its answer (a
+// usage error) costs the agent nothing, so the time is the socket's, not a command's.
+bool AskAgent(size_t n)
+{
+    return Command(n, {"ping"}, "").find("\"exit\"") != std::string::npos;
+}
+
+// An apply through the agent; dies unless it answers with exit 0.
+void Apply(size_t n, const std::string &what, const std::string &text)
+{
+    const std::string answer = Command(n, {"apply", SizeDir(n) + "/" + what + ".json"}, text);
+    if (answer.find("\"exit\":0") == std::string::npos && answer.find("\"exit\": 0") == std::string::npos)
+        Die(what + " at " + std::to_string(n) + " LANs failed: " + answer);
 }
 
 // ---- Set-up -------------------------------------------------------------------------
+
+std::string AddRequest(size_t i, unsigned lease = 86400)
+{
+    return "{ \"op\": \"add\", \"item\": { \"ifname\": \"" + IfName(i) +
+           "\", \"ipv4dhcpitem\": { \"mode\": \"server\", \"dhcpserver\": { \"dhcpiprange\": [ { \"begin\": "
+           "\"192.0.2.100\", \"len\": 100 } ], \"netmask\": \"255.255.255.0\", \"gateway\": \"192.0.2.1\", "
+           "\"dns\": [ \"192.0.2.53\", \"198.51.100.53\" ], \"leasetime\": " + std::to_string(lease) + " } } } }";
+}
 
 std::string RequestFile(size_t n)
 {
     std::string text = "{ \"requests\": [\n";
     for (size_t i = 0; i < n; ++i)
-        text += std::string(i ? ",\n" : "") + "{ \"op\": \"add\", \"item\": { \"ifname\": \"" + IfName(i) +
-                "\", \"ipv4dhcpitem\": { \"mode\": \"server\", \"dhcpserver\": { \"dhcpiprange\": [ { \"begin\": "
-                "\"192.0.2.100\", \"len\": 100 } ], \"netmask\": \"255.255.255.0\", \"gateway\": \"192.0.2.1\", "
-                "\"dns\": [ \"192.0.2.53\", \"198.51.100.53\" ], \"leasetime\": 86400 } } } }";
+        text += std::string(i ? ",\n" : "") + AddRequest(i);
     return text + "\n] }\n";
 }
+
+std::string OneRequest(const std::string &request) { return "{ \"requests\": [ " + request + " ] }\n"; }
 
 void WriteSettings(size_t n)
 {
     MustRun("mkdir -p " + SizeDir(n));
     std::string lans;
-    for (size_t i = 0; i < n; ++i)
+    for (size_t i = 0; i <= n; ++i)  // LAN N: the one a change adds and deletes
         lans += std::string(i ? ", " : "") + "{ \"ifname\": \"" + IfName(i) + "\", \"vpnId\": " +
                 std::to_string(InZone(i) ? kZoneId : 0) + " }";
     WriteText(HostConfig(n), "{ \"dhcpConf\": \"" + SizeDir(n) + "/dhcp.conf\", \"dhcpConfBak\": \"" + SizeDir(n) +
                                  "/dhcp.conf.bak\", \"controlSocket\": \"" + SocketPath(n) + "\", \"netns\": { \"" +
                                  std::to_string(kZoneId) + "\": \"" + kZone + "\" }, \"lans\": [" + lans + "] }\n");
-    WriteText(SizeDir(n) + "/requests.json", RequestFile(n));
 }
 
 void MakeLans(size_t maxN)
@@ -406,24 +473,6 @@ void MakeLans(size_t maxN)
     printf("%zu veth pairs in %.1f s\n", maxN, MsSince(t0) / 1000);
 }
 
-// The size's desired state, services.json and dhcp.conf, made by an agent that takes one
-// `kqagent apply` of N requests; ends with the N dnsmasq running and the agent stopped.
-void Configure(size_t n)
-{
-    WriteSettings(n);
-    DrainNotify();
-    Agent agent = StartAgent(n, "configure" + std::to_string(n));
-    WaitReady(agent.pid, Clock::now(), 60000);
-    const auto t0 = Clock::now();
-    const std::string apply = "KQ_HOST_CONFIG=" + HostConfig(n) + " " + g_agent + " -q apply " + SizeDir(n) +
-                              "/requests.json >" + kRunDir + "/apply" + std::to_string(n) + ".out 2>&1";
-    if (system(apply.c_str()) != 0)
-        Die("apply of " + std::to_string(n) + " LANs failed: see " + kRunDir + "/apply" + std::to_string(n) + ".out");
-    WaitListening(n, t0);
-    printf("%zu LANs configured through kqagent apply in %.1f s (load %.2f)\n", n, MsSince(t0) / 1000, Load1());
-    StopAgent(agent);
-}
-
 // ---- Measurements -------------------------------------------------------------------
 
 struct Sample {
@@ -440,7 +489,7 @@ Sample Restore(size_t n)
     const auto t0 = Clock::now();
     Agent agent = StartAgent(n, "restore" + std::to_string(n));
     s.ms = WaitListening(n, t0);
-    s.readyMs = WaitReady(agent.pid, t0, 120000);
+    s.readyMs = WaitReady(agent.pid, t0, 60000 + 500.0 * static_cast<double>(n));
     s.cpuMs = AgentCpuMs(agent.pid);
     long kept = -1, started = -1;
     if (!ServicesLine(agent, kept, started) || kept != 0 || started != static_cast<long>(n))
@@ -505,6 +554,72 @@ Sample Floor(size_t n)
     return s;
 }
 
+struct Change {
+    double wallMs = 0, cpuMs = 0;
+};
+
+struct BringUp {
+    Sample sample;                          // ms: until answered and all listening; cpuMs: the agent's
+    std::map<std::string, std::vector<Change>> changes;  // "add", "lease", "delete"
+};
+
+constexpr size_t kChanges = 15;
+
+// From nothing: no state files, nothing running. One apply of N adds through a fresh agent,
+// then kChanges of each change through the same agent; the agent is stopped at the end,
+// its dnsmasq left running.
+BringUp BringUpAndChange(size_t n, bool profile)
+{
+    StopAll();
+    for (const char *file : {"desired.json", "services.json", "dhcp.conf", "dhcp.conf.bak"})
+        unlink((SizeDir(n) + "/" + file).c_str());
+    DrainNotify();
+    Agent agent = StartAgent(n, "bringup" + std::to_string(n));
+    WaitReady(agent.pid, Clock::now(), 60000);
+    BringUp result;
+    result.sample.load = Load1();
+    const std::string requests = RequestFile(n);
+    const double cpu0 = AgentCpuMs(agent.pid);
+    const auto t0 = Clock::now();
+    std::atomic<double> answeredMs{0};
+    std::thread apply([&] {
+        Apply(n, "requests", requests);
+        answeredMs = MsSince(t0);
+    });
+    const double listening = WaitListening(n, t0);
+    apply.join();
+    result.sample.ms = std::max(listening, answeredMs.load());
+    result.sample.readyMs = answeredMs;
+    result.sample.cpuMs = AgentCpuMs(agent.pid) - cpu0;
+
+    const char *perfPrefix = getenv("KQ_BENCH_PERF");
+    pid_t perf = -1;
+    if (profile && perfPrefix != nullptr && perfPrefix[0] != '\0') {
+        const std::string out = std::string(perfPrefix) + "." + std::to_string(n) + ".data", pid = std::to_string(agent.pid);
+        const char *argv[] = {"perf", "record", "-q", "-F", "4000", "-g", "-p", pid.c_str(), "-o", out.c_str(), nullptr};
+        if (posix_spawnp(&perf, "perf", nullptr, nullptr, const_cast<char **>(argv), environ) != 0)
+            Die("cannot start perf");
+        usleep(500000);  // perf attached
+    }
+    const std::string add = OneRequest(AddRequest(n)),
+                      del = OneRequest("{ \"op\": \"delete\", \"item\": { \"ifname\": \"" + IfName(n) + "\" } }");
+    for (size_t k = 0; k < kChanges; ++k) {
+        const std::string lease = OneRequest(AddRequest(0, k % 2 == 0 ? 43200 : 86400));
+        for (const auto &[what, text] : {std::pair{"add", &add}, {"lease", &lease}, {"delete", &del}}) {
+            const double cpu = AgentCpuMs(agent.pid);
+            const auto c0 = Clock::now();
+            Apply(n, what, *text);
+            result.changes[what].push_back({MsSince(c0), AgentCpuMs(agent.pid) - cpu});
+        }
+    }
+    if (perf > 0) {
+        kill(perf, SIGINT);
+        waitpid(perf, nullptr, 0);
+    }
+    StopAgent(agent);
+    return result;
+}
+
 struct RestartSample {
     double stopMs = 0, readyMs = 0, answerMs = 0, cpuMs = 0, load = 0;
     long kept = -1, started = -1, restarted = 0;
@@ -536,9 +651,9 @@ RestartSample Restart(Agent &agent)
     DrainNotify();
     const auto t0 = Clock::now();
     agent = StartAgent(n, "restart" + std::to_string(n));
-    s.readyMs = WaitReady(agent.pid, t0, 120000);
+    s.readyMs = WaitReady(agent.pid, t0, 60000 + 500.0 * static_cast<double>(n));
     while (!AskAgent(n)) {
-        if (MsSince(t0) > 120000)
+        if (MsSince(t0) > 60000 + 500.0 * static_cast<double>(n))
             Die("the restarted agent does not answer on " + SocketPath(n));
         usleep(1000);
     }
@@ -595,7 +710,7 @@ int main(int argc, char **argv)
         return 2;
     }
     size_t rounds = 3, restartRounds = 5;
-    std::vector<size_t> sizes = {50, 200, 1000};
+    std::vector<size_t> sizes = {50, 200, 1000, 2000};
     std::string outPath, phase = "all";
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string key = argv[i];
@@ -619,40 +734,45 @@ int main(int argc, char **argv)
         Die("no sizes, or no agent at " + g_agent);
     const bool restores = phase != "restart", restarts = phase != "restore";
     const size_t maxN = *std::max_element(sizes.begin(), sizes.end());
-    g_maxN = maxN;
+    g_maxN = maxN + 1;  // and the LAN that the changes add and delete
     MustRun(std::string("mkdir -p ") + kDir + " " + kRunDir);
     OpenNotifySocket();
     printf("load average at the start: %.2f\n", Load1());
-    MakeLans(maxN);
+    MakeLans(maxN + 1);
+    for (size_t n : sizes)
+        WriteSettings(n);
 
-    // Each size made once, from smallest to largest; the dnsmasq files of a LAN are the same
-    // for every size.
-    std::vector<size_t> bySize = sizes;
-    std::sort(bySize.begin(), bySize.end());
-    for (size_t n : bySize) {
-        StopAll();
-        Configure(n);
-    }
-    StopAll();
-
-    std::map<size_t, std::vector<Sample>> restoreSamples, floorSamples;
-    for (size_t round = 0; restores && round < rounds; ++round) {
+    // Rounds interleaved: bring-up (with the changes), restore and floor of each size in
+    // turn, the floor first in every other round. The first bring-up of a size writes the
+    // dnsmasq files that the floor starts.
+    std::map<size_t, std::vector<Sample>> bringupSamples, restoreSamples, floorSamples;
+    std::map<size_t, std::map<std::string, std::vector<Change>>> changeSamples;
+    const size_t measured = restores ? rounds : 0;
+    for (size_t round = 0; round < measured; ++round) {
         std::vector<size_t> order = sizes;
         if (round % 2 == 1)
             std::reverse(order.begin(), order.end());
         for (size_t n : order) {
-            if (round % 2 == 0) {
-                restoreSamples[n].push_back(Restore(n));
+            if (round % 2 == 1)
                 floorSamples[n].push_back(Floor(n));
-            } else {
+            BringUp up = BringUpAndChange(n, round == 0);
+            bringupSamples[n].push_back(up.sample);
+            for (auto &[what, changes] : up.changes)
+                changeSamples[n][what].insert(changeSamples[n][what].end(), changes.begin(), changes.end());
+            restoreSamples[n].push_back(Restore(n));
+            if (round % 2 == 0)
                 floorSamples[n].push_back(Floor(n));
-                restoreSamples[n].push_back(Restore(n));
-            }
-            printf("round %zu, %zu LANs: restore %.1f ms (ready %.1f), floor %.1f ms, load %.2f\n", round + 1, n,
-                   restoreSamples[n].back().ms, restoreSamples[n].back().readyMs, floorSamples[n].back().ms, Load1());
+            auto cpu = [&](const char *what) { return MedianOf(up.changes[what], [](const Change &c) { return c.cpuMs; }); };
+            printf("round %zu, %zu LANs: bring-up %.1f ms (agent CPU %.1f), restore %.1f ms (ready %.1f), floor %.1f ms; "
+                   "change CPU add / lease / delete %.2f / %.2f / %.2f ms; load %.2f\n",
+                   round + 1, n, up.sample.ms, up.sample.cpuMs, restoreSamples[n].back().ms,
+                   restoreSamples[n].back().readyMs, floorSamples[n].back().ms, cpu("add"), cpu("lease"), cpu("delete"),
+                   Load1());
             fflush(stdout);
         }
     }
+    if (!restores)
+        BringUpAndChange(maxN, false);  // the restarts' configuration
     StopAll();
 
     std::vector<RestartSample> restartSamples;
@@ -661,7 +781,7 @@ int main(int argc, char **argv)
         DrainNotify();
         Agent agent = StartAgent(maxN, "running" + std::to_string(maxN));
         WaitListening(maxN, Clock::now());
-        WaitReady(agent.pid, Clock::now(), 120000);
+        WaitReady(agent.pid, Clock::now(), 60000 + 500.0 * static_cast<double>(maxN));
         for (size_t round = 0; round < restartRounds; ++round) {
             restartSamples.push_back(Restart(agent));
             const RestartSample &s = restartSamples.back();
@@ -676,41 +796,97 @@ int main(int argc, char **argv)
 
     std::ostringstream json;
     json << "{ \"rounds\": " << rounds << ", \"restart_rounds\": " << restartRounds << ", \"sizes\": {";
+    std::map<size_t, std::map<std::string, double>> figures;  // per size, for the exponents
     if (restores) {
-        printf("\n%6s %12s %12s %12s %10s %12s %14s %14s %12s\n", "LANs", "restore ms", "ready ms", "floor ms",
-               "rest/floor", "per round", "agent CPU ms", "floor CPU ms", "load");
+        printf("\n%6s %10s %10s %10s %9s %9s %10s %10s %24s %24s %12s\n", "LANs", "bring-up", "restore", "floor",
+               "up/floor", "rest/fl", "up CPU", "rest CPU", "change wall ms", "change agent CPU ms", "load");
+        printf("%6s %10s %10s %10s %9s %9s %10s %10s %24s %24s\n", "", "ms", "ms", "ms", "per round", "per round", "ms",
+               "ms", "add / lease / delete", "add / lease / delete");
         bool first = true;
         for (size_t n : sizes) {
-            const auto &r = restoreSamples[n], &f = floorSamples[n];
-            const double restore = MedianOf(r, [](const Sample &s) { return s.ms; });
-            const double ready = MedianOf(r, [](const Sample &s) { return s.readyMs; });
-            const double floor = MedianOf(f, [](const Sample &s) { return s.ms; });
-            // Each round's restore against the floor taken beside it: the machine's load
+            const auto &u = bringupSamples[n], &r = restoreSamples[n], &f = floorSamples[n];
+            // Each round's figure against the floor taken beside it: the machine's load
             // moves both alike within a round, and far more from one round to the next.
-            std::vector<double> ratios;
-            for (size_t k = 0; k < r.size() && k < f.size(); ++k)
-                ratios.push_back(r[k].ms / f[k].ms);
-            const double ratio = Median(ratios);
-            const double agentCpu = MedianOf(r, [](const Sample &s) { return s.cpuMs; });
-            const double floorCpu = MedianOf(f, [](const Sample &s) { return s.cpuMs; });
-            std::vector<Sample> all = r;
+            auto perRound = [&](const std::vector<Sample> &v) {
+                std::vector<double> ratios;
+                for (size_t k = 0; k < v.size() && k < f.size(); ++k)
+                    ratios.push_back(v[k].ms / f[k].ms);
+                return Median(ratios);
+            };
+            auto &fig = figures[n];
+            fig["bringup_ms"] = MedianOf(u, [](const Sample &s) { return s.ms; });
+            fig["bringup_answer_ms"] = MedianOf(u, [](const Sample &s) { return s.readyMs; });
+            fig["restore_ms"] = MedianOf(r, [](const Sample &s) { return s.ms; });
+            fig["ready_ms"] = MedianOf(r, [](const Sample &s) { return s.readyMs; });
+            fig["floor_ms"] = MedianOf(f, [](const Sample &s) { return s.ms; });
+            fig["bringup_ratio_per_round"] = perRound(u);
+            fig["ratio_per_round"] = perRound(r);
+            fig["bringup_cpu_ms"] = MedianOf(u, [](const Sample &s) { return s.cpuMs; });
+            fig["agent_cpu_ms"] = MedianOf(r, [](const Sample &s) { return s.cpuMs; });
+            fig["floor_cpu_ms"] = MedianOf(f, [](const Sample &s) { return s.cpuMs; });
+            for (const char *what : {"add", "lease", "delete"}) {
+                fig[std::string(what) + "_wall_ms"] = MedianOf(changeSamples[n][what], [](const Change &c) { return c.wallMs; });
+                fig[std::string(what) + "_cpu_ms"] = MedianOf(changeSamples[n][what], [](const Change &c) { return c.cpuMs; });
+            }
+            std::vector<Sample> all = u;
+            all.insert(all.end(), r.begin(), r.end());
             all.insert(all.end(), f.begin(), f.end());
             const auto [low, high] = LoadRange(all);
-            printf("%6zu %12.1f %12.1f %12.1f %10.3f %12.3f %14.1f %14.1f %5.2f-%5.2f\n", n, restore, ready, floor,
-                   restore / floor, ratio, agentCpu, floorCpu, low, high);
-            json << (first ? "" : ", ") << "\"" << n << "\": { \"restore_ms\": " << restore << ", \"ready_ms\": " << ready
-                 << ", \"floor_ms\": " << floor << ", \"ratio_per_round\": " << ratio << ", \"agent_cpu_ms\": " << agentCpu << ", \"floor_cpu_ms\": " << floorCpu
-                 << ", \"load_min\": " << low << ", \"load_max\": " << high << ", \"restore_samples\": [";
-            for (size_t k = 0; k < r.size(); ++k)
-                json << (k ? ", " : "") << r[k].ms;
-            json << "], \"floor_samples\": [";
-            for (size_t k = 0; k < f.size(); ++k)
-                json << (k ? ", " : "") << f[k].ms;
-            json << "], \"loads\": [";
-            for (size_t k = 0; k < all.size(); ++k)
-                json << (k ? ", " : "") << all[k].load;
-            json << "] }";
+            fig["load_min"] = low;
+            fig["load_max"] = high;
+            char wall[64], cpu[64];
+            snprintf(wall, sizeof(wall), "%.1f / %.1f / %.1f", fig["add_wall_ms"], fig["lease_wall_ms"], fig["delete_wall_ms"]);
+            snprintf(cpu, sizeof(cpu), "%.2f / %.2f / %.2f", fig["add_cpu_ms"], fig["lease_cpu_ms"], fig["delete_cpu_ms"]);
+            printf("%6zu %10.1f %10.1f %10.1f %9.3f %9.3f %10.1f %10.1f %24s %24s %5.2f-%5.2f\n", n, fig["bringup_ms"],
+                   fig["restore_ms"], fig["floor_ms"], fig["bringup_ratio_per_round"], fig["ratio_per_round"],
+                   fig["bringup_cpu_ms"], fig["agent_cpu_ms"], wall, cpu, low, high);
+            json << (first ? "" : ", ") << "\"" << n << "\": {";
+            for (const auto &[key, value] : fig)
+                json << " \"" << key << "\": " << value << ",";
+            auto list = [&](const char *key, const std::vector<double> &v) {
+                json << " \"" << key << "\": [";
+                for (size_t k = 0; k < v.size(); ++k)
+                    json << (k ? ", " : "") << v[k];
+                json << "]";
+            };
+            std::vector<double> ups, restoresMs, floors, loads;
+            for (const Sample &s : u)
+                ups.push_back(s.ms);
+            for (const Sample &s : r)
+                restoresMs.push_back(s.ms);
+            for (const Sample &s : f)
+                floors.push_back(s.ms);
+            for (const Sample &s : all)
+                loads.push_back(s.load);
+            list("bringup_samples", ups);
+            json << ",";
+            list("restore_samples", restoresMs);
+            json << ",";
+            list("floor_samples", floors);
+            json << ",";
+            list("loads", loads);
+            json << " }";
             first = false;
+        }
+        // Growth: figure ~ N^k between consecutive sizes.
+        std::vector<size_t> bySize = sizes;
+        std::sort(bySize.begin(), bySize.end());
+        printf("\ngrowth exponents (figure ~ N^k) between consecutive sizes\n%12s %9s %9s %9s %9s %9s %9s %9s\n", "sizes",
+               "bring-up", "restore", "floor", "up CPU", "add CPU", "lease CPU", "del CPU");
+        json << "}, \"growth\": {";
+        for (size_t k = 1; k < bySize.size(); ++k) {
+            const size_t a = bySize[k - 1], b = bySize[k];
+            auto exponent = [&](const char *key) {
+                const double x = figures[a][key], y = figures[b][key];
+                return x > 0 && y > 0 ? std::log(y / x) / std::log(static_cast<double>(b) / static_cast<double>(a)) : 0.0;
+            };
+            printf("%5zu-%-6zu %9.2f %9.2f %9.2f %9.2f %9.2f %9.2f %9.2f\n", a, b, exponent("bringup_ms"),
+                   exponent("restore_ms"), exponent("floor_ms"), exponent("bringup_cpu_ms"), exponent("add_cpu_ms"),
+                   exponent("lease_cpu_ms"), exponent("delete_cpu_ms"));
+            json << (k > 1 ? ", " : "") << "\"" << a << "-" << b << "\": { \"bringup_ms\": " << exponent("bringup_ms")
+                 << ", \"restore_ms\": " << exponent("restore_ms") << ", \"floor_ms\": " << exponent("floor_ms")
+                 << ", \"add_cpu_ms\": " << exponent("add_cpu_ms") << ", \"lease_cpu_ms\": " << exponent("lease_cpu_ms")
+                 << ", \"delete_cpu_ms\": " << exponent("delete_cpu_ms") << " }";
         }
     }
     json << "}";

@@ -107,4 +107,62 @@ TEST(HostFiles, AllocAndGetConfReadsWholeRegularFilesUpToTheLimit)
     }
 }
 
+// One command's durable writes in a batch: dhcp.conf and its backup keep their old text on
+// disk until the end, while the process reads and copies the kept text; the end writes the
+// last text of each, and the other durable files are in place at once.
+TEST(HostFiles, ADurableBatchWritesDhcpConfAndItsBackupOnceAtTheEnd)
+{
+    hosttest::TempDir dir("/etc");
+    const std::string settings = dir.path + "/host.json", conf = dir.path + "/agent/dhcp.conf",
+                      bak = dir.path + "/agent/dhcp.conf.bak", state = dir.path + "/agent/desired.json";
+    std::ofstream(settings) << "{ \"dhcpConf\": \"" << conf << "\", \"dhcpConfBak\": \"" << bak << "\" }\n";
+    setenv("KQ_HOST_CONFIG", settings.c_str(), 1);
+    KQ_HostReloadConfig();
+    struct Restore {
+        ~Restore()
+        {
+            unsetenv("KQ_HOST_CONFIG");
+            KQ_HostReloadConfig();
+        }
+    } restore;
+    ASSERT_EQ(KQ_WriteSyncWithFilePath(bak.c_str(), "old", 3), 0);
+    ASSERT_EQ(KQ_FileCopy(bak.c_str(), conf.c_str()), 0);
+
+    ASSERT_EQ(KQ_HostDurableBatchBegin(), 0);
+    EXPECT_EQ(KQ_HostDurableBatchBegin(), -EBUSY);
+    for (const char *text : {"first", "second", "third"}) {
+        ASSERT_EQ(KQ_WriteSyncWithFilePath(bak.c_str(), text, strlen(text)), 0);
+        ASSERT_EQ(KQ_FileCopy(bak.c_str(), conf.c_str()), 0);
+        EXPECT_EQ(Slurp(conf), "old");
+        EXPECT_EQ(Slurp(bak), "old");
+        char *read = static_cast<char *>(KQ_AllocAndGetConf(conf.c_str()));
+        ASSERT_NE(read, nullptr);
+        EXPECT_STREQ(read, text);
+        KQ_FreeConf(read);
+    }
+    // Copied elsewhere, a kept text is written out as it is.
+    ASSERT_EQ(KQ_FileCopy(conf.c_str(), (dir.path + "/copy").c_str()), 0);
+    EXPECT_EQ(Slurp(dir.path + "/copy"), "third");
+    ASSERT_EQ(KQ_HostWriteFile(state.c_str(), "state", 5, 1), 0);
+    EXPECT_EQ(Slurp(state), "state");
+    EXPECT_EQ(KQ_HostDurableBatchEnd(), 0);
+    EXPECT_EQ(Slurp(conf), "third");
+    EXPECT_EQ(Slurp(bak), "third");
+    EXPECT_EQ(Names(dir.path + "/agent"), (std::set<std::string>{"dhcp.conf", "dhcp.conf.bak", "desired.json"}));
+    EXPECT_EQ(KQ_HostDurableBatchEnd(), -EINVAL);
+
+    // Outside a batch every write is in place when it returns; a batch that cannot write
+    // dhcp.conf says so at its end and leaves the old one.
+    ASSERT_EQ(KQ_WriteSyncWithFilePath(bak.c_str(), "fourth", 6), 0);
+    EXPECT_EQ(Slurp(bak), "fourth");
+    ASSERT_EQ(KQ_HostDurableBatchBegin(), 0);
+    ASSERT_EQ(KQ_WriteSyncWithFilePath(bak.c_str(), "fifth", 5), 0);
+    ASSERT_EQ(KQ_WriteSyncWithFilePath(conf.c_str(), "fifth", 5), 0);
+    std::filesystem::rename(conf, dir.path + "/moved");
+    std::filesystem::create_directory(conf);
+    EXPECT_EQ(KQ_HostDurableBatchEnd(), -EISDIR);
+    EXPECT_EQ(Slurp(bak), "fifth");
+    EXPECT_TRUE(std::filesystem::is_directory(conf));
+}
+
 }  // namespace

@@ -5,7 +5,9 @@
 // document before dhcp.conf's.
 //
 // The child edits records through the exported registry operations and has the module
-// rewrite by deleting an interface that is not configured, or one of its own. Records have
+// rewrite by deleting an interface that is not configured, or one of its own; in the
+// batched rounds it makes one to four such changes per durable batch of the host, as the
+// agent does for one command, and announces the last document before the batch ends. Records have
 // a server half only and no pid file, so no process is started or stopped: the only effects
 // are the two file writes.
 #include <fcntl.h>
@@ -14,6 +16,7 @@
 
 #include <random>
 
+#include "kqHostLinux.h"
 #include "kqtest.h"
 #include "labutil.h"
 
@@ -51,10 +54,16 @@ std::string Expected(const std::string &Skip)
     return text;
 }
 
-[[noreturn]] void RunChild(int AnnounceFd, unsigned Seed)
+[[noreturn]] void RunChild(int AnnounceFd, unsigned Seed, bool Batched)
 {
     std::mt19937 rng(Seed);
-    for (;;) {
+    for (unsigned change = 0, changes = 0;; ++change) {
+        if (Batched && change == changes) {
+            change = 0;
+            changes = 1 + rng() % 4;
+            if (KQ_HostDurableBatchBegin() != 0)
+                _exit(6);
+        }
         const std::string name = "lan" + std::to_string(rng() % 6);
         KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(name.c_str());
         const unsigned op = rng() % 4;
@@ -69,13 +78,16 @@ std::string Expected(const std::string &Skip)
             Fill(conf->DynamicServerConf, rng);
         }
         const std::string target = conf != nullptr && op == 0 ? name : "none0";
+        const bool last = !Batched || change + 1 == changes;
         const size_t hash = std::hash<std::string>()(Expected(target));
-        if (write(AnnounceFd, &hash, sizeof(hash)) != sizeof(hash))
+        if (last && write(AnnounceFd, &hash, sizeof(hash)) != sizeof(hash))
             _exit(5);
         DhcpItemV2 item = DHCP_ITEM_V2__INIT;
         item.ifname = const_cast<char *>(target.c_str());
         if (KQCtrl_ConfigDynamicDel(&item) != 0)
             _exit(3);
+        if (Batched && last && KQ_HostDurableBatchEnd() != 0)
+            _exit(7);
     }
 }
 
@@ -100,7 +112,7 @@ TEST(PersistCrash, KilledRewritesLeaveWholeDocuments)
         const pid_t pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0)
-            RunChild(fds[1], 1000u + static_cast<unsigned>(round));
+            RunChild(fds[1], 1000u + static_cast<unsigned>(round), round % 2 == 1);
         close(fds[1]);
         // Kill at a random moment after the child's first announcement, however slow the
         // machine is to start it. Before each rewrite the child announces its document's hash.

@@ -284,19 +284,31 @@ TEST(PlanLab, EdgesLoseNothing)
     EXPECT_EQ(lab::Text(backup), good);
     agent->Stop();
 
-    // A full disk under dhcp.conf: the add is refused and its dnsmasq does not stay behind.
+    // A full disk under dhcp.conf. On its own kqagent makes each request durable before the
+    // next: the add is refused and its dnsmasq does not stay behind.
     lab::KillAll("/usr/sbin/dnsmasq");
     lab::MustSh("mkdir -p " + dir.File("full") + " && mount -t tmpfs -o size=12k kq-full " + dir.File("full") +
                 " && (cat /dev/zero >" + dir.File("full/filler") + " 2>/dev/null; true)");
     lab::UseHost(dir, R"("logLevel": 3, "dhcpConf": ")" + dir.File("full/dhcp.conf") + R"(", "dhcpConfBak": ")" +
                           dir.File("full/dhcp.conf.bak") + R"(", "desiredState": ")" + dir.File("state/desired.json") + "\"");
+    const lab::Outcome alone = lab::Kqagent(dir, "apply " + dir.File("other.json"));
+    EXPECT_EQ(alone.Status, 1);
+    EXPECT_TRUE(lab::Has(alone.Err, "kqagent: request 0: add of lan4 "));
+    EXPECT_TRUE(lab::Has(alone.Err, "kqagent: lan4: stopped the dnsmasq the refused request had started (lan4 is not configured)\n"));
+    EXPECT_TRUE(lab::Procs("--pid-file=/var/run/vyr_dhcpd_lan4.pid").empty());
+    EXPECT_FALSE(lab::ReadFile("/etc/vyr_dhcpd_lan4.conf"));
+    // Through the agent an apply's durable writes are made at its end, together: lan4 is
+    // served and desired, and the answer says dhcp.conf could not follow.
     agent = lab::Serve(KQAGENT_PATH, dir.File("serve.4.log"));
     const lab::Outcome full = lab::Kqagent(dir, "apply " + dir.File("other.json"));
     EXPECT_EQ(full.Status, 1);
-    EXPECT_TRUE(lab::Has(full.Err, "kqagent: request 0: add of lan4 "));
-    EXPECT_TRUE(lab::Has(full.Err, "kqagent: lan4: stopped the dnsmasq the refused request had started (lan4 is not configured)\n"));
-    EXPECT_TRUE(lab::Procs("--pid-file=/var/run/vyr_dhcpd_lan4.pid").empty());
-    EXPECT_FALSE(lab::ReadFile("/etc/vyr_dhcpd_lan4.conf"));
+    EXPECT_TRUE(lab::Has(full.Err, "kqagent: request(s) applied, but " + dir.File("full/dhcp.conf") +
+                                       " or its backup could not be written: ENOSPC (-28) No space left on device; the previous "
+                                       "one stays, and the desired state holds the change, so a restart restores it\n"))
+        << full.Err;
+    EXPECT_TRUE(Server("lan4") && lab::Alive(*Server("lan4")));
+    EXPECT_FALSE(lab::ReadFile(dir.File("full/dhcp.conf")));
+    EXPECT_TRUE(lab::Has(lab::Text(dir.File("state/desired.json")), "\"lan4\""));
     agent->Stop();
     lab::Sh("umount " + dir.File("full"));
 }

@@ -1,6 +1,9 @@
 // The registry, the add and delete entry points with their fixed step order, and dhcp.conf
 // as the registry rewrites it.
 #include <gtest/gtest.h>
+#include <json-c/json.h>
+
+#include <algorithm>
 
 #include "fakehost.h"
 
@@ -190,17 +193,135 @@ TEST_F(RegistryTest, DhcpConfIsTheRegistryWrittenBackupFirst)
     } rows[] = {
         {"KQ_WriteSyncWithFilePath", -EIO, "Write /etc/kqagent/dhcp.conf.bak failed(5:Input/output error)\n", "previous backup"},
         {"KQ_FileCopy", -ENOSPC, "file copy /etc/kqagent/dhcp.conf.bak failed(28:No space left on device)\n", kExampleDocument},
-        // A half that does not convert abandons the whole document before anything is written.
+        // A half that does not convert abandons the whole document before anything is written
+        // (eth1 changed, so it is printed again).
         {"KQ_SafeStrFormatIp6Addr", 99, "Dynamic conf to json failed(75:Value too large for defined data type)\n", kExampleDocument},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.Op);
         fakehost::Reset();
+        if (row.Result == 99)
+            _KQCtrl_GetDynamicConfByName("eth1")->DynamicServerConf.ServerIpv6Conf.DhcpConf.Ipv6LeaseTime = 3600;
         Host().Fail[row.Op] = row.Result;
         EXPECT_EQ(_KQCtrl_UpdateDynamicConfFile(), row.Result == 99 ? -EOVERFLOW : row.Result);
         EXPECT_TRUE(fakehost::HasMessage(row.Line));
         EXPECT_EQ(DhcpConf(), "previous");
         EXPECT_EQ(fakehost::ReadFile(Host().DhcpConfBakPath), row.Backup);
+    }
+}
+
+// dhcp.conf as json-c prints the whole document built from the registry: what every
+// rewrite wrote before it kept the texts of unchanged items.
+std::string PrintedFromRegistry()
+{
+    json_object *root = json_object_new_object();
+    json_object *dhcps = json_object_new_array();
+    json_object_object_add(root, "dhcps", dhcps);
+    KQ_DYNAMIC_FOR_EACH_CONF(conf) {
+        if (conf->DynamicServerConf.NetAddrType == 0 && conf->DynamicRelayConf.NetAddrType == 0)
+            continue;
+        json_object *item = json_object_new_object();
+        json_object_array_add(dhcps, item);
+        json_object_object_add(item, "ifname", json_object_new_string(conf->IfName));
+        json_object_object_add(item, "vpnId", json_object_new_int(static_cast<int32_t>(conf->SecurityZoneId)));
+        if (conf->DynamicServerConf.NetAddrType != 0) {
+            EXPECT_EQ(KQCtrl_ConfToJsonDynamicServer(&conf->DynamicServerConf, item), 0);
+        }
+        if (conf->DynamicRelayConf.NetAddrType != 0) {
+            EXPECT_EQ(KQCtrl_ConfToJsonDynamicRelay(&conf->DynamicRelayConf, item), 0);
+        }
+    }
+    std::string text = json_object_to_json_string(root);
+    json_object_put(root);
+    return text;
+}
+
+// What a rewrite shows the host besides pure text formatting, which an unchanged item no
+// longer needs.
+std::vector<std::string> VisibleCalls()
+{
+    std::vector<std::string> calls = Host().Calls;
+    calls.erase(std::remove_if(calls.begin(), calls.end(),
+                               [](const std::string &op) { return op == "KQ_SNPrintf" || op == "KQ_SafeStrFormatIp6Addr"; }),
+                calls.end());
+    return calls;
+}
+
+TEST_F(RegistryTest, EveryRewriteIsTheWholeDocumentAsPrintedFromTheRegistry)
+{
+    const std::map<std::string, uint32_t> zones = {{"lan1", 1}, {"lan2", 0}, {"lan3", 2}, {"lan4", 0}};
+    kqtest::ServerMsg dual = kqtest::ServerMsg::DualStack(KQ_IPV6_DHCP, KQ_IPV6_DHCP);
+    dual.IfName = "lan1";
+    kqtest::ServerMsg slaac = kqtest::ServerMsg::Ipv6(KQ_IPV6_SLAAC, KQ_IPV6_SLAAC);
+    slaac.IfName = "lan3";
+    kqtest::ServerMsg v4 = kqtest::ServerMsg::Ipv4();
+    v4.IfName = "lan4";
+    kqtest::RelayMsg relay = kqtest::RelayItem("lan2", "198.51.100.1", {"203.0.113.10"});
+    kqtest::RelayMsg relay4 = kqtest::RelayItem("lan4", "198.51.100.4", {"203.0.113.11"});
+    kqtest::ServerMsg changed = dual;
+    changed.Lease = 600;
+    kqtest::ServerMsg changedBack = dual;
+    struct Step {
+        const char *What;
+        bool Add;
+        const DhcpItemV2 *Item;
+    } steps[] = {
+        {"add lan1", true, dual.Build()},        {"add lan2 (relay)", true, relay.get()},
+        {"add lan3", true, slaac.Build()},       {"add lan4", true, v4.Build()},
+        {"lan4 relays too", true, relay4.get()}, {"lan1 changes", true, changed.Build()},
+        {"lan1 again", true, changed.Build()},   {"delete lan2", false, relay.get()},
+        {"lan1 back", true, changedBack.Build()}, {"delete lan1", false, dual.Build()},
+        {"add lan1 again", true, dual.Build()},  {"delete lan4", false, relay4.get()},
+        {"delete lan3", false, slaac.Build()},   {"delete lan1", false, dual.Build()},
+    };
+    for (const Step &step : steps) {
+        SCOPED_TRACE(step.What);
+        fakehost::Reset();
+        Host().LanVpnId = zones;
+        ASSERT_EQ(step.Add ? KQCtrl_ConfigDynamicAdd(step.Item) : KQCtrl_ConfigDynamicDel(step.Item), 0)
+            << ::testing::PrintToString(fakehost::Messages());
+        const std::string written = DhcpConf();
+        ASSERT_EQ(written, PrintedFromRegistry());
+        EXPECT_EQ(fakehost::ReadFile(Host().DhcpConfBakPath), written);
+    }
+    EXPECT_EQ(RegistryNames(), (Names{}));
+    EXPECT_EQ(DhcpConf(), "{ \"dhcps\": [ ] }");
+
+    // A record changed behind the entry points is printed again; the same rewrite twice
+    // shows the host the same calls, files and lines.
+    AddExample();
+    _KQCtrl_GetDynamicConfByName("eth2")->DynamicRelayConf.RelayConf.LanIp = Ip4("198.51.100.9");
+    fakehost::Reset();
+    ASSERT_EQ(_KQCtrl_UpdateDynamicConfFile(), 0);
+    EXPECT_EQ(DhcpConf(), PrintedFromRegistry());
+    EXPECT_NE(DhcpConf().find("\"lanIp\": \"198.51.100.9\""), std::string::npos);
+    const std::vector<std::string> calls = VisibleCalls();
+    const auto writes = Host().Writes;
+    fakehost::Reset();
+    ASSERT_EQ(_KQCtrl_UpdateDynamicConfFile(), 0);
+    EXPECT_EQ(VisibleCalls(), calls);
+    EXPECT_EQ(Host().Writes, writes);
+    EXPECT_TRUE(Host().Logs.empty());
+}
+
+TEST_F(RegistryTest, AnItemWhosePrintingLogsLogsAtEveryRewrite)
+{
+    // A list longer than its array (as a refused dhcp.conf leaves it) is written as far as
+    // it fits, with a warning each time the document is written.
+    AddExample();
+    KQ_CTRL_DYNAMIC_SERVICE_CONF *eth1 = _KQCtrl_GetDynamicConfByName("eth1");
+    eth1->DynamicServerConf.ServerIpv4Conf.DnsNum = KQ_DYNAMIC_MAX_DNS + 1;
+    std::vector<std::string> first;
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        fakehost::Reset();
+        ASSERT_EQ(_KQCtrl_UpdateDynamicConfFile(), 0);
+        const std::vector<std::string> lines = fakehost::Lines();
+        if (round == 0)
+            first = lines;
+        EXPECT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines, first);
+        EXPECT_EQ(DhcpConf(), PrintedFromRegistry());
     }
 }
 

@@ -32,9 +32,10 @@ TEST(KqAgentControl, RequestLinesAreDecodedOrRefusedWithTheReason)
         SCOPED_TRACE(c.line);
         Command command;
         EXPECT_EQ(kqagent::DecodeCommand(c.line, command), c.problem);
-        if (c.problem.empty())
+        if (c.problem.empty()) {
             EXPECT_EQ(std::make_tuple(command.argv, command.fileText, command.logLevel),
                       std::make_tuple(c.argv, c.fileText, c.logLevel));
+        }
     }
     // What the client encodes, the agent decodes unchanged, control characters included.
     const Command sent{{"client", "enable", "ipv4", "e\n\x1b[0m\\"}, std::string("a\0b\"", 4), 3};

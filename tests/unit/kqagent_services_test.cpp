@@ -145,4 +145,88 @@ TEST_F(AgentDesired, ClientsAreKeptBesideTheInterfacesAndBadEntriesAreNamed)
     EXPECT_EQ(again.RecordClientEnable(DesiredClient{"wan0", false, 0, "", false}), -EIO);
 }
 
+std::string Item(const std::string &ifname, int lease)
+{
+    return "{\"ifname\":\"" + ifname + "\",\"ipv4dhcpitem\":{\"mode\":\"server\",\"dhcpserver\":{\"dhcpiprange\":"
+           "[{\"begin\":\"192.0.2.100\",\"len\":10}],\"netmask\":\"255.255.255.0\",\"leasetime\":" +
+           std::to_string(lease) + "}}}";
+}
+
+Request Add(const std::string &ifname, int lease)
+{
+    ParsedRequests parsed = ParseRequests("{\"requests\":[{\"op\":\"add\",\"item\":" + Item(ifname, lease) + "}]}");
+    EXPECT_TRUE(parsed.Ok()) << parsed.error;
+    return parsed.requests.at(0);
+}
+
+// Each entry's interface and lease time, in order, and whether Find gives that very entry.
+std::vector<std::string> Listed(const DesiredState &desired)
+{
+    std::vector<std::string> listed;
+    for (const auto &entry : desired.Entries()) {
+        const size_t at = entry.itemJson.find("\"leasetime\":");
+        listed.push_back(entry.ifname + " " + entry.itemJson.substr(at + 12, entry.itemJson.find('}', at) - at - 12) +
+                         (desired.Find(entry.ifname) == &entry ? "" : " (not found)"));
+    }
+    return listed;
+}
+
+TEST_F(AgentDesired, ARequestChangesItsOwnEntryAndAHeldCommandIsWrittenOnceOrNotAtAll)
+{
+    fakehost::WriteFile(path, "{\"interfaces\":[" + Item("lan0", 1) + "," + Item("lan1", 1) + "," + Item("lan2", 1) + "]}");
+    DesiredState desired(path);
+    ASSERT_TRUE(desired.Load());
+    ASSERT_EQ(desired.RecordAdd(Add("lan1", 2)), 0);  // in place
+    ASSERT_EQ(desired.RecordAdd(Add("lan3", 1)), 0);  // at the end
+    ASSERT_EQ(desired.RecordDelete("lan0"), 0);
+    ASSERT_EQ(desired.RecordDelete("lan9"), 0);       // not listed: nothing written
+    EXPECT_EQ(Listed(desired), (Args{"lan1 2", "lan2 1", "lan3 1"}));
+    EXPECT_FALSE(desired.Lists("lan0"));
+    EXPECT_EQ(desired.Find("lan0"), nullptr);
+    EXPECT_EQ(fakehost::CallCount("KQ_WriteSyncWithFilePath"), 3);
+    const std::string written = fakehost::ReadFile(path).value_or("");
+    EXPECT_EQ(written, "{\"interfaces\":[\n  " + Item("lan1", 2) + ",\n  " + Item("lan2", 1) + ",\n  " + Item("lan3", 1) + "\n]}\n");
+
+    // Held: nothing is written until Release, which writes once.
+    desired.Hold();
+    ASSERT_EQ(desired.RecordAdd(Add("lan4", 1)), 0);
+    ASSERT_EQ(desired.RecordDelete("lan2"), 0);
+    ASSERT_EQ(desired.RecordAdd(Add("lan3", 5)), 0);
+    EXPECT_EQ(fakehost::CallCount("KQ_WriteSyncWithFilePath"), 3);
+    EXPECT_EQ(fakehost::ReadFile(path), written);
+    ASSERT_EQ(desired.Release(), 0);
+    EXPECT_EQ(fakehost::CallCount("KQ_WriteSyncWithFilePath"), 4);
+    const Args held = {"lan1 2", "lan3 5", "lan4 1"};
+    EXPECT_EQ(Listed(desired), held);
+    DesiredState reread(path);
+    ASSERT_TRUE(reread.Load());
+    EXPECT_EQ(Listed(reread), held);
+
+    // A write that fails takes back everything since Hold, or the one request.
+    const std::string before = fakehost::ReadFile(path).value_or("");
+    fakehost::Host().Fail["KQ_WriteSyncWithFilePath"] = -ENOSPC;
+    desired.Hold();
+    ASSERT_EQ(desired.RecordDelete("lan1"), 0);
+    ASSERT_EQ(desired.RecordAdd(Add("lan3", 6)), 0);
+    ASSERT_EQ(desired.RecordAdd(Add("lan5", 1)), 0);
+    ASSERT_EQ(desired.RecordDelete("lan4"), 0);
+    EXPECT_EQ(desired.Release(), -ENOSPC);
+    EXPECT_EQ(Listed(desired), held);
+    EXPECT_EQ(desired.RecordAdd(Add("lan1", 7)), -ENOSPC);
+    EXPECT_EQ(desired.RecordDelete("lan3"), -ENOSPC);
+    EXPECT_EQ(Listed(desired), held);
+    EXPECT_FALSE(desired.Lists("lan5"));
+    EXPECT_EQ(fakehost::ReadFile(path), before);
+    fakehost::Host().Fail.clear();
+
+    // An interface listed twice (a hand-edited file): the add replaces both, in the first's place.
+    fakehost::WriteFile(path, "{\"interfaces\":[" + Item("lan0", 1) + "," + Item("lan1", 1) + "," + Item("lan0", 3) + "]}");
+    ASSERT_TRUE(desired.Load());
+    EXPECT_EQ(Listed(desired), (Args{"lan0 1", "lan1 1", "lan0 3 (not found)"}));
+    ASSERT_EQ(desired.RecordAdd(Add("lan0", 4)), 0);
+    EXPECT_EQ(Listed(desired), (Args{"lan0 4", "lan1 1"}));
+    ASSERT_EQ(desired.RecordAdd(Add("lan1", 4)), 0);
+    EXPECT_EQ(Listed(desired), (Args{"lan0 4", "lan1 4"}));
+}
+
 }  // namespace

@@ -245,6 +245,7 @@ int RunCheck(const VerbCall &call)
 
 int Agent::Plan(const VerbCall &call)
 {
+    touchedAll_ = false;  // a dry run touches nothing
     const std::string &file = call.invocation.args[0];
     const bool dryRun = call.invocation.Has("--dry-run");
     std::ostream &out = call.out, &err = call.err;
@@ -329,8 +330,44 @@ void Agent::CleanUpRefusedAdd(const std::string &ifname, const ServerSnapshot &b
         err << "kqagent: removed " << removed << ", left behind by the failed start (" << ifname << " is not configured)\n";
 }
 
+int Agent::ApplyEach(const std::vector<Request> &requests, std::vector<std::string> &added, std::ostream &out,
+                     std::ostream &err)
+{
+    for (size_t i = 0; i < requests.size(); ++i) {
+        const Request &request = requests[i];
+        out << "[" << i << "] " << request.Summary() << ": " << std::flush;
+        const bool add = request.Op() == RequestOp::Add;
+        const std::string ifname = request.Item().ifname;
+        touched_.insert(ifname);
+        const ServerSnapshot before{_KQCtrl_GetDynamicConfByName(ifname.c_str()) != nullptr, ReadTextFile(ServerConfFile(ifname)),
+                                    RunningDnsmasq(ServerPidFile(ifname))};
+        const KQ_ERR_T result = add ? KQCtrl_ConfigDynamicAdd(&request.Item()) : KQCtrl_ConfigDynamicDel(&request.Item());
+        const int recorded = result < 0 ? 0 : add ? desired_.RecordAdd(request) : desired_.RecordDelete(ifname);
+        if (result < 0 || recorded < 0) {
+            out << "refused\n";
+            if (result < 0) {
+                err << "kqagent: request " << i << ": " << DescribeRefusal(request.Op(), ifname, result) << "\n";
+                if (add)
+                    CleanUpRefusedAdd(ifname, before, err);
+            } else
+                err << "kqagent: request " << i << " applied, but " << desired_.Path()
+                    << " could not be written: " << Failure(recorded) << "; a restart would not restore it\n";
+            err << "kqagent: request " << i << ": " << request.Json() << "\n";
+            if (i + 1 < requests.size())
+                err << "kqagent: stopped; request(s) " << i + 1 << ".." << requests.size() - 1 << " not applied\n";
+            return kExitFailed;
+        }
+        out << "ok\n";
+        converted_.erase(ifname);
+        if (add)
+            added.push_back(ifname);
+    }
+    return kExitOk;
+}
+
 int Agent::Apply(const VerbCall &call)
 {
+    touchedAll_ = false;  // ApplyEach names every interface it touches
     if (call.invocation.Has("--dry-run"))
         return Plan(call);
     const std::string &file = call.invocation.args[0];
@@ -373,41 +410,34 @@ int Agent::Apply(const VerbCall &call)
     // Whatever was applied, also before a refusal, is recorded and supervised.
     struct Changed {
         Agent &agent;
-        ~Changed() { agent.RecordServices(); }
+        ~Changed() { agent.RecordServices(&agent.touched_); }
     } changed{*this};
-    for (size_t i = 0; i < requests.size(); ++i) {
-        const Request &request = requests[i];
-        out << "[" << i << "] " << request.Summary() << ": " << std::flush;
-        const bool add = request.Op() == RequestOp::Add;
-        const std::string ifname = request.Item().ifname;
-        const ServerSnapshot before{_KQCtrl_GetDynamicConfByName(ifname.c_str()) != nullptr, ReadTextFile(ServerConfFile(ifname)),
-                                    RunningDnsmasq(ServerPidFile(ifname))};
-        const KQ_ERR_T result = add ? KQCtrl_ConfigDynamicAdd(&request.Item()) : KQCtrl_ConfigDynamicDel(&request.Item());
-        const int recorded = result < 0 ? 0 : add ? desired_.RecordAdd(request) : desired_.RecordDelete(ifname);
-        if (result < 0 || recorded < 0) {
-            out << "refused\n";
-            if (result < 0) {
-                err << "kqagent: request " << i << ": " << DescribeRefusal(request.Op(), ifname, result) << "\n";
-                if (add)
-                    CleanUpRefusedAdd(ifname, before, err);
-            } else
-                err << "kqagent: request " << i << " applied, but " << desired_.Path()
-                    << " could not be written: " << Failure(recorded) << "; a restart would not restore it\n";
-            err << "kqagent: request " << i << ": " << request.Json() << "\n";
-            if (i + 1 < requests.size())
-                err << "kqagent: stopped; request(s) " << i + 1 << ".." << requests.size() - 1 << " not applied\n";
-            return kExitFailed;
-        }
-        out << "ok\n";
-        converted_.erase(ifname);
-        if (add)
-            added.push_back(ifname);
+    // The agent answers once, after the whole apply: its durable writes (dhcp.conf and its
+    // backup after every request, the desired state) are made durable together just before
+    // the answer, not once per file and request.
+    const bool batched = daemon_ && KQ_HostDurableBatchBegin() == 0;
+    if (batched)
+        desired_.Hold();
+    int status = ApplyEach(requests, added, out, err);
+    if (batched) {
+        const int recorded = desired_.Release();
+        const KQ_ERR_T durable = KQ_HostDurableBatchEnd();
+        if (recorded < 0)
+            err << "kqagent: request(s) applied, but " << desired_.Path() << " could not be written: " << Failure(recorded)
+                << "; a restart would not restore them\n";
+        if (durable < 0)
+            err << "kqagent: request(s) applied, but " << KQ_AgentPathDhcpConf()
+                << " or its backup could not be written: " << Failure(durable) << "; the previous one stays"
+                << (recorded < 0 ? "" : ", and the desired state holds the change, so a restart restores it") << "\n";
+        if (recorded < 0 || durable < 0)
+            status = kExitFailed;
     }
+    if (status != kExitOk)
+        return status;
     if (replace)
         partialRefused_.clear();
     // An unchanged configuration is left alone by the module, also when its dnsmasq has
     // gone meanwhile (a reboot without the agent): say so instead of a bare "ok".
-    int status = kExitOk;
     for (const auto &ifname : added) {
         const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str());
         if (conf != nullptr && conf->DynamicServerConf.NetAddrType != 0 && RunningDnsmasq(ServerPidFile(ifname)) <= 0) {
@@ -532,7 +562,9 @@ int Agent::Client(const VerbCall &call)
     else
         result = v6 ? KQCtrl_DynamicClientDisableIpv6(ifname.c_str(), *zone) : KQCtrl_DynamicClientDisableIpv4(ifname.c_str(), *zone);
     const int recorded = result < 0 ? 0 : enable ? desired_.RecordClientEnable(client) : desired_.RecordClientDisable(ifname, v6);
-    RecordServices();
+    touched_.insert(ifname);
+    touchedAll_ = false;
+    RecordServices(&touched_);
     if (v6) {
         json_object *rules = PolicyRulesJson();
         out << RenderPolicyRules(rules);
@@ -559,6 +591,8 @@ CommandResult Agent::Execute(const Command &command)
     const uint32_t savedLevel = KQ_HostLogLevel();
     if (command.logLevel != 0)
         KQ_HostSetLogLevel(static_cast<uint32_t>(command.logLevel));
+    touched_.clear();
+    touchedAll_ = true;
     Invocation invocation;
     const Verb *verb = command.argv.empty() ? nullptr : FindVerb(command.argv[0]);
     if (verb != nullptr && verb->Is(kVerbLocal))  // serve and help never reach an agent

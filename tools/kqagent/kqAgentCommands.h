@@ -73,7 +73,11 @@ public:
     // Starts (or restarts) one service through the module's own operation.
     int StartService(const Service &service);
     // Records what runs now, so that the next start can keep it; call after every change.
-    void RecordServices();
+    // `only`: the interfaces a change touched (their servers and clients) and the shared
+    // relay are looked at again, the other records stand; nullptr: everything.
+    void RecordServices(const std::set<std::string> *only = nullptr);
+    // The interfaces the last command touched; nullptr when it may have touched any.
+    const std::set<std::string> *Touched() const { return touchedAll_ ? nullptr : &touched_; }
 
     // Supervision facts shown by status, filled in by the daemon.
     std::map<Service, Supervision> supervision;
@@ -91,6 +95,11 @@ private:
     void CleanUpRefusedAdd(const std::string &ifname, const ServerSnapshot &before, std::ostream &err);
     // The configured interfaces that `requests` does not add, for apply --replace.
     std::vector<std::string> NotAddedBy(const std::vector<Request> &requests) const;
+
+    // apply's requests in order, each recorded when the module accepted it; the first
+    // refusal stops them (kExitFailed, after saying why).
+    int ApplyEach(const std::vector<Request> &requests, std::vector<std::string> &added, std::ostream &out,
+                  std::ostream &err);
     int ReportRunning(std::ostream &out, std::ostream &err);
     // The registry from the desired state; returns the entries that need the module's add.
     std::vector<const DesiredEntry *> RestoreRegistry(std::ostream &err);
@@ -102,6 +111,10 @@ private:
     // Interfaces whose registry record came from the converters alone (no record of the
     // module's to take): not recorded until the module itself has added them again.
     std::set<std::string> converted_;
+    // What the running command touched, so that recording and supervision after it look at
+    // those interfaces only: a change costs the same whatever the number of LANs.
+    std::set<std::string> touched_;
+    bool touchedAll_ = true;
     // Why an apply that does not declare itself the whole configuration is refused: the
     // desired state is gone while the registry holds interfaces, or dhcp.conf is unreadable
     // and its backup is the only good copy. Empty: applies are fine.

@@ -144,7 +144,7 @@ void RunRequest(Connection *connection, const std::string &line)
     }
     const CommandResult result = daemon->agent.Execute(command);
     // Whatever the command started, stopped or replaced is watched from now on.
-    daemon->supervisor->Sync();
+    daemon->supervisor->Sync(daemon->agent.Touched());
     // A command's name as the log shows it: a name no verb has is the client's own text.
     constexpr size_t kLoggedName = 64;
     connection->command = EscapeForLog(command.argv[0].substr(0, kLoggedName)) + (command.argv[0].size() > kLoggedName ? "..." : "");

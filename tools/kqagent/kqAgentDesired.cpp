@@ -129,6 +129,10 @@ bool DesiredState::Load()
     problem_.clear();
     entries_.clear();
     clients_.clear();
+    first_.clear();
+    repeated_ = false;
+    undo_.clear();
+    held_ = false;
     exists_ = false;
     std::ifstream in(path_, std::ios::binary);
     if (!in) {
@@ -166,12 +170,14 @@ bool DesiredState::Load()
             entry = DesiredEntry{entry.ifname, entry.itemJson, std::nullopt,
                                  "interfaces[" + std::to_string(i) + "]: " + entry.ifname + " is listed twice"};
         entries_.push_back(std::move(entry));
+        repeated_ = !first_.emplace(entries_.back().ifname, entries_.size() - 1).second || repeated_;
     }
     json_object *clients = nullptr;
     if (json_object_object_get_ex(root.get(), "clients", &clients)) {
         if (!json_object_is_type(clients, json_type_array)) {
             problem_ = path_ + ": \"clients\" is not an array";
             entries_.clear();
+            Index();
             return false;
         }
         for (size_t i = 0; i < json_object_array_length(clients); ++i) {
@@ -236,20 +242,29 @@ int DesiredState::RecordClientDisable(const std::string &ifname, bool ipv6)
     return result;
 }
 
+void DesiredState::Index()
+{
+    first_.clear();
+    repeated_ = false;
+    for (size_t i = 0; i < entries_.size(); ++i)
+        repeated_ = !first_.emplace(entries_[i].ifname, i).second || repeated_;
+}
+
 const DesiredEntry *DesiredState::Find(const std::string &ifname) const
 {
-    for (const auto &entry : entries_)
-        if (entry.request && entry.ifname == ifname)
-            return &entry;
-    return nullptr;
+    if (repeated_) {
+        for (const auto &entry : entries_)
+            if (entry.request && entry.ifname == ifname)
+                return &entry;
+        return nullptr;
+    }
+    const auto it = first_.find(ifname);
+    return it != first_.end() && entries_[it->second].request ? &entries_[it->second] : nullptr;
 }
 
 bool DesiredState::Lists(const std::string &ifname) const
 {
-    for (const auto &entry : entries_)
-        if (entry.ifname == ifname)
-            return true;
-    return false;
+    return first_.count(ifname) != 0;
 }
 
 int DesiredState::RecordAdd(const Request &request)
@@ -259,36 +274,109 @@ int DesiredState::RecordAdd(const Request &request)
     // The accepted request replaces the interface's entry in place, also one that could not
     // be read: the module now runs what this request says.
     DesiredEntry entry{request.Item().ifname, ItemJson(request), request, ""};
-    std::vector<DesiredEntry> next;
-    bool placed = false;
-    for (const auto &current : entries_) {
-        if (current.ifname != entry.ifname)
-            next.push_back(current);
-        else if (!placed)
+    if (repeated_) {
+        std::vector<DesiredEntry> next;
+        bool placed = false;
+        for (const auto &current : entries_) {
+            if (current.ifname != entry.ifname)
+                next.push_back(current);
+            else if (!placed)
+                next.push_back(entry);
+            placed = placed || current.ifname == entry.ifname;
+        }
+        if (!placed)
             next.push_back(entry);
-        placed = placed || current.ifname == entry.ifname;
-    }
-    if (!placed)
-        next.push_back(entry);
-    const int result = Save(next, clients_);
-    if (result == 0)
+        Undo undo{Undo::Kind::Whole, 0, std::move(entries_)};
         entries_ = std::move(next);
-    return result;
+        Index();
+        return Commit(std::move(undo));
+    }
+    const auto it = first_.find(entry.ifname);
+    if (it == first_.end()) {
+        first_.emplace(entry.ifname, entries_.size());
+        entries_.push_back(std::move(entry));
+        return Commit(Undo{Undo::Kind::Appended, entries_.size() - 1, {}});
+    }
+    Undo undo{Undo::Kind::Replaced, it->second, {}};
+    undo.entries.push_back(std::move(entries_[it->second]));
+    entries_[it->second] = std::move(entry);
+    return Commit(std::move(undo));
 }
 
 int DesiredState::RecordDelete(const std::string &ifname)
 {
     if (Broken())
         return -EIO;
-    std::vector<DesiredEntry> next;
-    for (const auto &entry : entries_)
-        if (entry.ifname != ifname)
-            next.push_back(entry);
-    if (next.size() == entries_.size())
+    if (!Lists(ifname))
         return 0;
-    const int result = Save(next, clients_);
-    if (result == 0)
+    if (repeated_) {
+        std::vector<DesiredEntry> next;
+        for (const auto &entry : entries_)
+            if (entry.ifname != ifname)
+                next.push_back(entry);
+        Undo undo{Undo::Kind::Whole, 0, std::move(entries_)};
         entries_ = std::move(next);
+        Index();
+        return Commit(std::move(undo));
+    }
+    const size_t at = first_[ifname];
+    Undo undo{Undo::Kind::Erased, at, {}};
+    undo.entries.push_back(std::move(entries_[at]));
+    entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(at));
+    first_.erase(ifname);
+    for (size_t i = at; i < entries_.size(); ++i)
+        first_[entries_[i].ifname] = i;
+    return Commit(std::move(undo));
+}
+
+int DesiredState::Commit(Undo undo)
+{
+    undo_.push_back(std::move(undo));
+    if (held_)
+        return 0;
+    const int result = Save(entries_, clients_);
+    if (result < 0)
+        Rollback();
+    undo_.clear();
+    return result;
+}
+
+void DesiredState::Rollback()
+{
+    for (auto undo = undo_.rbegin(); undo != undo_.rend(); ++undo) {
+        switch (undo->kind) {
+        case Undo::Kind::Replaced:
+            entries_[undo->at] = std::move(undo->entries[0]);
+            break;
+        case Undo::Kind::Appended:
+            entries_.pop_back();
+            break;
+        case Undo::Kind::Erased:
+            entries_.insert(entries_.begin() + static_cast<std::ptrdiff_t>(undo->at), std::move(undo->entries[0]));
+            break;
+        case Undo::Kind::Whole:
+            entries_ = std::move(undo->entries);
+            break;
+        }
+    }
+    undo_.clear();
+    Index();
+}
+
+void DesiredState::Hold()
+{
+    held_ = true;
+}
+
+int DesiredState::Release()
+{
+    held_ = false;
+    if (undo_.empty())
+        return 0;
+    const int result = Save(entries_, clients_);
+    if (result < 0)
+        Rollback();
+    undo_.clear();
     return result;
 }
 

@@ -10,6 +10,7 @@
 
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "kqAgentRequests.h"
@@ -66,9 +67,13 @@ public:
 
     // Records the accepted add (replacing the interface's entry in place) or delete, and
     // writes the document. Returns 0 or a negative errno (the document is then as before,
-    // and so is this object).
+    // and so is this object). Between Hold and Release they change this object only, and
+    // Release writes the document once for all of them: 0, or a negative errno with the
+    // document and this object as they were at Hold.
     int RecordAdd(const Request &request);
     int RecordDelete(const std::string &ifname);
+    void Hold();
+    int Release();
 
     const std::vector<DesiredClientEntry> &Clients() const { return clients_; }
     // The enabled client of an interface and family, or null.
@@ -79,11 +84,26 @@ public:
     int RecordClientDisable(const std::string &ifname, bool ipv6);
 
 private:
+    // How to take back one change of entries_.
+    struct Undo {
+        enum class Kind { Replaced, Appended, Erased, Whole } kind;
+        size_t at = 0;
+        std::vector<DesiredEntry> entries;  // Replaced, Erased: the entry before; Whole: all of them
+    };
     int Save(const std::vector<DesiredEntry> &entries, const std::vector<DesiredClientEntry> &clients);
+    int Commit(Undo undo);
+    void Rollback();
+    void Index();
     std::string path_;
     std::string problem_;
     bool exists_ = false;
     std::vector<DesiredEntry> entries_;
+    // Each interface's first entry, so that one request costs the same whatever the number
+    // of interfaces; a document that lists an interface twice (written by hand) is searched.
+    std::unordered_map<std::string, size_t> first_;
+    bool repeated_ = false;
+    bool held_ = false;
+    std::vector<Undo> undo_;  // the changes since Hold, or the one being written
     std::vector<DesiredClientEntry> clients_;
 };
 

@@ -206,7 +206,7 @@ bool Agent::RunsAsRecorded(const Service &service, const ProcessRecord *record, 
            process.netns != 0 && process.netns == ZoneNetns(zone) && ConfFingerprint(service) == record->conf;
 }
 
-void Agent::RecordServices()
+void Agent::RecordServices(const std::set<std::string> *only)
 {
     if (!desired_.Exists() || desired_.Broken())
         return;  // nothing to tell a start from: it restores dhcp.conf as it stands
@@ -216,26 +216,41 @@ void Agent::RecordServices()
             return std::nullopt;
         return ProcessRecord{process.pid, process.startTime, ConfFingerprint(service)};
     };
-    std::map<std::string, InterfaceRecord> interfaces;
-    for (const auto &entry : desired_.Entries()) {
+    auto record = [&](const DesiredEntry &entry) {
         const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf =
             entry.request ? _KQCtrl_GetDynamicConfByName(entry.ifname.c_str()) : nullptr;
         if (conf == nullptr || converted_.count(entry.ifname) != 0)
-            continue;
+            return;
         InterfaceRecord record{WantedOf(entry), EncodeRecord(*conf), std::nullopt};
         if (ServesSomething(*conf))
             record.server = processRecord(Service{ServiceKind::Server, entry.ifname});
-        interfaces[entry.ifname] = std::move(record);
+        services_.interfaces[entry.ifname] = std::move(record);
+    };
+    if (only == nullptr) {
+        services_.interfaces.clear();
+        for (const auto &entry : desired_.Entries())
+            record(entry);
+    } else {
+        for (const auto &ifname : *only) {
+            services_.interfaces.erase(ifname);
+            if (const DesiredEntry *entry = desired_.Find(ifname))
+                record(*entry);
+        }
     }
-    services_.interfaces = std::move(interfaces);
     services_.relay = AnyRelay() ? processRecord(Service{ServiceKind::Relay, ""}) : std::nullopt;
     std::map<std::string, ClientRecord> clients;
     for (const auto &entry : desired_.Clients()) {
         if (!entry.client)
             continue;
+        const std::string key = ClientKey(entry.client->ifname, entry.client->ipv6);
+        if (only != nullptr && only->count(entry.client->ifname) == 0) {
+            if (const auto kept = services_.clients.find(key); kept != services_.clients.end())
+                clients.insert(*kept);
+            continue;
+        }
         const Service service{entry.client->ipv6 ? ServiceKind::Client6 : ServiceKind::Client4, entry.client->ifname};
         if (const auto process = processRecord(service))
-            clients[ClientKey(entry.client->ifname, entry.client->ipv6)] = ClientRecord{Fingerprint(entry.client->Json()), *process};
+            clients[key] = ClientRecord{Fingerprint(entry.client->Json()), *process};
     }
     services_.clients = std::move(clients);
     // Losing this file costs restarts at the next start, never configuration.

@@ -76,7 +76,7 @@ void Supervisor::Unfollow(Watch &watch)
     watch.pidfd = -1;
 }
 
-void Supervisor::Sync()
+void Supervisor::Sync(const std::set<std::string> *only)
 {
     std::map<Service, bool> wanted;
     for (const Service &service : agent_.Wanted())
@@ -100,6 +100,8 @@ void Supervisor::Sync()
             watch.service = service;
             watch.since = std::chrono::steady_clock::now();
             agent_.supervision[service];
+        } else if (only != nullptr && service.kind != ServiceKind::Relay && only->count(service.ifname) == 0) {
+            continue;  // untouched by the command: its watch stands
         }
         const Process process = ProcessOf(service.PidFile(), service.Program());
         if (process.running) {
@@ -211,12 +213,13 @@ void Supervisor::Probe(Watch &watch)
 {
     watch.timer = sd_event_source_disable_unref(watch.timer);
     watch.probing = false;
+    const std::set<std::string> only{watch.service.ifname};
     const Process process = ProcessOf(watch.service.PidFile(), watch.service.Program());
     if (process.running) {
         const unsigned row = watch.deathsInRow;
         Follow(watch, process.pid, process.startTime);
         watch.deathsInRow = row;
-        agent_.RecordServices();
+        agent_.RecordServices(&only);
         return;
     }
     Died(watch, process.pidFileExists ? "not running (stale pid file)" : "not running");
@@ -226,6 +229,7 @@ void Supervisor::Restart(Watch &watch)
 {
     watch.timer = sd_event_source_disable_unref(watch.timer);
     const Service service = watch.service;
+    const std::set<std::string> only{service.ifname};
     Supervision &facts = agent_.supervision[service];
     const std::string who = service.Name() + (watch.diedPid > 0 ? " (pid " + std::to_string(watch.diedPid) + ")" : "");
     // One that came up late meanwhile (its pid file written after the last look) is taken
@@ -234,7 +238,7 @@ void Supervisor::Restart(Watch &watch)
         const unsigned row = watch.deathsInRow;
         Follow(watch, late.pid, late.startTime);
         watch.deathsInRow = row;
-        agent_.RecordServices();
+        agent_.RecordServices(&only);
         return;
     }
     const int result = agent_.StartService(service);
@@ -258,7 +262,7 @@ void Supervisor::Restart(Watch &watch)
         const unsigned row = watch.deathsInRow;
         Follow(watch, process.pid, process.startTime);
         watch.deathsInRow = row;  // a quick death after this restart continues the row
-        agent_.RecordServices();
+        agent_.RecordServices(&only);
         return;
     }
     std::cerr << "kqagent: " << who << ": " << facts.lastExit << "; restart " << facts.restarts << " failed"

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <set>
 #include <string>
 
 #include "kqAgentCommands.h"
@@ -46,7 +47,8 @@ public:
     // Brings the watches in line with what the agent wants and what runs now. Called after
     // the start and after every command: a process the module replaced is watched in its
     // place, one that does not run is restarted, one no longer wanted is left alone.
-    void Sync();
+    // `only`: the interfaces the command touched; the other watches stand as they are.
+    void Sync(const std::set<std::string> *only = nullptr);
     // Every given-up service is supervised again (`kqagent load`).
     void Resume();
     // SIGCHLD: reaps the agent's exited children and keeps the exit of watched ones.

@@ -19,6 +19,7 @@
 #include <new>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "kqHostInternal.h"
 
@@ -258,6 +259,27 @@ Sync SyncFor(const char *path)
     return conf != nullptr && FolderOf(conf) == FolderOf(bak) ? Sync::Text : Sync::Full;
 }
 
+// A durable batch (KQ_HostDurableBatchBegin .. End): the texts of dhcp.conf and its backup
+// are kept here instead of being written, and the folders of the other durable writes are
+// remembered; End writes each kept text once (synced before its rename) and syncs each
+// folder once. Until then the files on disk are the ones from before the batch, whole.
+struct DurableBatch {
+    bool open = false;
+    std::vector<std::pair<std::string, std::string>> texts;  // path, text; in first-write order
+    std::set<std::string> folders;                            // to sync at the end
+};
+std::mutex sg_BatchLock;
+DurableBatch sg_Batch;
+
+// The kept text of path in the open batch, or null.
+std::string *BatchText(const char *path)
+{
+    for (auto &[kept, text] : sg_Batch.texts)
+        if (kept == path)
+            return &text;
+    return nullptr;
+}
+
 // True when path already is a regular file holding exactly len bytes of data.
 bool HoldsAlready(const char *path, const char *data, size_t len)
 {
@@ -284,6 +306,23 @@ try {
         return -EINVAL;
     if (kqhost::DryRunTakes("write", path, data, len))
         return 0;
+    if (sync != Sync::None && path != nullptr && path[0] != '\0') {
+        std::lock_guard<std::mutex> guard(sg_BatchLock);
+        if (sg_Batch.open && SyncFor(path) != Sync::None) {
+            if (std::string *kept = BatchText(path))
+                kept->assign(data, len);
+            else
+                sg_Batch.texts.emplace_back(path, std::string(data, len));
+            return 0;
+        }
+        if (sg_Batch.open) {
+            // Its text is synced now, its rename with the others at the end.
+            int ret = ReplaceFile(path, Sync::Text, [&](int fd) { return WriteAll(fd, data, len); });
+            if (ret == 0)
+                sg_Batch.folders.insert(FolderOf(path));
+            return ret;
+        }
+    }
     // A derived file that is already what it should be (the dnsmasq files at a restart) is
     // left alone: creating and renaming a file costs the filesystem far more than reading
     // it. Durable files are always written, so that they are synced whatever wrote them.
@@ -350,6 +389,24 @@ KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
         return -EINVAL;
     if (kqhost::DryRunTakes("copy", From, To, strlen(To)))
         return 0;
+    {
+        // In a durable batch the copy of a kept text is kept too (dhcp.conf from its backup).
+        std::unique_lock<std::mutex> guard(sg_BatchLock);
+        if (sg_Batch.open) {
+            const std::string *kept = BatchText(From);
+            if (kept != nullptr) {
+                const std::string text = *kept;
+                guard.unlock();
+                return WriteText(To, text.data(), text.size(), SyncFor(To));
+            }
+            if (SyncFor(To) != Sync::None) {
+                guard.unlock();
+                std::string text;
+                int ret = kqhost::ReadSmallFile(From, kMaxConfFile, text);
+                return ret < 0 ? ret : WriteText(To, text.data(), text.size(), SyncFor(To));
+            }
+        }
+    }
     Fd source(open(From, O_RDONLY | O_CLOEXEC));
     if (source.get() < 0)
         return -errno;
@@ -380,6 +437,16 @@ void *KQ_AllocAndGetConf(const char *Path)
 {
     if (Path == nullptr)
         return nullptr;
+    {
+        // What a durable batch keeps is what the file holds for everyone in this process.
+        std::lock_guard<std::mutex> guard(sg_BatchLock);
+        if (const std::string *kept = sg_Batch.open ? BatchText(Path) : nullptr) {
+            char *copy = static_cast<char *>(malloc(kept->size() + 1));
+            if (copy != nullptr)
+                memcpy(copy, kept->c_str(), kept->size() + 1);
+            return copy;
+        }
+    }
     Fd fd(open(Path, O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0)
         return nullptr;
@@ -421,6 +488,47 @@ void *KQ_AllocAndGetConf(const char *Path)
     }
     buf[len] = '\0';
     return buf;
+}
+
+KQ_ERR_T KQ_HostDurableBatchBegin(void)
+{
+    std::lock_guard<std::mutex> guard(sg_BatchLock);
+    if (sg_Batch.open)
+        return -EBUSY;
+    sg_Batch.open = true;
+    return 0;
+}
+
+KQ_ERR_T KQ_HostDurableBatchEnd(void)
+{
+    DurableBatch batch;
+    {
+        std::lock_guard<std::mutex> guard(sg_BatchLock);
+        if (!sg_Batch.open)
+            return -EINVAL;
+        batch = std::move(sg_Batch);
+        sg_Batch = DurableBatch{};
+    }
+    // In first-write order: the backup before dhcp.conf, as each change writes them.
+    int result = 0;
+    try {
+        for (const auto &[path, text] : batch.texts) {
+            int ret = ReplaceFile(path.c_str(), Sync::Text,
+                                  [&](int fd) { return WriteAll(fd, text.data(), text.size()); });
+            if (ret == 0)
+                batch.folders.insert(FolderOf(path));
+            else if (result == 0)
+                result = ret;
+        }
+        for (const std::string &folder : batch.folders) {
+            int ret = SyncFolder(folder);
+            if (ret < 0 && result == 0)
+                result = ret;
+        }
+    } catch (const std::bad_alloc &) {
+        result = -ENOMEM;
+    }
+    return result;
 }
 
 void KQ_FreeConf(void *Conf)

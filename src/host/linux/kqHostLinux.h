@@ -156,6 +156,18 @@ typedef void (*KQ_HOST_DRY_RUN_SINK)(void *Context, const char *Op, const char *
                                      size_t Len);
 void KQ_HostDryRun(KQ_HOST_DRY_RUN_SINK Sink, void *Context);
 
+/* A durable batch: one command's durable writes made durable together. Between Begin and
+ * End, KQ_WriteSyncWithFilePath and KQ_FileCopy keep the texts of dhcp.conf and its backup
+ * in memory (KQ_FileCopy and KQ_AllocAndGetConf read them from there) and the files on disk
+ * stay as they were; other durable writes (KQ_HostWriteFile with Durable) sync their text
+ * before the rename but leave the folder sync. End writes each kept text once, synced
+ * before its rename, in the order first written, then syncs every folder concerned once;
+ * it returns 0 when all of it is on disk, else the first failure (the files it could not
+ * write keep their old text, whole). Begin: -EBUSY when a batch is open; End: -EINVAL when
+ * none is. Without a batch every durable write is synced when it returns. */
+KQ_ERR_T KQ_HostDurableBatchBegin(void);
+KQ_ERR_T KQ_HostDurableBatchEnd(void);
+
 /* The lowest level written (1..4), and a way to change it until the next reload (values
  * outside 1..4 are ignored). */
 uint32_t KQ_HostLogLevel(void);

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include <json-c/json.h>
@@ -51,6 +52,7 @@ struct Settings {
     std::string controlSocket = kDefaultControlSocket;
     int64_t controlMemory = kDefaultControlMemory;
     std::vector<LanEntry> lans;
+    std::unordered_map<std::string, uint32_t> lanVpnIds;  // "lans" by name: a lookup per start
     std::map<uint32_t, std::string> netns;
     uint32_t logLevel = kDefaultLogLevel;
     bool toSyslog = false;
@@ -146,10 +148,7 @@ void ReadLans(const std::string &src, json_object *value, Settings &s)
             continue;
         }
         std::string name = json_object_get_string(ifName);
-        bool duplicate = false;
-        for (const LanEntry &lan : s.lans)
-            duplicate = duplicate || lan.ifName == name;
-        if (duplicate) {
+        if (!s.lanVpnIds.emplace(name, static_cast<uint32_t>(*id)).second) {
             Complain(src, "\"lans\"[%zu]: interface %s is listed twice; dropped", i, name.c_str());
             continue;
         }
@@ -367,11 +366,14 @@ bool LogToSyslog()
 
 std::optional<uint32_t> LanVpnId(const char *ifName)
 {
+    if (ifName == nullptr)
+        return std::nullopt;
     std::lock_guard<std::mutex> lock(sg_Lock);
-    for (const LanEntry &lan : Locked().lans)
-        if (lan.ifName == ifName)
-            return lan.vpnId;
-    return std::nullopt;
+    const Settings &s = Locked();
+    auto it = s.lanVpnIds.find(ifName);
+    if (it == s.lanVpnIds.end())
+        return std::nullopt;
+    return it->second;
 }
 
 std::string NetnsName(uint32_t vpnId)

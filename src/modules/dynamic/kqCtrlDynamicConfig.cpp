@@ -43,7 +43,7 @@ static_assert(KQ_IPV6_DHCP == 1 && KQ_IPV6_SLAAC == 2 && KQ_IPV6_BOTH == 3);
 constexpr size_t kDhcpConfMaxLen = 16u << 20;
 constexpr size_t kDhcpConfItemMaxLen = 32u << 10;
 
-static KQ_ERR_T _KQCtrl_BuildDynamicConfDoc(json_object *Root);
+static KQ_ERR_T _KQCtrl_RenderDynamicConf(printbuf *Out);
 
 // The last document this module rendered: its length and how many registry items it was
 // rendered from. Every item added since can take at most kDhcpConfItemMaxLen more.
@@ -74,12 +74,11 @@ static KQ_ERR_T _KQCtrl_CheckDynamicConfRoom(void)
     const size_t grown = items > s_LastDhcpConf.Items ? items - s_LastDhcpConf.Items : 1;
     if (s_LastDhcpConf.Known && s_LastDhcpConf.Len + grown * kDhcpConfItemMaxLen <= kDhcpConfMaxLen)
         return 0;
-    kq::JsonDoc root(json_object_new_object());
-    if (!root || _KQCtrl_BuildDynamicConfDoc(root.get()) < 0)
+    kq::PrintBuf doc;
+    if (!doc || _KQCtrl_RenderDynamicConf(doc.get()) < 0)
         return 0;  // the rewrite itself will fail and say why
-    const char *text = json_object_to_json_string(root.get());
-    const size_t len = text != nullptr ? strlen(text) : 0;
-    s_LastDhcpConf = {text != nullptr, len, items - 1};
+    const size_t len = static_cast<size_t>(doc.get()->bpos);
+    s_LastDhcpConf = {true, len, items - 1};
     if (len + kDhcpConfItemMaxLen <= kDhcpConfMaxLen)
         return 0;
     KQ_LOG(kq::log::Error,
@@ -139,76 +138,162 @@ KQ_ERR_T KQCtrl_ConfigDynamicDel(const DhcpItemV2 *DhcpPb)
 
 // ---- dhcp.conf ----------------------------------------------------------------------
 
-// The whole document, from the registry, into Root.
-static KQ_ERR_T _KQCtrl_BuildDynamicConfDoc(json_object *Root)
+// One record's item of the document into Item.
+static KQ_ERR_T _KQCtrl_BuildDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf, json_object *Item)
 {
-    json_object *dhcps = json_object_new_array();
-    if (!kq::json::AddMember(Root, "dhcps", dhcps)) {
+    if (!kq::json::AddMember(Item, "ifname", json_object_new_string(Conf->IfName))) {
+        KQ_LOG(kq::log::Error, "Can't new ifname\n");
+        return -ENOMEM;
+    }
+    // The service-level zone, which the add paths leave 0: the halves' own zones are
+    // deliberately not persisted, so a restored configuration runs in zone 0.
+    if (!kq::json::AddMember(Item, "vpnId", json_object_new_int(static_cast<int32_t>(Conf->SecurityZoneId)))) {
+        KQ_LOG(kq::log::Error, "Can't new securityZoneId\n");
+        return -ENOMEM;
+    }
+    if (Conf->DynamicServerConf.NetAddrType != 0) {
+        KQ_ERR_T ret = KQCtrl_ConfToJsonDynamicServer(&Conf->DynamicServerConf, Item);
+        if (ret < 0) {
+            KQ_LOG(kq::log::Error, "Dynamic conf to json failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+            return ret;
+        }
+    }
+    if (Conf->DynamicRelayConf.NetAddrType != 0) {
+        KQ_ERR_T ret = KQCtrl_ConfToJsonDynamicRelay(&Conf->DynamicRelayConf, Item);
+        if (ret < 0) {
+            KQ_LOG(kq::log::Error, "Dynamic conf to json failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+            return ret;
+        }
+    }
+    return 0;
+}
+
+// A change touches one interface, yet dhcp.conf is always the whole document. So each
+// item's printed text is kept, keyed by interface, behind a copy of the record it was
+// printed from, and printed again only when the registry's record differs from that copy
+// (whoever changed it). An item whose printing logged a line (a list cut to its array, an
+// address too long) is not kept: its line comes again with every rewrite. The texts of
+// interfaces gone from the registry are dropped at the next rendering.
+static kq::JsonDoc s_ItemTexts;
+
+static bool _KQCtrl_AppendText(printbuf *Out, const char *Text, size_t Len)
+{
+    // The document cannot outgrow what an int counts: the rewrite refuses it long before.
+    return Len <= kDhcpConfMaxLen && static_cast<size_t>(Out->bpos) <= kDhcpConfMaxLen &&
+           printbuf_memappend(Out, Text, static_cast<int>(Len)) >= 0;
+}
+
+// Texts[IfName] = Text (the key is copied); Text is released when it cannot be kept.
+static bool _KQCtrl_KeepItemText(json_object *Texts, const char *IfName, json_object *Text)
+{
+    if (Text == nullptr)
+        return false;
+    if (json_object_object_add(Texts, IfName, Text) != 0) {
+        json_object_put(Text);
+        return false;
+    }
+    return true;
+}
+
+// Appends the item text of Conf to Out, from s_ItemTexts when its record is unchanged,
+// else printed now; keeps it in Texts.
+static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf, json_object *Texts,
+                                              printbuf *Out)
+{
+    constexpr size_t recordLen = sizeof(*Conf);
+    json_object *kept = kq::json::Member(s_ItemTexts.get(), Conf->IfName);
+    if (kept != nullptr && static_cast<size_t>(json_object_get_string_len(kept)) >= recordLen &&
+        memcmp(json_object_get_string(kept), Conf, recordLen) == 0) {
+        if (!_KQCtrl_AppendText(Out, json_object_get_string(kept) + recordLen,
+                                static_cast<size_t>(json_object_get_string_len(kept)) - recordLen) ||
+            !_KQCtrl_KeepItemText(Texts, Conf->IfName, json_object_get(kept))) {
+            KQ_LOG(kq::log::Error, "new object failed.\n");
+            return -ENOMEM;
+        }
+        return 0;
+    }
+
+    kq::JsonDoc item(json_object_new_object());
+    if (!item) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
+    const uint64_t statements = kq::log::Statements();
+    KQ_ERR_T ret = _KQCtrl_BuildDynamicConfItem(Conf, item.get());
+    if (ret < 0)
+        return ret;
+    // Printed as json-c prints an object inside an array of the document.
+    const char *printed = json_object_to_json_string_ext(item.get(), JSON_C_TO_STRING_SPACED);
+    if (printed == nullptr) {
+        KQ_LOG(kq::log::Error, "json object to string failed\n");
+        return -EINVAL;
+    }
+    const size_t printedLen = strlen(printed);
+    if (!_KQCtrl_AppendText(Out, printed, printedLen)) {
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
+    if (kq::log::Statements() != statements)
+        return 0;
+    kq::PrintBuf entry;
+    if (!entry || !_KQCtrl_AppendText(entry.get(), reinterpret_cast<const char *>(Conf), recordLen) ||
+        !_KQCtrl_AppendText(entry.get(), printed, printedLen)) {
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
+    if (!_KQCtrl_KeepItemText(Texts, Conf->IfName, json_object_new_string_len(entry.get()->buf, entry.get()->bpos))) {
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
+    return 0;
+}
 
+// The whole document, as json-c prints it from the registry ({ "dhcps": [ item, ... ] }),
+// into Out; the kept item texts are those of this rendering from then on.
+static KQ_ERR_T _KQCtrl_RenderDynamicConf(printbuf *Out)
+{
+    kq::JsonDoc texts(json_object_new_object());
+    if (!texts || !_KQCtrl_AppendText(Out, "{ \"dhcps\": [", 12)) {
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
+    bool first = true;
     KQ_DYNAMIC_FOR_EACH_CONF(conf) {
         // An interface whose server and relay are both off has nothing to restore.
         if (conf->DynamicServerConf.NetAddrType == 0 && conf->DynamicRelayConf.NetAddrType == 0)
             continue;
-
-        // Every value is attached as soon as it exists, so releasing the root releases all.
-        json_object *item = json_object_new_object();
-        if (!kq::json::AppendElement(dhcps, item)) {
+        if (!_KQCtrl_AppendText(Out, first ? " " : ", ", first ? 1 : 2)) {
             KQ_LOG(kq::log::Error, "new object failed.\n");
             return -ENOMEM;
         }
-        if (!kq::json::AddMember(item, "ifname", json_object_new_string(conf->IfName))) {
-            KQ_LOG(kq::log::Error, "Can't new ifname\n");
-            return -ENOMEM;
-        }
-        // The service-level zone, which the add paths leave 0: the halves' own zones are
-        // deliberately not persisted, so a restored configuration runs in zone 0.
-        if (!kq::json::AddMember(item, "vpnId", json_object_new_int(static_cast<int32_t>(conf->SecurityZoneId)))) {
-            KQ_LOG(kq::log::Error, "Can't new securityZoneId\n");
-            return -ENOMEM;
-        }
-
-        if (conf->DynamicServerConf.NetAddrType != 0) {
-            KQ_ERR_T ret = KQCtrl_ConfToJsonDynamicServer(&conf->DynamicServerConf, item);
-            if (ret < 0) {
-                KQ_LOG(kq::log::Error, "Dynamic conf to json failed(%d:%s)\n", KQ_ERR_ARGS(ret));
-                return ret;
-            }
-        }
-        if (conf->DynamicRelayConf.NetAddrType != 0) {
-            KQ_ERR_T ret = KQCtrl_ConfToJsonDynamicRelay(&conf->DynamicRelayConf, item);
-            if (ret < 0) {
-                KQ_LOG(kq::log::Error, "Dynamic conf to json failed(%d:%s)\n", KQ_ERR_ARGS(ret));
-                return ret;
-            }
-        }
+        KQ_ERR_T ret = _KQCtrl_AppendDynamicConfItem(conf, texts.get(), Out);
+        if (ret < 0)
+            return ret;
+        first = false;
     }
-
+    if (!_KQCtrl_AppendText(Out, " ] }", 4)) {
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
+    s_ItemTexts.swap(texts);
     return 0;
 }
 
 KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
 {
     s_LastDhcpConf.Known = false;  // until this rendering succeeds
-    kq::JsonDoc root(json_object_new_object());
-    if (!root) {
+    kq::PrintBuf doc;
+    if (!doc) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
-    KQ_ERR_T ret = _KQCtrl_BuildDynamicConfDoc(root.get());
+    KQ_ERR_T ret = _KQCtrl_RenderDynamicConf(doc.get());
     if (ret < 0)
         return ret;
-
-    const char *text = json_object_to_json_string(root.get());
-    if (text == nullptr) {
-        KQ_LOG(kq::log::Error, "json object to string failed\n");
-        return -EINVAL;
-    }
+    const char *text = doc.get()->buf;
     // The start-up load would refuse a larger file and restore nothing: the last good
     // document stays. The add path refuses long before this point.
-    const size_t textLen = strlen(text);
+    const size_t textLen = static_cast<size_t>(doc.get()->bpos);
     s_LastDhcpConf = {true, textLen, _KQCtrl_DynamicConfItemCount()};
     if (textLen > kDhcpConfMaxLen) {
         KQ_LOG(kq::log::Error, "dhcp.conf of %zu bytes is past %zu, the most the start-up load reads: not written\n",

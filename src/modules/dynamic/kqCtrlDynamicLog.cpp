@@ -4,8 +4,16 @@
 
 namespace kq::log {
 
+static uint64_t s_Statements = 0;
+
+uint64_t Statements()
+{
+    return s_Statements;
+}
+
 Prefix Begin(uint32_t Level, BOOL Normal, const char *Function)
 {
+    ++s_Statements;
     Prefix p;
     if (!KQ_LogTest(KQ_DYNAMIC_LOG_MODULE, Level, Normal, Function))
         return p;

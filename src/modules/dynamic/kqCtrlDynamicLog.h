@@ -33,6 +33,10 @@ struct Prefix {
 // Asks the host whether a line of this level is wanted and, if so, fills the prefix.
 Prefix Begin(uint32_t Level, BOOL Normal, const char *Function);
 
+// How many log statements this module has reached so far, written or not: work that logged
+// nothing can be skipped next time without a line going missing.
+uint64_t Statements();
+
 // "[pid:tid:name]", "[tid:name]", "[pid:tid]", "[tid]" or "", in a buffer reused by each call.
 const char *KQ_LogGetThreadInfo();
 

@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <json-c/json.h>
+#include <json-c/printbuf.h>
 
 #include "kqCtrlDynamic.h"
 
@@ -141,9 +142,24 @@ public:
     JsonDoc &operator=(const JsonDoc &) = delete;
     json_object *get() const { return Obj; }
     explicit operator bool() const { return Obj != nullptr; }
+    void swap(JsonDoc &Other) { json_object *o = Obj; Obj = Other.Obj; Other.Obj = o; }
 
 private:
     json_object *Obj;
+};
+
+// Releases a json-c print buffer.
+class PrintBuf {
+public:
+    PrintBuf() : Buf(printbuf_new()) {}
+    ~PrintBuf() { if (Buf != nullptr) printbuf_free(Buf); }
+    PrintBuf(const PrintBuf &) = delete;
+    PrintBuf &operator=(const PrintBuf &) = delete;
+    printbuf *get() const { return Buf; }
+    explicit operator bool() const { return Buf != nullptr; }
+
+private:
+    printbuf *Buf;
 };
 
 // Closes a host socket unless the handle is invalid.
