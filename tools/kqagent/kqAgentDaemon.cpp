@@ -23,6 +23,7 @@
 
 #include "kqAgentCommon.h"
 #include "kqAgentControl.h"
+#include "kqAgentJournal.h"
 #include "kqAgentSupervisor.h"
 #include "kqHostLinux.h"
 
@@ -97,7 +98,7 @@ int OnConnectionData(sd_event_source *, int fd, uint32_t, void *data)
         const CommandResult answer = connection->daemon->agent.Execute(command);
         // Whatever the command started, stopped or replaced is watched from now on.
         connection->daemon->supervisor->Sync();
-        std::cerr << "kqagent: " << (command.argv.empty() ? "?" : command.argv[0]) << " from pid " << connection->peer
+        std::cerr << Priority::Info << "kqagent: " << (command.argv.empty() ? "?" : command.argv[0]) << " from pid " << connection->peer
                   << ": exit " << answer.exit << std::endl;
         Answer(connection, answer);
     }
@@ -116,7 +117,7 @@ int OnListen(sd_event_source *, int fd, uint32_t, void *data)
         socklen_t length = sizeof(peer);
         auto *connection = new Connection{daemon, client, 0, "", nullptr};
         if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.uid != 0) {
-            std::cerr << "kqagent: refused a command from uid " << peer.uid << " (pid " << peer.pid << ")" << std::endl;
+            std::cerr << Priority::Warning << "kqagent: refused a command from uid " << peer.uid << " (pid " << peer.pid << ")" << std::endl;
             Answer(connection, CommandResult{kExitFailed, "", "kqagent: the agent takes commands from root only\n"});
             CloseConnection(connection);
             continue;
@@ -139,7 +140,8 @@ int OnChild(sd_event_source *, const signalfd_siginfo *, void *data)
 int OnStop(sd_event_source *source, const signalfd_siginfo *info, void *)
 {
     // Every dnsmasq and dhclient stays: they serve on while the agent is away.
-    std::cerr << "kqagent: " << strsignal(static_cast<int>(info->ssi_signo)) << "; leaving every service running" << std::endl;
+    std::cerr << Priority::Notice << "kqagent: " << strsignal(static_cast<int>(info->ssi_signo)) << "; leaving every service running"
+              << std::endl;
     sd_notify(0, "STOPPING=1");
     return sd_event_exit(sd_event_source_get_event(source), 0);
 }
@@ -152,7 +154,8 @@ int OnReload(sd_event_source *, const signalfd_siginfo *, void *data)
     const int status = daemon->agent.Reload(out, err);
     daemon->supervisor->Sync();
     std::cout << out.str() << std::flush;
-    std::cerr << err.str() << "kqagent: desired state re-read" << (status == kExitOk ? "" : " with problems") << std::endl;
+    std::cerr << err.str() << (status == kExitOk ? Priority::Info : Priority::Warning) << "kqagent: desired state re-read"
+              << (status == kExitOk ? "" : " with problems") << std::endl;
     sd_notify(0, "READY=1");
     return 0;
 }
@@ -210,7 +213,8 @@ int Serve()
         std::ostringstream out, err;
         const int status = daemon.agent.Startup(out, err);
         std::cout << out.str() << std::flush;
-        std::cerr << err.str() << "kqagent: start-up " << (status == kExitOk ? "complete" : "complete with problems (above)")
+        std::cerr << err.str() << (status == kExitOk ? Priority::Info : Priority::Warning) << "kqagent: start-up "
+                  << (status == kExitOk ? "complete" : "complete with problems (above)")
                   << std::endl;
     }
     daemon.supervisor->Sync();
@@ -246,7 +250,7 @@ int Serve()
     if (result >= 0)
         result = sd_event_add_signal(daemon.event, nullptr, SIGCHLD, OnChild, &daemon);
     if (result >= 0) {
-        std::cerr << "kqagent: listening on " << socketPath << std::endl;
+        std::cerr << Priority::Info << "kqagent: listening on " << socketPath << std::endl;
         sd_notifyf(0, "READY=1\nSTATUS=listening on %s\nMAINPID=%ld", socketPath.c_str(), static_cast<long>(getpid()));
         result = sd_event_loop(daemon.event);
     }
