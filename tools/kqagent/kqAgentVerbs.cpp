@@ -20,7 +20,9 @@ const Verb kVerbs[] = {
      "starts it again). Each restart and give-up is one line on its stderr and shows in status.\n"
      "  SIGHUP            re-read the desired state and apply the difference\n"
      "  SIGTERM, SIGINT   end the agent; every dnsmasq and dhclient keeps running\n"
-     "Readiness is reported to systemd (Type=notify); see tools/kqagent/kqagent.service.\n",
+     "Readiness is reported to systemd (Type=notify): systemctl start kqagent (kqagent.service). When its\n"
+     "stderr is the journal, every line carries its syslog priority (journalctl -p err shows the errors).\n"
+     "See kqagent(8) and, for the settings, kqagent.conf(5).\n",
      {}, 0, 0, nullptr, "serve takes no arguments", kVerbLocal, RunServe},
     {"apply", "apply FILE [--dry-run]",
      "check a request file, then add/delete each interface's DHCP setup in order",
@@ -34,7 +36,8 @@ const Verb kVerbs[] = {
      "  --dry-run   print the plan (see 'kqagent help plan') and stop; nothing is touched\n"
      "  --strict    treat warnings (settings a restart would lose) as errors\n"
      "\n"
-     "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see the kqagent section of README.md.\n",
+     "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see REQUEST FILES\n"
+     "in kqagent(8).\n",
      {{"--dry-run", false}, {"--strict", false}}, 1, 1, "apply needs a request file", "apply takes one request file",
      kVerbReadsFile | kVerbChanges, RunApply},
     {"check", "check FILE [--strict]",
@@ -103,8 +106,14 @@ const Verb kVerbs[] = {
      "leases; then the shared relay and the policy rule table of the agent (or of this process).\n"
      "  --json   print the same as one JSON document\n",
      {{"--json", false}}, 0, kAnyCount, nullptr, nullptr, 0, RunStatus},
-    {"help", "help [COMMAND]", "this text, or a command's own", nullptr, {}, 0, kAnyCount, nullptr, nullptr, kVerbLocal,
-     RunHelp},
+    {"help", "help [COMMAND]", "this text, or a command's own",
+     "usage: kqagent help [COMMAND]\n"
+     "\n"
+     "Without COMMAND: the commands, the options and the exit status. With COMMAND: what it does, its\n"
+     "options and arguments (the same as kqagent COMMAND --help). The manual pages say the rest:\n"
+     "kqagent(8) for the commands, request files, desired state, control socket, signals and files;\n"
+     "kqagent.conf(5) for the settings file.\n",
+     {}, 0, kAnyCount, nullptr, nullptr, kVerbLocal, RunHelp},
 };
 
 const char *kUsageHead =
@@ -127,7 +136,9 @@ const char *kUsageTail =
     "runs in this process under the agent's lock, with the registry rebuilt from the desired state.\n"
     "\n"
     "exit status: 0 done, 1 refused by the module or the system, or a service not running,\n"
-    "             2 bad command line or request file\n";
+    "             2 bad command line or request file\n"
+    "\n"
+    "See kqagent(8), and kqagent.conf(5) for the settings file.\n";
 
 // The usage's command list: summaries start in this column, under a synopsis too long for it.
 constexpr size_t kSummaryColumn = 26;
