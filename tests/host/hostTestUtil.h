@@ -34,7 +34,12 @@ struct TempDir {
         if (mkdtemp(path.data()) == nullptr)
             path.clear();
     }
-    ~TempDir() { system(("rm -rf '" + path + "'").c_str()); }
+    ~TempDir()
+    {
+        std::error_code ignored;  // what cannot be removed goes with the test's scratch overlay
+        if (!path.empty())
+            std::filesystem::remove_all(path, ignored);
+    }
 };
 
 inline std::string Slurp(const std::string &Path)

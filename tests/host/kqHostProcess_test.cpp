@@ -129,7 +129,8 @@ TEST(HostProcess, ZoneCommandRunsInTheZoneAndChildrenInheritNothingOfOurs)
               "kqagent: <WARN:host> KQ_RTCSystem: kq-no-such-program: program not found\n");
     EXPECT_EQ(hosttest::OpenDescriptors(), descriptors);
     close(leaked);
-    system("ip netns del kqpz; rm -rf /etc/netns/kqpz");
+    // Clean-up: what is already gone is fine.
+    [[maybe_unused]] const int cleanup = system("ip netns del kqpz; rm -rf /etc/netns/kqpz");
 }
 
 // Only a dnsmasq or dhclient with a pid file is signalled: SIGTERM, then SIGKILL after a
@@ -139,8 +140,9 @@ TEST(HostProcess, KillAndPidCheckTouchOnlyTheRightDaemon)
 {
     Daemons d;
     auto notOurChild = [&] {
-        system(("setsid " + d.dir.path + "/dnsmasq -c 'sleep 30; :' sh -x /run/x.pid >/dev/null 2>&1 & echo $! > " +
-                d.dir.path + "/pid").c_str());
+        EXPECT_EQ(system(("setsid " + d.dir.path + "/dnsmasq -c 'sleep 30; :' sh -x /run/x.pid >/dev/null 2>&1 & echo $! > " +
+                          d.dir.path + "/pid").c_str()),
+                  0);
         usleep(100 * 1000);
         d.started.push_back(atoi(Slurp(d.dir.path + "/pid").c_str()));
         return d.started.back();

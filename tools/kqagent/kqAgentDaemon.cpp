@@ -25,6 +25,7 @@
 
 #include "kqAgentCommon.h"
 #include "kqAgentControl.h"
+#include "kqAgentJournal.h"
 #include "kqAgentSupervisor.h"
 #include "kqAgentVerbs.h"
 #include "kqHostLinux.h"
@@ -88,7 +89,7 @@ void AnswerAndClose(Connection *connection, const CommandResult &answer)
 {
     const std::string text = EncodeAnswer(answer);
     if (send(connection->fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 && errno != EPIPE)
-        std::cerr << "kqagent: answering pid " << connection->peer << " failed: " << strerror(errno) << std::endl;
+        std::cerr << Priority::Warning << "kqagent: answering pid " << connection->peer << " failed: " << strerror(errno) << std::endl;
     CloseConnection(connection);
 }
 
@@ -104,7 +105,7 @@ bool WriteAnswer(Connection *connection)
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
             return true;
         if (n < 0) {
-            std::cerr << "kqagent: answering pid " << connection->peer << " failed: " << strerror(errno) << std::endl;
+            std::cerr << Priority::Warning << "kqagent: answering pid " << connection->peer << " failed: " << strerror(errno) << std::endl;
             CloseConnection(connection);
             return false;
         }
@@ -138,7 +139,7 @@ void RunRequest(Connection *connection, const std::string &line)
     Daemon *daemon = connection->daemon;
     Command command;
     if (const std::string problem = DecodeCommand(line, command); !problem.empty()) {
-        std::cerr << "kqagent: refused a request from pid " << connection->peer << ": " << EscapeForLog(problem) << std::endl;
+        std::cerr << Priority::Warning << "kqagent: refused a request from pid " << connection->peer << ": " << EscapeForLog(problem) << std::endl;
         StartAnswer(connection, EncodeAnswer(CommandResult{kExitUsage, "", "kqagent: not a kqagent request: " + problem + "\n"}));
         return;
     }
@@ -148,13 +149,13 @@ void RunRequest(Connection *connection, const std::string &line)
     // A command's name as the log shows it: a name no verb has is the client's own text.
     constexpr size_t kLoggedName = 64;
     connection->command = EscapeForLog(command.argv[0].substr(0, kLoggedName)) + (command.argv[0].size() > kLoggedName ? "..." : "");
-    std::cerr << "kqagent: " << connection->command << " from pid " << connection->peer << ": exit " << result.exit << std::endl;
+    std::cerr << Priority::Info << "kqagent: " << connection->command << " from pid " << connection->peer << ": exit " << result.exit << std::endl;
     std::string answer = EncodeAnswer(result);
     // An answer to a command that changed nothing can be asked for again; one that tells
     // what was changed is kept even past the ceiling, and new requests wait until it is read.
     const Verb *verb = FindVerb(command.argv[0]);
     if (daemon->held - connection->held + answer.size() > daemon->ceiling && (verb == nullptr || !verb->Is(kVerbChanges))) {
-        std::cerr << "kqagent: " << connection->command << " from pid " << connection->peer << ": answer of " << answer.size()
+        std::cerr << Priority::Warning << "kqagent: " << connection->command << " from pid " << connection->peer << ": answer of " << answer.size()
                   << " bytes dropped: the connections would hold more than " << daemon->ceiling
                   << " bytes (\"controlMemory\")" << std::endl;
         answer = EncodeAnswer(CommandResult{
@@ -179,14 +180,14 @@ bool ReadRequest(Connection *connection)
             return true;
         if (n <= 0) {
             // The client has written all it will, without ending its line.
-            std::cerr << "kqagent: refused a request from pid " << connection->peer << ": it ends without a newline" << std::endl;
+            std::cerr << Priority::Warning << "kqagent: refused a request from pid " << connection->peer << ": it ends without a newline" << std::endl;
             StartAnswer(connection, EncodeAnswer(CommandResult{kExitUsage, "", "kqagent: not a kqagent request: no newline\n"}));
             return false;
         }
         std::string &line = connection->line;
         const size_t needed = line.size() + static_cast<size_t>(n);
         if (needed > kMaxLine) {
-            std::cerr << "kqagent: refused a request from pid " << connection->peer << ": longer than " << kMaxLine << " bytes"
+            std::cerr << Priority::Warning << "kqagent: refused a request from pid " << connection->peer << ": longer than " << kMaxLine << " bytes"
                       << std::endl;
             AnswerAndClose(connection, CommandResult{kExitUsage, "", "kqagent: request too large (over " +
                                                                          std::to_string(kMaxLine) + " bytes)\n"});
@@ -198,7 +199,7 @@ bool ReadRequest(Connection *connection)
             const size_t others = daemon->held - connection->held;
             const size_t room = daemon->ceiling > others ? daemon->ceiling - others : 0;
             if (needed > room) {
-                std::cerr << "kqagent: refused a request from pid " << connection->peer << ": the connections would hold more than "
+                std::cerr << Priority::Warning << "kqagent: refused a request from pid " << connection->peer << ": the connections would hold more than "
                           << daemon->ceiling << " bytes (\"controlMemory\")" << std::endl;
                 AnswerAndClose(connection,
                                CommandResult{kExitFailed, "",
@@ -257,10 +258,10 @@ int OnConnectionTimeout(sd_event_source *, uint64_t, void *data)
         return 0;
     }
     if (connection->answer.empty())
-        std::cerr << "kqagent: dropped the connection of pid " << connection->peer << ": no whole request in "
+        std::cerr << Priority::Warning << "kqagent: dropped the connection of pid " << connection->peer << ": no whole request in "
                   << kConnectionTimeoutSeconds << " s (" << connection->line.size() << " bytes)" << std::endl;
     else
-        std::cerr << "kqagent: dropped the connection of pid " << connection->peer << ": its answer to "
+        std::cerr << Priority::Warning << "kqagent: dropped the connection of pid " << connection->peer << ": its answer to "
                   << connection->command << " was not read in " << kConnectionTimeoutSeconds << " s (" << connection->sent
                   << " of " << connection->answer.size() << " bytes taken)" << std::endl;
     CloseConnection(connection);
@@ -279,7 +280,7 @@ int OnListen(sd_event_source *, int fd, uint32_t, void *data)
         auto *connection = new Connection{daemon, client, 0};
         daemon->connections.insert(connection);
         if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.uid != 0) {
-            std::cerr << "kqagent: refused a command from uid " << peer.uid << " (pid " << peer.pid << ")" << std::endl;
+            std::cerr << Priority::Warning << "kqagent: refused a command from uid " << peer.uid << " (pid " << peer.pid << ")" << std::endl;
             AnswerAndClose(connection, CommandResult{kExitFailed, "", "kqagent: the agent takes commands from root only\n"});
             continue;
         }
@@ -303,7 +304,8 @@ int OnChild(sd_event_source *, const signalfd_siginfo *, void *data)
 int OnStop(sd_event_source *source, const signalfd_siginfo *info, void *)
 {
     // Every dnsmasq and dhclient stays: they serve on while the agent is away.
-    std::cerr << "kqagent: " << strsignal(static_cast<int>(info->ssi_signo)) << "; leaving every service running" << std::endl;
+    std::cerr << Priority::Notice << "kqagent: " << strsignal(static_cast<int>(info->ssi_signo)) << "; leaving every service running"
+              << std::endl;
     sd_notify(0, "STOPPING=1");
     return sd_event_exit(sd_event_source_get_event(source), 0);
 }
@@ -316,7 +318,8 @@ int OnReload(sd_event_source *, const signalfd_siginfo *, void *data)
     const int status = daemon->agent.Reload(out, err);
     daemon->supervisor->Sync();
     std::cout << out.str() << std::flush;
-    std::cerr << err.str() << "kqagent: desired state re-read" << (status == kExitOk ? "" : " with problems") << std::endl;
+    std::cerr << err.str() << (status == kExitOk ? Priority::Info : Priority::Warning) << "kqagent: desired state re-read"
+              << (status == kExitOk ? "" : " with problems") << std::endl;
     sd_notify(0, "READY=1");
     return 0;
 }
@@ -375,7 +378,8 @@ int Serve()
         std::ostringstream out, err;
         const int status = daemon.agent.Startup(out, err);
         std::cout << out.str() << std::flush;
-        std::cerr << err.str() << "kqagent: start-up " << (status == kExitOk ? "complete" : "complete with problems (above)")
+        std::cerr << err.str() << (status == kExitOk ? Priority::Info : Priority::Warning) << "kqagent: start-up "
+                  << (status == kExitOk ? "complete" : "complete with problems (above)")
                   << std::endl;
     }
     daemon.supervisor->Sync();
@@ -411,7 +415,7 @@ int Serve()
     if (result >= 0)
         result = sd_event_add_signal(daemon.event, nullptr, SIGCHLD, OnChild, &daemon);
     if (result >= 0) {
-        std::cerr << "kqagent: listening on " << socketPath << std::endl;
+        std::cerr << Priority::Info << "kqagent: listening on " << socketPath << std::endl;
         sd_notifyf(0, "READY=1\nSTATUS=listening on %s\nMAINPID=%ld", socketPath.c_str(), static_cast<long>(getpid()));
         result = sd_event_loop(daemon.event);
     }

@@ -16,6 +16,7 @@
 #include "kqAgentCommands.h"
 #include "kqAgentCommon.h"
 #include "kqAgentControl.h"
+#include "kqAgentJournal.h"
 #include "kqAgentVerbs.h"
 #include "kqHostLinux.h"
 
@@ -98,6 +99,7 @@ int RunServe(const VerbCall &) { return Serve(); }
 
 int main(int argc, char **argv)
 {
+    UseJournalPriorities(KQ_HostIsJournalStream(STDERR_FILENO) != 0, KQ_HostIsJournalStream(STDOUT_FILENO) != 0);
     std::vector<std::string> args(argv + 1, argv + argc);
     Options options;
     size_t next = 0;

@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "kqAgentCommon.h"
+#include "kqAgentJournal.h"
 #include "kqAgentProcess.h"
 
 #ifndef P_PIDFD
@@ -246,7 +247,7 @@ void Supervisor::Restart(Watch &watch)
     const Process process = ProcessOf(service.PidFile(), service.Program());
     if (result >= 0 && !process.running) {
         // Started, but not (yet) running under its pid file: look again before counting it.
-        std::cerr << "kqagent: " << who << ": " << facts.lastExit << "; restarted (restart " << facts.restarts
+        std::cerr << Priority::Warning << "kqagent: " << who << ": " << facts.lastExit << "; restarted (restart " << facts.restarts
                   << "), waiting for its pid file" << std::endl;
         watch.probing = true;
         const uint64_t delay = static_cast<uint64_t>(std::chrono::microseconds(policy_.lateStart).count());
@@ -256,7 +257,7 @@ void Supervisor::Restart(Watch &watch)
         watch.probing = false;
     }
     if (result >= 0 && process.running) {
-        std::cerr << "kqagent: " << who << ": " << facts.lastExit << "; restarted, pid " << process.pid << " (restart "
+        std::cerr << Priority::Warning << "kqagent: " << who << ": " << facts.lastExit << "; restarted, pid " << process.pid << " (restart "
                   << facts.restarts << ")" << std::endl;
         watch.diedPid = 0;
         const unsigned row = watch.deathsInRow;

@@ -20,7 +20,9 @@ const Verb kVerbs[] = {
      "starts it again). Each restart and give-up is one line on its stderr and shows in status.\n"
      "  SIGHUP            re-read the desired state and apply the difference\n"
      "  SIGTERM, SIGINT   end the agent; every dnsmasq and dhclient keeps running\n"
-     "Readiness is reported to systemd (Type=notify); see tools/kqagent/kqagent.service.\n",
+     "Readiness is reported to systemd (Type=notify): systemctl start kqagent (kqagent.service). When its\n"
+     "stderr is the journal, every line carries its syslog priority (journalctl -p err shows the errors).\n"
+     "See kqagent(8) and, for the settings, kqagent.conf(5).\n",
      {}, 0, 0, nullptr, "serve takes no arguments", kVerbLocal, RunServe},
     {"apply", "apply FILE [--dry-run] [--replace]",
      "check a request file, then add/delete each interface's DHCP setup in order",
@@ -40,7 +42,8 @@ const Verb kVerbs[] = {
      "              the agent then refuses any other apply, which would record only some interfaces\n"
      "  --strict    with --dry-run, treat the plan's warnings as errors\n"
      "\n"
-     "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see the kqagent section of README.md.\n",
+     "File format: {\"requests\":[{\"op\":\"add\"|\"delete\",\"item\":{DhcpItemV2 fields}}, ...]}; see REQUEST FILES\n"
+     "in kqagent(8).\n",
      {{"--dry-run", false}, {"--replace", false}, {"--strict", false}}, 1, 1, "apply needs a request file",
      "apply takes one request file", kVerbReadsFile | kVerbChanges, RunApply},
     {"check", "check FILE [--strict]",
@@ -123,8 +126,14 @@ const Verb kVerbs[] = {
      "exit status: 0 everything shown runs as desired; 3 something drifts (or the desired state cannot\n"
      "             be read); 1 the agent cannot be asked or the command fails; 2 bad command line\n",
      {{"--json", false}}, 0, kAnyCount, nullptr, nullptr, 0, RunStatus},
-    {"help", "help [COMMAND]", "this text, or a command's own", nullptr, {}, 0, kAnyCount, nullptr, nullptr, kVerbLocal,
-     RunHelp},
+    {"help", "help [COMMAND]", "this text, or a command's own",
+     "usage: kqagent help [COMMAND]\n"
+     "\n"
+     "Without COMMAND: the commands, the options and the exit status. With COMMAND: what it does, its\n"
+     "options and arguments (the same as kqagent COMMAND --help). The manual pages say the rest:\n"
+     "kqagent(8) for the commands, request files, desired state, control socket, signals and files;\n"
+     "kqagent.conf(5) for the settings file.\n",
+     {}, 0, kAnyCount, nullptr, nullptr, kVerbLocal, RunHelp},
 };
 
 const char *kUsageHead =
@@ -147,7 +156,9 @@ const char *kUsageTail =
     "runs in this process under the agent's lock, with the registry rebuilt from the desired state.\n"
     "\n"
     "exit status: 0 done, 1 refused by the module or the system, or a service not running,\n"
-    "             2 bad command line or request file, 3 status: something does not run as desired\n";
+    "             2 bad command line or request file, 3 status: something does not run as desired\n"
+    "\n"
+    "See kqagent(8), and kqagent.conf(5) for the settings file.\n";
 
 // The usage's command list: summaries start in this column, under a synopsis too long for it.
 constexpr size_t kSummaryColumn = 26;

@@ -14,6 +14,9 @@ namespace kqhost {
 // ---- Settings (kqHostSettings.cpp) ----
 uint32_t LogLevel();
 bool LogToSyslog();
+// "<N>" for syslog priority N when stderr is the journal (its lines then carry their
+// priority, as sd-daemon.h's SD_ERR and friends), "" otherwise.
+std::string JournalPrefix(int priority);
 // VPN id of a LAN listed in the settings.
 std::optional<uint32_t> LanVpnId(const char *ifName);
 // Namespace name for a non-zero VPN id.

@@ -18,7 +18,8 @@
  *   dump (Normal 0) repeats an error line's text, so it is written only at "logLevel" 1.
  *   Level texts: 1 "DEBUG:", 2 "INFO:", 3 "WARN:", 4 "ERROR:", others "". Module 62 is
  *   "dynamic", any other "unknown"; the tag is "kqagent". On stderr a line reads
- *   "kqagent: <text>"; with "logTo" "syslog" it goes to syslog (ident "kqagent", priority
+ *   "kqagent: <text>" (with "<N>" in front when stderr is the journal, below); with "logTo"
+ *   "syslog" it goes to syslog (ident "kqagent", priority
  *   debug/info/warning/err for levels 1..4). The flex-log text is per thread.
  *
  * Files: KQ_WriteSyncWithFilePath, KQ_FileCopy and KQ_HostWriteFile create missing parent
@@ -167,6 +168,12 @@ void KQ_HostDryRun(KQ_HOST_DRY_RUN_SINK Sink, void *Context);
  * none is. Without a batch every durable write is synced when it returns. */
 KQ_ERR_T KQ_HostDurableBatchBegin(void);
 KQ_ERR_T KQ_HostDurableBatchEnd(void);
+
+/* 1 when descriptor Fd is the journal stream that systemd named in JOURNAL_STREAM, else 0.
+ * On such a stderr every line of this host carries its syslog priority ("<3>" for an error,
+ * as sd-daemon.h's SD_ERR): level 4 <3>, 3 <4>, 2 <6>, 1 <7>, the "kqhost:" settings lines
+ * <4>; so `journalctl -p err` shows exactly the error lines. */
+int KQ_HostIsJournalStream(int Fd);
 
 /* The lowest level written (1..4), and a way to change it until the next reload (values
  * outside 1..4 are ignored). */

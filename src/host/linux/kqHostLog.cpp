@@ -4,8 +4,10 @@
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -65,7 +67,7 @@ try {
         return;
     }
     // One write per line, so lines of several threads never interleave.
-    std::string line = std::string(tag != nullptr ? tag : kTag) + ": " + text;
+    std::string line = kqhost::JournalPrefix(SyslogPriority(level)) + (tag != nullptr ? tag : kTag) + ": " + text;
     if (line.empty() || line.back() != '\n')
         line += '\n';
     const char *p = line.data();
@@ -118,6 +120,11 @@ char sg_UnknownName[] = "unknown";
 
 namespace kqhost {
 
+std::string JournalPrefix(int priority)
+{
+    return KQ_HostIsJournalStream(STDERR_FILENO) ? "<" + std::to_string(priority) + ">" : std::string();
+}
+
 void Log(uint32_t level, const char *format, ...)
 {
     if (level < LogLevel())
@@ -137,6 +144,19 @@ void Log(uint32_t level, const char *format, ...)
 }  // namespace kqhost
 
 extern "C" {
+
+int KQ_HostIsJournalStream(int Fd)
+{
+    // systemd names the stream it connected in JOURNAL_STREAM as "<device>:<inode>"; a
+    // descriptor that was redirected since is another file.
+    const char *stream = getenv("JOURNAL_STREAM");
+    unsigned long long device = 0, inode = 0;
+    char end = 0;
+    struct stat st;
+    if (stream == nullptr || sscanf(stream, "%llu:%llu%c", &device, &inode, &end) != 2 || fstat(Fd, &st) != 0)
+        return 0;
+    return st.st_dev == static_cast<dev_t>(device) && st.st_ino == static_cast<ino_t>(inode) ? 1 : 0;
+}
 
 BOOL KQ_LogTest(unsigned int Module, unsigned int Level, BOOL Normal, const char *Function)
 {

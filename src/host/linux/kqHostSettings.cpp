@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <syslog.h>
 
 #include <atomic>
 #include <map>
@@ -82,7 +83,7 @@ void Complain(const std::string &source, const char *format, ...)
     va_start(args, format);
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
-    fprintf(stderr, "kqhost: %s: %s\n", source.c_str(), text);
+    fprintf(stderr, "%skqhost: %s: %s\n", kqhost::JournalPrefix(LOG_WARNING).c_str(), source.c_str(), text);
 }
 
 bool ReadPath(const std::string &src, const char *key, json_object *value, std::string &out)
@@ -257,7 +258,8 @@ Settings Load()
     try {
         return LoadFile();
     } catch (const std::bad_alloc &) {
-        fprintf(stderr, "kqhost: out of memory while reading the settings; using the defaults\n");
+        fprintf(stderr, "%skqhost: out of memory while reading the settings; using the defaults\n",
+                kqhost::JournalPrefix(LOG_WARNING).c_str());
         return Settings();
     }
 }
