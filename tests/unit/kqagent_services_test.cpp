@@ -105,6 +105,29 @@ protected:
     }
 };
 
+// Each save prints again only the interfaces whose record changed: what is read back is
+// still exactly the last records saved, through changes, removals and additions.
+TEST_F(AgentDesired, ServiceRecordsReadBackAsLastSaved)
+{
+    ServiceStore store(path);
+    store.interfaces = {{"lan1", {"w1", "r1", ProcessRecord{11, 1, "c1"}}},
+                        {"lan2", {"w2", "r2", std::nullopt}},
+                        {"lan3", {"w3", "r3", ProcessRecord{13, 3, "c3"}}}};
+    ASSERT_EQ(store.Save(), 0);
+    store.interfaces["lan2"].server = ProcessRecord{12, 2, "c2"};
+    store.interfaces["lan1"].registry = "r1b";
+    store.interfaces.erase("lan3");
+    store.interfaces["lan0"] = {"w0", "r0", std::nullopt};
+    ASSERT_EQ(store.Save(), 0);
+    ServiceStore again(path);
+    ASSERT_TRUE(again.Load());
+    EXPECT_EQ(again.interfaces, store.interfaces);
+    store.interfaces["lan3"] = {"w3", "r3", ProcessRecord{13, 3, "c3"}};
+    ASSERT_EQ(store.Save(), 0);
+    ASSERT_TRUE(again.Load());
+    EXPECT_EQ(again.interfaces, store.interfaces);
+}
+
 TEST_F(AgentDesired, ClientsAreKeptBesideTheInterfacesAndBadEntriesAreNamed)
 {
     fakehost::WriteFile(path, R"({"interfaces":[],"clients":[{"ifname":"wan0","family":"ipv4","zone":0},

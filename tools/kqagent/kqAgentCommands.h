@@ -68,8 +68,9 @@ public:
 
     const DesiredState &Desired() const { return desired_; }
 
-    // Every service the registry and the desired clients call for.
-    std::vector<Service> Wanted() const;
+    // Every service the registry and the desired clients call for; with `only`, those of
+    // these interfaces, and the shared relay.
+    std::vector<Service> Wanted(const std::set<std::string> *only = nullptr) const;
     // Starts (or restarts) one service through the module's own operation.
     int StartService(const Service &service);
     // Records what runs now, so that the next start can keep it; call after every change.

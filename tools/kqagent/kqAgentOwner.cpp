@@ -135,20 +135,37 @@ std::string Service::Name() const
     return "";
 }
 
-std::vector<Service> Agent::Wanted() const
+std::vector<Service> Agent::Wanted(const std::set<std::string> *only) const
 {
     std::vector<Service> wanted;
-    KQ_DYNAMIC_FOR_EACH_CONF(conf)
-    {
-        if (ServesSomething(*conf))
-            wanted.push_back(Service{ServiceKind::Server, conf->IfName});
+    auto server = [&](const KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
+        if (ServesSomething(conf))
+            wanted.push_back(Service{ServiceKind::Server, conf.IfName});
+    };
+    auto client = [&](const DesiredClient &client) {
+        // A SLAAC client runs no dhclient: the module only installs the policy rule.
+        if (!(client.ipv6 && client.type == "slaac"))
+            wanted.push_back(Service{client.ipv6 ? ServiceKind::Client6 : ServiceKind::Client4, client.ifname});
+    };
+    if (only == nullptr) {
+        KQ_DYNAMIC_FOR_EACH_CONF(conf)
+        server(*conf);
+    } else {
+        for (const auto &ifname : *only)
+            if (const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str()))
+                server(*conf);
     }
     if (AnyRelay())
         wanted.push_back(Service{ServiceKind::Relay, ""});
-    for (const auto &entry : desired_.Clients()) {
-        // A SLAAC client runs no dhclient: the module only installs the policy rule.
-        if (entry.client && !(entry.client->ipv6 && entry.client->type == "slaac"))
-            wanted.push_back(Service{entry.client->ipv6 ? ServiceKind::Client6 : ServiceKind::Client4, entry.client->ifname});
+    if (only == nullptr) {
+        for (const auto &entry : desired_.Clients())
+            if (entry.client)
+                client(*entry.client);
+    } else {
+        for (const auto &ifname : *only)
+            for (const bool ipv6 : {false, true})
+                if (const DesiredClient *found = desired_.FindClient(ifname, ipv6))
+                    client(*found);
     }
     return wanted;
 }

@@ -158,15 +158,23 @@ std::string ServiceStore::Text() const
 {
     // One interface per line, like the desired state.
     std::string text = "{\"build\":\"" + ModuleBuild() + "\",\n\"interfaces\":[";
+    text.reserve(saved_.size() + 64);
     bool first = true;
+    for (auto printed = printed_.begin(); printed != printed_.end();)
+        printed = interfaces.count(printed->first) != 0 ? std::next(printed) : printed_.erase(printed);
     for (const auto &[ifname, record] : interfaces) {
-        JsonPtr entry(json_object_new_object(), json_object_put);
-        json_object_object_add(entry.get(), "ifname", json_object_new_string(ifname.c_str()));
-        json_object_object_add(entry.get(), "wanted", json_object_new_string(record.wanted.c_str()));
-        json_object_object_add(entry.get(), "registry", json_object_new_string(record.registry.c_str()));
-        if (record.server)
-            json_object_object_add(entry.get(), "process", ProcessJson(*record.server));
-        text += std::string(first ? "\n" : ",\n") + json_object_to_json_string_ext(entry.get(), JSON_C_TO_STRING_PLAIN);
+        Printed &printed = printed_[ifname];
+        if (printed.line.empty() || !(printed.record == record)) {
+            JsonPtr entry(json_object_new_object(), json_object_put);
+            json_object_object_add(entry.get(), "ifname", json_object_new_string(ifname.c_str()));
+            json_object_object_add(entry.get(), "wanted", json_object_new_string(record.wanted.c_str()));
+            json_object_object_add(entry.get(), "registry", json_object_new_string(record.registry.c_str()));
+            if (record.server)
+                json_object_object_add(entry.get(), "process", ProcessJson(*record.server));
+            printed = {record, json_object_to_json_string_ext(entry.get(), JSON_C_TO_STRING_PLAIN)};
+        }
+        text += first ? "\n" : ",\n";
+        text += printed.line;
         first = false;
     }
     text += "],\n\"clients\":[";

@@ -59,6 +59,7 @@ struct InterfaceRecord {
     std::string wanted;    // fingerprint of the desired item and zone
     std::string registry;  // the registry record, encoded
     std::optional<ProcessRecord> server;
+    bool operator==(const InterfaceRecord &other) const = default;
 };
 
 struct ClientRecord {
@@ -85,6 +86,13 @@ private:
     std::string Text() const;
     std::string path_;
     std::string saved_;  // the text last read or written
+    // Each interface's line as last printed, with the record it was printed from: one
+    // change prints one line again, not every interface's.
+    struct Printed {
+        InterfaceRecord record;
+        std::string line;
+    };
+    mutable std::map<std::string, Printed> printed_;
 };
 
 // This module build: the loaded module file's fingerprint and the registry record's size.

@@ -79,21 +79,30 @@ void Supervisor::Unfollow(Watch &watch)
 
 void Supervisor::Sync(const std::set<std::string> *only)
 {
-    std::map<Service, bool> wanted;
-    for (const Service &service : agent_.Wanted())
-        wanted[service] = true;
-    for (auto it = watches_.begin(); it != watches_.end();) {
-        if (wanted.count(it->first) != 0) {
-            ++it;
-            continue;
-        }
+    std::set<Service> wanted;
+    for (const Service &service : agent_.Wanted(only))
+        wanted.insert(service);
+    auto drop = [&](std::map<Service, Watch>::iterator it) {
         // Deleted or disabled: never restarted again.
         Unfollow(it->second);
         sd_event_source_disable_unref(it->second.timer);
         agent_.supervision.erase(it->first);
-        it = watches_.erase(it);
+        return watches_.erase(it);
+    };
+    if (only == nullptr) {
+        for (auto it = watches_.begin(); it != watches_.end();)
+            it = wanted.count(it->first) != 0 ? std::next(it) : drop(it);
+    } else {
+        // Only the touched interfaces' watches and the relay's can have changed.
+        std::vector<Service> scope{{ServiceKind::Relay, ""}};
+        for (const auto &ifname : *only)
+            for (const ServiceKind kind : {ServiceKind::Server, ServiceKind::Client4, ServiceKind::Client6})
+                scope.push_back(Service{kind, ifname});
+        for (const Service &service : scope)
+            if (const auto it = watches_.find(service); it != watches_.end() && wanted.count(service) == 0)
+                drop(it);
     }
-    for (const auto &[service, unused] : wanted) {
+    for (const Service &service : wanted) {
         auto [it, fresh] = watches_.try_emplace(service);
         Watch &watch = it->second;
         if (fresh) {
@@ -101,8 +110,6 @@ void Supervisor::Sync(const std::set<std::string> *only)
             watch.service = service;
             watch.since = std::chrono::steady_clock::now();
             agent_.supervision[service];
-        } else if (only != nullptr && service.kind != ServiceKind::Relay && only->count(service.ifname) == 0) {
-            continue;  // untouched by the command: its watch stands
         }
         const Process process = ProcessOf(service.PidFile(), service.Program());
         if (process.running) {
