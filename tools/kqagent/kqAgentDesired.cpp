@@ -332,8 +332,11 @@ int DesiredState::RecordDelete(const std::string &ifname)
 int DesiredState::Commit(Undo undo)
 {
     undo_.push_back(std::move(undo));
-    if (held_)
-        return 0;
+    return held_ ? 0 : SaveOrRollback();
+}
+
+int DesiredState::SaveOrRollback()
+{
     const int result = Save(entries_, clients_);
     if (result < 0)
         Rollback();
@@ -371,13 +374,7 @@ void DesiredState::Hold()
 int DesiredState::Release()
 {
     held_ = false;
-    if (undo_.empty())
-        return 0;
-    const int result = Save(entries_, clients_);
-    if (result < 0)
-        Rollback();
-    undo_.clear();
-    return result;
+    return undo_.empty() ? 0 : SaveOrRollback();
 }
 
 int DesiredState::Save(const std::vector<DesiredEntry> &entries, const std::vector<DesiredClientEntry> &clients)

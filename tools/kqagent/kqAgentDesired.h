@@ -93,6 +93,8 @@ private:
     int Save(const std::vector<DesiredEntry> &entries, const std::vector<DesiredClientEntry> &clients);
     int Commit(Undo undo);
     void Rollback();
+    // Writes the entries; a failed write takes back every change since the last one.
+    int SaveOrRollback();
     void Index();
     std::string path_;
     std::string problem_;
