@@ -326,3 +326,39 @@ TEST(KqAgentPlan, EachRequestSaysWhatTheModuleDidInTheDryRun)
 }
 
 }  // namespace
+
+// A restart's reason names each registry field that differs, in the request file's words;
+// the fields of a family are compared only while both records serve it.
+TEST(KqAgentPlan, ARestartNamesEachFieldThatDiffers)
+{
+    KQ_CTRL_DYNAMIC_SERVER_CONF base{};
+    base.NetAddrType = KQ_NET_ADDR_IPV46;
+    base.SecurityZoneId = 7;
+    base.ServerIpv4Conf.NetMask = 0xFFFFFF00;
+    base.ServerIpv4Conf.LeaseTime = 3600;
+    base.ServerIpv6Conf.DhcpConf.PrefixLength = 64;
+    using Change = void (*)(KQ_CTRL_DYNAMIC_SERVER_CONF &);
+    const struct { Change change; std::vector<std::string> words; } cases[] = {
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &) {}, {}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.NetAddrType = KQ_NET_ADDR_IPV4; }, {"served families ipv4+ipv6 -> ipv4"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.NetAddrType = KQ_NET_ADDR_IPV6; }, {"served families ipv4+ipv6 -> ipv6"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.NetAddrType = KQ_NET_ADDR_TYPE{}; }, {"served families ipv4+ipv6 -> none"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.SecurityZoneId = 0; }, {"zone 7 -> 0"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.ServerIpv4Conf.NetMask = 0xFFFF0000; }, {"ipv4 netmask"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.ServerIpv4Conf.Gateway = 0xC0000201; }, {"ipv4 gateway"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.ServerIpv4Conf.LeaseTime = 60; c.ServerIpv4Conf.OfferTime = 30; },
+         {"ipv4 leasetime", "ipv4 offertime"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP; }, {"ipv6 mode"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.ServerIpv6Conf.DhcpConf.PrefixLength = 48; }, {"ipv6 prefixlength"}},
+        {[](KQ_CTRL_DYNAMIC_SERVER_CONF &c) { c.NetAddrType = KQ_NET_ADDR_IPV4; c.ServerIpv6Conf.DynamicMode = KQ_IPV6_ADDR_AUTOCONF_STATELESS_DHCP; },
+         {"served families ipv4+ipv6 -> ipv4"}},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        KQ_CTRL_DYNAMIC_SERVER_CONF after = base;
+        cases[i].change(after);
+        EXPECT_EQ(kqagent::ServerChanges(base, after), cases[i].words) << "case " << i;
+    }
+    KQ_CTRL_DYNAMIC_SERVER_CONF ipv4 = base;
+    ipv4.NetAddrType = KQ_NET_ADDR_IPV4;
+    EXPECT_EQ(kqagent::ServerChanges(ipv4, base), std::vector<std::string>{"served families ipv4 -> ipv4+ipv6"});
+}
