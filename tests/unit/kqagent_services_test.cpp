@@ -88,7 +88,7 @@ TEST(AgentServices, ARegistryRecordComesBackByteForByteAndNothingElseDoes)
     ASSERT_TRUE(back);
     EXPECT_EQ(memcmp(&*back, &conf, sizeof(conf)), 0);
     const std::string bad[] = {"", text.substr(0, text.size() - 4), text + "00", text + "z1.", "zz" + text,
-                               "6g" + text.substr(2), "z" + std::to_string(sizeof(conf) + 1) + ".", "z." + text};
+                               "6g" + text.substr(2), "g6" + text.substr(2), "z" + std::to_string(sizeof(conf) + 1) + ".", "z." + text};
     for (const auto &b : bad)
         EXPECT_FALSE(DecodeRecord(b)) << b.substr(0, 40);
     conf.IfName[15] = 'x';  // a name without its end is never taken
