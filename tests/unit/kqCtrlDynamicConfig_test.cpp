@@ -302,6 +302,23 @@ TEST_F(RegistryTest, EveryRewriteIsTheWholeDocumentAsPrintedFromTheRegistry)
     EXPECT_EQ(VisibleCalls(), calls);
     EXPECT_EQ(Host().Writes, writes);
     EXPECT_TRUE(Host().Logs.empty());
+
+    // A record taken out and put back under the same name (a host rebuilding its registry)
+    // is printed from what was put back, and so is each of two records of one name.
+    KQ_CTRL_DYNAMIC_SERVICE_CONF eth2 = *_KQCtrl_GetDynamicConfByName("eth2");
+    _KQCtrl_DeleteDynamicConfListNode("eth2");
+    eth2.DynamicRelayConf.RelayConf.LanIp = Ip4("198.51.100.7");
+    ASSERT_EQ(KQCtrl_InsertDynamicConfListNode(&eth2), 0);
+    ASSERT_EQ(_KQCtrl_UpdateDynamicConfFile(), 0);
+    EXPECT_NE(DhcpConf().find("\"lanIp\": \"198.51.100.7\""), std::string::npos);
+    eth2.DynamicRelayConf.RelayConf.LanIp = Ip4("198.51.100.8");
+    ASSERT_EQ(KQCtrl_InsertDynamicConfListNode(&eth2), 0);
+    ASSERT_EQ(_KQCtrl_UpdateDynamicConfFile(), 0);
+    ASSERT_EQ(_KQCtrl_UpdateDynamicConfFile(), 0);
+    EXPECT_EQ(DhcpConf(), PrintedFromRegistry());
+    EXPECT_NE(DhcpConf().find("\"lanIp\": \"198.51.100.7\""), std::string::npos);
+    EXPECT_NE(DhcpConf().find("\"lanIp\": \"198.51.100.8\""), std::string::npos);
+    EXPECT_EQ(RegistryNames(), (Names{"eth1", "eth2", "eth2"}));
 }
 
 TEST_F(RegistryTest, AnItemWhosePrintingLogsLogsAtEveryRewrite)

@@ -110,22 +110,31 @@ protected:
 TEST_F(AgentDesired, ServiceRecordsReadBackAsLastSaved)
 {
     ServiceStore store(path);
-    store.interfaces = {{"lan1", {"w1", "r1", ProcessRecord{11, 1, "c1"}}},
-                        {"lan2", {"w2", "r2", std::nullopt}},
-                        {"lan3", {"w3", "r3", ProcessRecord{13, 3, "c3"}}}};
+    store.SetInterface("lan1", {"w1", "r1", ProcessRecord{11, 1, "c1"}});
+    store.SetInterface("lan2", {"w2", "r2", std::nullopt});
+    store.SetInterface("lan3", {"w3", "r3", ProcessRecord{13, 3, "c3"}});
     ASSERT_EQ(store.Save(), 0);
-    store.interfaces["lan2"].server = ProcessRecord{12, 2, "c2"};
-    store.interfaces["lan1"].registry = "r1b";
-    store.interfaces.erase("lan3");
-    store.interfaces["lan0"] = {"w0", "r0", std::nullopt};
+    store.SetInterface("lan2", {"w2", "r2", ProcessRecord{12, 2, "c2"}});
+    store.SetInterface("lan1", {"w1", "r1b", ProcessRecord{11, 1, "c1"}});
+    store.EraseInterface("lan3");
+    store.SetInterface("lan0", {"w0", "r0", std::nullopt});
     ASSERT_EQ(store.Save(), 0);
     ServiceStore again(path);
     ASSERT_TRUE(again.Load());
-    EXPECT_EQ(again.interfaces, store.interfaces);
-    store.interfaces["lan3"] = {"w3", "r3", ProcessRecord{13, 3, "c3"}};
+    EXPECT_EQ(again.Interfaces(), store.Interfaces());
+    EXPECT_EQ(again.Interfaces().at("lan1").registry, "r1b");
+    store.SetInterface("lan3", {"w3", "r3", ProcessRecord{13, 3, "c3"}});
     ASSERT_EQ(store.Save(), 0);
     ASSERT_TRUE(again.Load());
-    EXPECT_EQ(again.interfaces, store.interfaces);
+    EXPECT_EQ(again.Interfaces(), store.Interfaces());
+    // A store read back prints every line from what it read, then only the changed ones.
+    again.EraseInterface("lan0");
+    again.SetInterface("lan2", {"w2", "r2", std::nullopt});
+    ASSERT_EQ(again.Save(), 0);
+    ASSERT_TRUE(store.Load());
+    EXPECT_EQ(store.Interfaces(), again.Interfaces());
+    EXPECT_EQ(store.Interfaces().size(), 3u);
+    EXPECT_FALSE(store.Interfaces().at("lan2").server.has_value());
 }
 
 TEST_F(AgentDesired, ClientsAreKeptBesideTheInterfacesAndBadEntriesAreNamed)

@@ -116,6 +116,11 @@ private:
     // those interfaces only: a change costs the same whatever the number of LANs.
     std::set<std::string> touched_;
     bool touchedAll_ = true;
+    // The interfaces whose relay half is on, kept up to date for the interfaces in hand
+    // (whether the shared relay is wanted would otherwise walk every record each change).
+    bool RelayWanted(const std::set<std::string> *only) const;
+    mutable std::set<std::string> relayLans_;
+    mutable bool relayLansKnown_ = false;
     // Why an apply that does not declare itself the whole configuration is refused: the
     // desired state is gone while the registry holds interfaces, or dhcp.conf is unreadable
     // and its backup is the only good copy. Empty: applies are fine.

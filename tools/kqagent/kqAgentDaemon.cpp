@@ -297,7 +297,7 @@ int OnListen(sd_event_source *, int fd, uint32_t, void *data)
 
 int OnChild(sd_event_source *, const signalfd_siginfo *, void *data)
 {
-    static_cast<Daemon *>(data)->supervisor->Reap();
+    static_cast<Daemon *>(data)->supervisor->ChildExited();
     return 0;
 }
 

@@ -381,14 +381,21 @@ int DesiredState::Save(const std::vector<DesiredEntry> &entries, const std::vect
 {
     // One item per line: readable, and a diff shows which interface changed. Entries that
     // could not be read are kept as they were.
-    std::string text = "{\"interfaces\":[";
+    size_t size = 64;
+    for (const auto &entry : entries)
+        size += entry.itemJson.size() + 4;
+    for (const auto &client : clients)
+        size += client.json.size() + 4;
+    std::string text;
+    text.reserve(size);
+    text += "{\"interfaces\":[";
     for (size_t i = 0; i < entries.size(); ++i)
-        text += std::string(i == 0 ? "\n  " : ",\n  ") + entries[i].itemJson;
+        text.append(i == 0 ? "\n  " : ",\n  ").append(entries[i].itemJson);
     text += "\n]";
     if (!clients.empty()) {
         text += ",\"clients\":[";
         for (size_t i = 0; i < clients.size(); ++i)
-            text += std::string(i == 0 ? "\n  " : ",\n  ") + clients[i].json;
+            text.append(i == 0 ? "\n  " : ",\n  ").append(clients[i].json);
         text += "\n]";
     }
     text += "}\n";

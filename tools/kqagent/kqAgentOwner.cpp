@@ -72,16 +72,6 @@ std::optional<std::string> RelayText()
     return std::string(content->FlexBuf != nullptr ? content->FlexBuf : "");
 }
 
-bool AnyRelay()
-{
-    KQ_DYNAMIC_FOR_EACH_CONF(conf)
-    {
-        if (RelayActive(*conf))
-            return true;
-    }
-    return false;
-}
-
 std::string ConfFileOf(const Service &service)
 {
     return service.kind == ServiceKind::Server  ? ServerConfFile(service.ifname)
@@ -135,6 +125,29 @@ std::string Service::Name() const
     return "";
 }
 
+bool Agent::RelayWanted(const std::set<std::string> *only) const
+{
+    auto note = [&](const KQ_CTRL_DYNAMIC_SERVICE_CONF &conf) {
+        if (RelayActive(conf))
+            relayLans_.insert(conf.IfName);
+        else
+            relayLans_.erase(conf.IfName);
+    };
+    if (only == nullptr || !relayLansKnown_) {
+        relayLans_.clear();
+        KQ_DYNAMIC_FOR_EACH_CONF(conf)
+        note(*conf);
+        relayLansKnown_ = true;
+    } else {
+        for (const auto &ifname : *only)
+            if (const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str()))
+                note(*conf);
+            else
+                relayLans_.erase(ifname);
+    }
+    return !relayLans_.empty();
+}
+
 std::vector<Service> Agent::Wanted(const std::set<std::string> *only) const
 {
     std::vector<Service> wanted;
@@ -155,7 +168,7 @@ std::vector<Service> Agent::Wanted(const std::set<std::string> *only) const
             if (const KQ_CTRL_DYNAMIC_SERVICE_CONF *conf = _KQCtrl_GetDynamicConfByName(ifname.c_str()))
                 server(*conf);
     }
-    if (AnyRelay())
+    if (RelayWanted(only))
         wanted.push_back(Service{ServiceKind::Relay, ""});
     if (only == nullptr) {
         for (const auto &entry : desired_.Clients())
@@ -241,20 +254,20 @@ void Agent::RecordServices(const std::set<std::string> *only)
         InterfaceRecord record{WantedOf(entry), EncodeRecord(*conf), std::nullopt};
         if (ServesSomething(*conf))
             record.server = processRecord(Service{ServiceKind::Server, entry.ifname});
-        services_.interfaces[entry.ifname] = std::move(record);
+        services_.SetInterface(entry.ifname, std::move(record));
     };
     if (only == nullptr) {
-        services_.interfaces.clear();
+        services_.ClearInterfaces();
         for (const auto &entry : desired_.Entries())
             record(entry);
     } else {
         for (const auto &ifname : *only) {
-            services_.interfaces.erase(ifname);
+            services_.EraseInterface(ifname);
             if (const DesiredEntry *entry = desired_.Find(ifname))
                 record(*entry);
         }
     }
-    services_.relay = AnyRelay() ? processRecord(Service{ServiceKind::Relay, ""}) : std::nullopt;
+    services_.relay = RelayWanted(only) ? processRecord(Service{ServiceKind::Relay, ""}) : std::nullopt;
     std::map<std::string, ClientRecord> clients;
     for (const auto &entry : desired_.Clients()) {
         if (!entry.client)
@@ -282,9 +295,9 @@ std::vector<const DesiredEntry *> Agent::RestoreRegistry(std::ostream &err)
     for (const auto &entry : desired_.Entries()) {
         if (!entry.request)
             continue;
-        const auto record = services_.interfaces.find(entry.ifname);
+        const auto record = services_.Interfaces().find(entry.ifname);
         std::optional<KQ_CTRL_DYNAMIC_SERVICE_CONF> conf;
-        if (record != services_.interfaces.end() && record->second.wanted == WantedOf(entry))
+        if (record != services_.Interfaces().end() && record->second.wanted == WantedOf(entry))
             conf = DecodeRecord(record->second.registry);
         if (!conf || entry.ifname != conf->IfName) {
             pending.push_back(&entry);
@@ -373,8 +386,8 @@ int Agent::Startup(std::ostream &out, std::ostream &err)
         bool current = true;
         switch (service.kind) {
         case ServiceKind::Server: {
-            const auto it = services_.interfaces.find(service.ifname);
-            record = it != services_.interfaces.end() && it->second.server ? &*it->second.server : nullptr;
+            const auto it = services_.Interfaces().find(service.ifname);
+            record = it != services_.Interfaces().end() && it->second.server ? &*it->second.server : nullptr;
             zone = _KQCtrl_GetDynamicConfByName(service.ifname.c_str())->DynamicServerConf.SecurityZoneId;
             break;
         }

@@ -119,9 +119,27 @@ std::optional<KQ_CTRL_DYNAMIC_SERVICE_CONF> DecodeRecord(const std::string &text
     return conf;
 }
 
+void ServiceStore::SetInterface(const std::string &ifname, InterfaceRecord record)
+{
+    interfaces_[ifname] = std::move(record);
+    changed_.insert(ifname);
+}
+
+void ServiceStore::EraseInterface(const std::string &ifname)
+{
+    if (interfaces_.erase(ifname) != 0)
+        changed_.insert(ifname);
+}
+
+void ServiceStore::ClearInterfaces()
+{
+    interfaces_.clear();
+    allChanged_ = true;
+}
+
 bool ServiceStore::Load()
 {
-    interfaces.clear();
+    ClearInterfaces();
     relay.reset();
     clients.clear();
     saved_.clear();
@@ -141,7 +159,7 @@ bool ServiceStore::Load()
         if (ifname.empty())
             continue;
         InterfaceRecord record{Field(entry, "wanted"), Field(entry, "registry"), ReadProcess(Member(entry, "process"))};
-        interfaces[ifname] = std::move(record);
+        interfaces_[ifname] = std::move(record);
     }
     relay = ReadProcess(Member(root.get(), "relay"));
     list = Member(root.get(), "clients");
@@ -154,29 +172,42 @@ bool ServiceStore::Load()
     return true;
 }
 
-std::string ServiceStore::Text() const
+std::string ServiceStore::Text()
 {
     // One interface per line, like the desired state.
     std::string text = "{\"build\":\"" + ModuleBuild() + "\",\n\"interfaces\":[";
     text.reserve(saved_.size() + 64);
+    if (allChanged_) {
+        for (auto printed = printed_.begin(); printed != printed_.end();)
+            printed = interfaces_.count(printed->first) != 0 ? std::next(printed) : printed_.erase(printed);
+    } else {
+        for (const auto &ifname : changed_)
+            if (interfaces_.count(ifname) == 0)
+                printed_.erase(ifname);
+    }
     bool first = true;
-    for (auto printed = printed_.begin(); printed != printed_.end();)
-        printed = interfaces.count(printed->first) != 0 ? std::next(printed) : printed_.erase(printed);
-    for (const auto &[ifname, record] : interfaces) {
-        Printed &printed = printed_[ifname];
-        if (printed.line.empty() || !(printed.record == record)) {
+    auto printed = printed_.begin();
+    for (const auto &[ifname, record] : interfaces_) {
+        // Both maps hold the same names in the same order, but for those added since.
+        if (printed == printed_.end() || printed->first != ifname)
+            printed = printed_.emplace_hint(printed, ifname, Printed{});
+        Printed &kept = printed->second;
+        ++printed;
+        if (kept.line.empty() || ((allChanged_ || changed_.count(ifname) != 0) && !(kept.record == record))) {
             JsonPtr entry(json_object_new_object(), json_object_put);
             json_object_object_add(entry.get(), "ifname", json_object_new_string(ifname.c_str()));
             json_object_object_add(entry.get(), "wanted", json_object_new_string(record.wanted.c_str()));
             json_object_object_add(entry.get(), "registry", json_object_new_string(record.registry.c_str()));
             if (record.server)
                 json_object_object_add(entry.get(), "process", ProcessJson(*record.server));
-            printed = {record, json_object_to_json_string_ext(entry.get(), JSON_C_TO_STRING_PLAIN)};
+            kept = {record, json_object_to_json_string_ext(entry.get(), JSON_C_TO_STRING_PLAIN)};
         }
         text += first ? "\n" : ",\n";
-        text += printed.line;
+        text += kept.line;
         first = false;
     }
+    changed_.clear();
+    allChanged_ = false;
     text += "],\n\"clients\":[";
     first = true;
     for (const auto &[key, record] : clients) {

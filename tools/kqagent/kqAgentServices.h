@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -78,13 +79,18 @@ public:
     int Save();
 
     const std::string &Path() const { return path_; }
-    std::map<std::string, InterfaceRecord> interfaces;
+    const std::map<std::string, InterfaceRecord> &Interfaces() const { return interfaces_; }
+    // Changes go through these, so that a save looks again only at what changed.
+    void SetInterface(const std::string &ifname, InterfaceRecord record);
+    void EraseInterface(const std::string &ifname);
+    void ClearInterfaces();
     std::optional<ProcessRecord> relay;
     std::map<std::string, ClientRecord> clients;  // by "ipv4 IFNAME" / "ipv6 IFNAME"
 
 private:
-    std::string Text() const;
+    std::string Text();
     std::string path_;
+    std::map<std::string, InterfaceRecord> interfaces_;
     std::string saved_;  // the text last read or written
     // Each interface's line as last printed, with the record it was printed from: one
     // change prints one line again, not every interface's.
@@ -92,7 +98,9 @@ private:
         InterfaceRecord record;
         std::string line;
     };
-    mutable std::map<std::string, Printed> printed_;
+    std::map<std::string, Printed> printed_;
+    std::set<std::string> changed_;  // interfaces set or erased since the last printing
+    bool allChanged_ = true;
 };
 
 // This module build: the loaded module file's fingerprint and the registry record's size.

@@ -40,6 +40,11 @@ Supervisor::Supervisor(Agent &agent, sd_event *event, RestartPolicy policy) : ag
 
 Supervisor::~Supervisor()
 {
+    sd_event_source_disable_unref(reapTimer_);
+    for (auto &[pidfd, source] : released_) {
+        sd_event_source_disable_unref(source);
+        close(pidfd);
+    }
     for (auto &[service, watch] : watches_) {
         Unfollow(watch);
         sd_event_source_disable_unref(watch.timer);
@@ -55,6 +60,8 @@ void Supervisor::Follow(Watch &watch, pid_t pid, uint64_t startTime)
     watch.startTime = startTime;
     watch.since = std::chrono::steady_clock::now();
     watch.pidfd = PidfdOpen(pid);
+    if (watch.pidfd >= 0)
+        followed_.insert(pid);
     if (watch.pidfd < 0) {
         // Gone between the look and the watch: that is a death like any other.
         Died(watch, "ended (exit status unknown)");
@@ -65,6 +72,7 @@ void Supervisor::Follow(Watch &watch, pid_t pid, uint64_t startTime)
                   << "; it is checked again after the next command" << std::endl;
         close(watch.pidfd);
         watch.pidfd = -1;
+        followed_.erase(pid);
         watch.pid = 0;
     }
 }
@@ -72,9 +80,41 @@ void Supervisor::Follow(Watch &watch, pid_t pid, uint64_t startTime)
 void Supervisor::Unfollow(Watch &watch)
 {
     watch.exitSource = sd_event_source_disable_unref(watch.exitSource);
-    if (watch.pidfd >= 0)
-        close(watch.pidfd);
+    if (watch.pidfd >= 0) {
+        followed_.erase(watch.pid);
+        Release(watch.pidfd);
+    }
     watch.pidfd = -1;
+}
+
+// A process that is no longer watched (the module replaced or stopped it, or it is not
+// wanted any more) is reaped through its pidfd when it ends, which costs nothing like the
+// sweep over every child.
+void Supervisor::Release(int pidfd)
+{
+    siginfo_t info{};
+    const int waited = waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info, WEXITED | WNOHANG);
+    if (waited != 0 || info.si_pid != 0) {
+        close(pidfd);  // reaped, or not a child of this agent (found running at start)
+        return;
+    }
+    sd_event_source *source = nullptr;
+    if (sd_event_add_io(event_, &source, pidfd, EPOLLIN, OnReleasedExit, this) < 0) {
+        close(pidfd);  // the sweep reaps it
+        return;
+    }
+    released_[pidfd] = source;
+}
+
+int Supervisor::OnReleasedExit(sd_event_source *source, int fd, uint32_t, void *data)
+{
+    auto &self = *static_cast<Supervisor *>(data);
+    siginfo_t info{};
+    (void)waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(fd), &info, WEXITED | WNOHANG);
+    sd_event_source_disable_unref(source);
+    close(fd);
+    self.released_.erase(fd);
+    return 0;
 }
 
 void Supervisor::Sync(const std::set<std::string> *only)
@@ -150,15 +190,37 @@ void Supervisor::Resume()
     }
 }
 
+// A waitid for any child walks every child in the kernel, and the agent is the parent of
+// every dnsmasq. So the children are reaped once a moment after the first SIGCHLD, each walk
+// serving one that ended meanwhile, not at every signal: a command that starts or stops
+// several processes costs one sweep. A watched process is reaped by its pidfd anyway.
+void Supervisor::ChildExited()
+{
+    constexpr uint64_t kReapDelayUsec = 250 * 1000;
+    if (reapTimer_ != nullptr)
+        return;
+    if (sd_event_add_time_relative(event_, &reapTimer_, CLOCK_MONOTONIC, kReapDelayUsec, 0, OnReapTimer, this) < 0) {
+        reapTimer_ = nullptr;
+        Reap();
+    }
+}
+
+int Supervisor::OnReapTimer(sd_event_source *, uint64_t, void *data)
+{
+    auto &self = *static_cast<Supervisor *>(data);
+    self.reapTimer_ = sd_event_source_disable_unref(self.reapTimer_);
+    self.Reap();
+    return 0;
+}
+
 void Supervisor::Reap()
 {
     for (;;) {
         siginfo_t info{};
         if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG) != 0 || info.si_pid == 0)
             return;
-        for (const auto &[service, watch] : watches_)
-            if (watch.pid == info.si_pid)
-                exits_[info.si_pid] = ExitText(info.si_code, info.si_status);
+        if (followed_.count(info.si_pid) != 0)
+            exits_[info.si_pid] = ExitText(info.si_code, info.si_status);
     }
 }
 

@@ -51,8 +51,9 @@ public:
     void Sync(const std::set<std::string> *only = nullptr);
     // Every given-up service is supervised again (`kqagent load`).
     void Resume();
-    // SIGCHLD: reaps the agent's exited children and keeps the exit of watched ones.
-    void Reap();
+    // SIGCHLD: the agent's exited children are reaped a moment later, all at once, and the
+    // exit of watched ones is kept.
+    void ChildExited();
 
 private:
     struct Watch {
@@ -71,17 +72,24 @@ private:
     };
     void Follow(Watch &watch, pid_t pid, uint64_t startTime);
     void Unfollow(Watch &watch);
+    void Release(int pidfd);
+    static int OnReleasedExit(sd_event_source *source, int fd, uint32_t events, void *data);
     void Died(Watch &watch, const std::string &how);
     void Restart(Watch &watch);
     void Probe(Watch &watch);
     static int OnExit(sd_event_source *source, int fd, uint32_t events, void *data);
     static int OnTimer(sd_event_source *source, uint64_t usec, void *data);
+    static int OnReapTimer(sd_event_source *source, uint64_t usec, void *data);
+    void Reap();
 
     Agent &agent_;
     sd_event *event_;
     RestartPolicy policy_;
     std::map<Service, Watch> watches_;
     std::map<pid_t, std::string> exits_;  // reaped before their pidfd told
+    std::set<pid_t> followed_;            // the pids of the watches with a pidfd
+    sd_event_source *reapTimer_ = nullptr;
+    std::map<int, sd_event_source *> released_;  // pidfds of processes no longer watched
 };
 
 }  // namespace kqagent

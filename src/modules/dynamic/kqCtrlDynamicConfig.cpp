@@ -170,8 +170,9 @@ static KQ_ERR_T _KQCtrl_BuildDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF 
 
 // A change touches one interface, yet dhcp.conf is always the whole document. So each
 // item's printed text is kept, keyed by interface, behind a copy of the record it was
-// printed from, and printed again only when the registry's record differs from that copy
-// (whoever changed it). An item whose printing logged a line (a list cut to its array, an
+// printed from, and printed again only when the registry's record differs from that copy.
+// Only records the registry handed out since the last rendering are compared: the others
+// cannot have changed, and comparing thousands of them would cost more than the change. An item whose printing logged a line (a list cut to its array, an
 // address too long) is not kept: its line comes again with every rewrite. The texts of
 // interfaces gone from the registry are dropped at the next rendering.
 static kq::JsonDoc s_ItemTexts;
@@ -203,7 +204,7 @@ static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF
     constexpr size_t recordLen = sizeof(*Conf);
     json_object *kept = kq::json::Member(s_ItemTexts.get(), Conf->IfName);
     if (kept != nullptr && static_cast<size_t>(json_object_get_string_len(kept)) >= recordLen &&
-        memcmp(json_object_get_string(kept), Conf, recordLen) == 0) {
+        (!_KQCtrl_DynamicConfHandedOut(Conf) || memcmp(json_object_get_string(kept), Conf, recordLen) == 0)) {
         if (!_KQCtrl_AppendText(Out, json_object_get_string(kept) + recordLen,
                                 static_cast<size_t>(json_object_get_string_len(kept)) - recordLen) ||
             !_KQCtrl_KeepItemText(Texts, Conf->IfName, json_object_get(kept))) {
@@ -276,6 +277,7 @@ static KQ_ERR_T _KQCtrl_RenderDynamicConf(printbuf *Out)
         return -ENOMEM;
     }
     s_ItemTexts.swap(texts);
+    _KQCtrl_ForgetDynamicConfHandedOut();
     return 0;
 }
 

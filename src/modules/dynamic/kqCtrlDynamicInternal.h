@@ -19,6 +19,10 @@ void _KQCtrl_UpdateDynamicServerConfListNode(const KQ_CTRL_DYNAMIC_SERVER_CONF *
 void _KQCtrl_UpdateDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *NewConf,
                                             KQ_CTRL_DYNAMIC_RELAY_CONF *CurrentConf);
 void _KQCtrl_DeleteDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *DynamicRelayConf);
+// Whether the record may have changed since _KQCtrl_ForgetDynamicConfHandedOut: a lookup
+// or an insert handed it out (or a name is in the registry twice, or memory ran out).
+bool _KQCtrl_DynamicConfHandedOut(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf);
+void _KQCtrl_ForgetDynamicConfHandedOut(void);
 
 // dhcp.conf rewrite (kqCtrlDynamicConfig.cpp).
 KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void);
