@@ -77,6 +77,11 @@ public:
     // `only`: the interfaces a change touched (their servers and clients) and the shared
     // relay are looked at again, the other records stand; nullptr: everything.
     void RecordServices(const std::set<std::string> *only = nullptr);
+    // Writes services.json when what it records changed.
+    void SaveServices();
+    // Set by the daemon: services.json is then written a moment after a change, once for a
+    // burst of changes, and at the latest when the agent stops. Unset: at once.
+    std::function<void()> deferServicesSave;
     // The interfaces the last command touched; nullptr when it may have touched any.
     const std::set<std::string> *Touched() const { return touchedAll_ ? nullptr : &touched_; }
 

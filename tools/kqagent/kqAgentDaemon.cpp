@@ -44,6 +44,7 @@ struct Daemon {
     std::optional<Supervisor> supervisor;
     size_t ceiling = 0;  // bytes all connections may hold together ("controlMemory")
     size_t held = 0;     // bytes they hold: requests being read, answers being written
+    sd_event_source *servicesTimer = nullptr;  // services.json to be written
 };
 
 // One client connection. Its request line is read, and its answer written, as the socket
@@ -301,6 +302,29 @@ int OnChild(sd_event_source *, const signalfd_siginfo *, void *data)
     return 0;
 }
 
+int OnSaveServices(sd_event_source *, uint64_t, void *data)
+{
+    auto *daemon = static_cast<Daemon *>(data);
+    daemon->servicesTimer = sd_event_source_disable_unref(daemon->servicesTimer);
+    daemon->agent.SaveServices();
+    return 0;
+}
+
+// A burst of changes (a controller pushing one LAN after another) writes the record of
+// every LAN's processes once, not once per change. A crash inside that moment costs what
+// losing the file costs: the LANs changed in it are started once more at the next start.
+void DeferServicesSave(Daemon *daemon)
+{
+    constexpr uint64_t kDelayUsec = 200 * 1000;
+    if (daemon->servicesTimer != nullptr)
+        return;
+    if (sd_event_add_time_relative(daemon->event, &daemon->servicesTimer, CLOCK_MONOTONIC, kDelayUsec, 0, OnSaveServices,
+                                   daemon) < 0) {
+        daemon->servicesTimer = nullptr;
+        daemon->agent.SaveServices();
+    }
+}
+
 int OnStop(sd_event_source *source, const signalfd_siginfo *info, void *)
 {
     // Every dnsmasq and dhclient stays: they serve on while the agent is away.
@@ -383,6 +407,7 @@ int Serve()
                   << std::endl;
     }
     daemon.supervisor->Sync();
+    daemon.agent.deferServicesSave = [&daemon] { DeferServicesSave(&daemon); };
 
     sockaddr_un address;
     if (!SocketAddress(socketPath, address)) {
@@ -423,6 +448,8 @@ int Serve()
         std::cerr << "kqagent: event loop: " << strerror(-result) << std::endl;
     while (!daemon.connections.empty())
         CloseConnection(*daemon.connections.begin());
+    daemon.servicesTimer = sd_event_source_disable_unref(daemon.servicesTimer);
+    daemon.agent.SaveServices();
     sd_event_source_disable_unref(listenSource);
     close(listener);
     unlink(socketPath.c_str());

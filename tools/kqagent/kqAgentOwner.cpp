@@ -283,6 +283,14 @@ void Agent::RecordServices(const std::set<std::string> *only)
             clients[key] = ClientRecord{Fingerprint(entry.client->Json()), *process};
     }
     services_.clients = std::move(clients);
+    if (deferServicesSave)
+        deferServicesSave();
+    else
+        SaveServices();
+}
+
+void Agent::SaveServices()
+{
     // Losing this file costs restarts at the next start, never configuration.
     if (const int saved = services_.Save(); saved < 0)
         std::cerr << "kqagent: " << services_.Path() << " could not be written (" << ErrnoName(saved)
