@@ -62,6 +62,7 @@ void Supervisor::Follow(Watch &watch, pid_t pid, uint64_t startTime)
     watch.pidfd = PidfdOpen(pid);
     if (watch.pidfd >= 0)
         followed_.insert(pid);
+    ReapMiddle(pid);
     if (watch.pidfd < 0) {
         // Gone between the look and the watch: that is a death like any other.
         Died(watch, "ended (exit status unknown)");
@@ -191,18 +192,31 @@ void Supervisor::Resume()
 }
 
 // A waitid for any child walks every child in the kernel, and the agent is the parent of
-// every dnsmasq. So the children are reaped once a moment after the first SIGCHLD, each walk
-// serving one that ended meanwhile, not at every signal: a command that starts or stops
-// several processes costs one sweep. A watched process is reaped by its pidfd anyway.
+// every dnsmasq. So what the pidfds and ReapMiddle leave is reaped a second after the first
+// SIGCHLD, all at once, not at every signal: a burst of commands costs one walk.
 void Supervisor::ChildExited()
 {
-    constexpr uint64_t kReapDelayUsec = 250 * 1000;
+    constexpr uint64_t kReapDelayUsec = 1000 * 1000;
     if (reapTimer_ != nullptr)
         return;
     if (sd_event_add_time_relative(event_, &reapTimer_, CLOCK_MONOTONIC, kReapDelayUsec, 0, OnReapTimer, this) < 0) {
         reapTimer_ = nullptr;
         Reap();
     }
+}
+
+// A daemon that puts itself in the background leaves its middle process to the agent, its
+// subreaper, as a zombie; that one almost always has the pid just before the daemon's. It is
+// reaped here by pid, which is cheap, when it is a zombie child no watch stands for; the
+// sweep after SIGCHLD then finds nothing left to walk for.
+void Supervisor::ReapMiddle(pid_t daemon)
+{
+    const pid_t middle = daemon - 1;
+    siginfo_t info{};
+    if (middle <= 1 || followed_.count(middle) != 0 ||
+        waitid(P_PID, static_cast<id_t>(middle), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid != middle)
+        return;
+    (void)waitid(P_PID, static_cast<id_t>(middle), &info, WEXITED | WNOHANG);
 }
 
 int Supervisor::OnReapTimer(sd_event_source *, uint64_t, void *data)

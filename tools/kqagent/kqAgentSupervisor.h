@@ -73,6 +73,7 @@ private:
     void Follow(Watch &watch, pid_t pid, uint64_t startTime);
     void Unfollow(Watch &watch);
     void Release(int pidfd);
+    void ReapMiddle(pid_t daemon);
     static int OnReleasedExit(sd_event_source *source, int fd, uint32_t events, void *data);
     void Died(Watch &watch, const std::string &how);
     void Restart(Watch &watch);

@@ -54,21 +54,13 @@ struct DhcpConfMeasure {
 };
 static DhcpConfMeasure s_LastDhcpConf;
 
-static size_t _KQCtrl_DynamicConfItemCount(void)
-{
-    size_t items = 0;
-    KQ_DYNAMIC_FOR_EACH_CONF(conf)
-        ++items;
-    return items;
-}
-
 // An add is refused before it touches anything when the rewrite that ends it could write
 // a dhcp.conf that the next start-up would refuse to load. Up to some 500 interfaces the
 // bound per item settles it; beyond, the last rendered document's length and the bound for
 // every item since do, and only when those cannot the document is measured again.
 static KQ_ERR_T _KQCtrl_CheckDynamicConfRoom(void)
 {
-    const size_t items = _KQCtrl_DynamicConfItemCount() + 1;  // with the one being added
+    const size_t items = _KQCtrl_DynamicConfCount() + 1;  // with the one being added
     if (items <= kDhcpConfMaxLen / kDhcpConfItemMaxLen - 1)
         return 0;
     const size_t grown = items > s_LastDhcpConf.Items ? items - s_LastDhcpConf.Items : 1;
@@ -87,6 +79,16 @@ static KQ_ERR_T _KQCtrl_CheckDynamicConfRoom(void)
            len, kDhcpConfMaxLen, KQ_ERR_ARGS(-EOVERFLOW));
     return -EOVERFLOW;
 }
+
+// A change touches one interface, yet dhcp.conf is always the whole document. So each
+// item's printed text is kept, keyed by interface, behind a copy of the record it was
+// printed from, and printed again only when the registry's record differs from that copy.
+// Only records the registry handed out since the last rendering are compared: the others
+// cannot have changed, and comparing thousands of them would cost more than the change.
+// An item whose printing logged a line (a list cut to its array, an address too long) is
+// not kept: its line comes again with every rewrite. A delete drops its interface's text;
+// texts of other names no item has any more go at the next rendering.
+static kq::JsonDoc s_ItemTexts;
 
 // ---- Entry points -------------------------------------------------------------------
 
@@ -126,8 +128,11 @@ KQ_ERR_T KQCtrl_ConfigDynamicDel(const DhcpItemV2 *DhcpPb)
         KQ_LOG(kq::log::Error, "del dynamic relay failed(%d:%s)\n", KQ_ERR_ARGS(ret));
         return ret;
     }
-    if (DhcpPb != nullptr && DhcpPb->ifname != nullptr)
+    if (DhcpPb != nullptr && DhcpPb->ifname != nullptr) {
         _KQCtrl_DeleteDynamicConfListNode(DhcpPb->ifname);
+        if (s_ItemTexts)
+            json_object_object_del(s_ItemTexts.get(), DhcpPb->ifname);
+    }
     ret = _KQCtrl_UpdateDynamicConfFile();
     if (ret < 0) {
         KQ_LOG(kq::log::Error, "Update dynamic conf file failed(%d:%s)\n", KQ_ERR_ARGS(ret));
@@ -168,14 +173,6 @@ static KQ_ERR_T _KQCtrl_BuildDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF 
     return 0;
 }
 
-// A change touches one interface, yet dhcp.conf is always the whole document. So each
-// item's printed text is kept, keyed by interface, behind a copy of the record it was
-// printed from, and printed again only when the registry's record differs from that copy.
-// Only records the registry handed out since the last rendering are compared: the others
-// cannot have changed, and comparing thousands of them would cost more than the change. An item whose printing logged a line (a list cut to its array, an
-// address too long) is not kept: its line comes again with every rewrite. The texts of
-// interfaces gone from the registry are dropped at the next rendering.
-static kq::JsonDoc s_ItemTexts;
 
 static bool _KQCtrl_AppendText(printbuf *Out, const char *Text, size_t Len)
 {
@@ -184,35 +181,25 @@ static bool _KQCtrl_AppendText(printbuf *Out, const char *Text, size_t Len)
            printbuf_memappend(Out, Text, static_cast<int>(Len)) >= 0;
 }
 
-// Texts[IfName] = Text (the key is copied); Text is released when it cannot be kept.
-static bool _KQCtrl_KeepItemText(json_object *Texts, const char *IfName, json_object *Text)
-{
-    if (Text == nullptr)
-        return false;
-    if (json_object_object_add(Texts, IfName, Text) != 0) {
-        json_object_put(Text);
-        return false;
-    }
-    return true;
-}
-
 // Appends the item text of Conf to Out, from s_ItemTexts when its record is unchanged,
-// else printed now; keeps it in Texts.
-static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf, json_object *Texts,
-                                              printbuf *Out)
+// else printed now and kept there in its place (*Kept: Conf's text is in s_ItemTexts).
+static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf, bool *Kept, printbuf *Out)
 {
     constexpr size_t recordLen = sizeof(*Conf);
+    *Kept = false;
     json_object *kept = kq::json::Member(s_ItemTexts.get(), Conf->IfName);
     if (kept != nullptr && static_cast<size_t>(json_object_get_string_len(kept)) >= recordLen &&
         (!_KQCtrl_DynamicConfHandedOut(Conf) || memcmp(json_object_get_string(kept), Conf, recordLen) == 0)) {
         if (!_KQCtrl_AppendText(Out, json_object_get_string(kept) + recordLen,
-                                static_cast<size_t>(json_object_get_string_len(kept)) - recordLen) ||
-            !_KQCtrl_KeepItemText(Texts, Conf->IfName, json_object_get(kept))) {
+                                static_cast<size_t>(json_object_get_string_len(kept)) - recordLen)) {
             KQ_LOG(kq::log::Error, "new object failed.\n");
             return -ENOMEM;
         }
+        *Kept = true;
         return 0;
     }
+    // Whatever happens next, the text kept for this name is not this record's.
+    json_object_object_del(s_ItemTexts.get(), Conf->IfName);
 
     kq::JsonDoc item(json_object_new_object());
     if (!item) {
@@ -242,10 +229,31 @@ static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
-    if (!_KQCtrl_KeepItemText(Texts, Conf->IfName, json_object_new_string_len(entry.get()->buf, entry.get()->bpos))) {
+    json_object *text = json_object_new_string_len(entry.get()->buf, entry.get()->bpos);
+    if (text == nullptr || json_object_object_add(s_ItemTexts.get(), Conf->IfName, text) != 0) {
+        json_object_put(text);
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
+    *Kept = true;
+    return 0;
+}
+
+// Drops the kept texts of names no item of the last rendering has: only needed when their
+// number says so (an interface turned off, a name twice), as a delete drops its own.
+static KQ_ERR_T _KQCtrl_PruneItemTexts(void)
+{
+    kq::JsonDoc texts(json_object_new_object());
+    if (!texts)
+        return -ENOMEM;
+    KQ_DYNAMIC_FOR_EACH_CONF(conf) {
+        json_object *kept = kq::json::Member(s_ItemTexts.get(), conf->IfName);
+        if (kept != nullptr && json_object_object_add(texts.get(), conf->IfName, json_object_get(kept)) != 0) {
+            json_object_put(kept);
+            return -ENOMEM;
+        }
+    }
+    s_ItemTexts.swap(texts);
     return 0;
 }
 
@@ -253,12 +261,16 @@ static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF
 // into Out; the kept item texts are those of this rendering from then on.
 static KQ_ERR_T _KQCtrl_RenderDynamicConf(printbuf *Out)
 {
-    kq::JsonDoc texts(json_object_new_object());
-    if (!texts || !_KQCtrl_AppendText(Out, "{ \"dhcps\": [", 12)) {
+    if (!s_ItemTexts) {
+        kq::JsonDoc texts(json_object_new_object());
+        s_ItemTexts.swap(texts);
+    }
+    if (!s_ItemTexts || !_KQCtrl_AppendText(Out, "{ \"dhcps\": [", 12)) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
     bool first = true;
+    size_t kept = 0;
     KQ_DYNAMIC_FOR_EACH_CONF(conf) {
         // An interface whose server and relay are both off has nothing to restore.
         if (conf->DynamicServerConf.NetAddrType == 0 && conf->DynamicRelayConf.NetAddrType == 0)
@@ -267,16 +279,21 @@ static KQ_ERR_T _KQCtrl_RenderDynamicConf(printbuf *Out)
             KQ_LOG(kq::log::Error, "new object failed.\n");
             return -ENOMEM;
         }
-        KQ_ERR_T ret = _KQCtrl_AppendDynamicConfItem(conf, texts.get(), Out);
+        bool itemKept = false;
+        KQ_ERR_T ret = _KQCtrl_AppendDynamicConfItem(conf, &itemKept, Out);
         if (ret < 0)
             return ret;
+        kept += itemKept ? 1 : 0;
         first = false;
     }
     if (!_KQCtrl_AppendText(Out, " ] }", 4)) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
-    s_ItemTexts.swap(texts);
+    if (static_cast<size_t>(json_object_object_length(s_ItemTexts.get())) != kept && _KQCtrl_PruneItemTexts() < 0) {
+        KQ_LOG(kq::log::Error, "new object failed.\n");
+        return -ENOMEM;
+    }
     _KQCtrl_ForgetDynamicConfHandedOut();
     return 0;
 }
@@ -296,7 +313,7 @@ KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void)
     // The start-up load would refuse a larger file and restore nothing: the last good
     // document stays. The add path refuses long before this point.
     const size_t textLen = static_cast<size_t>(doc.get()->bpos);
-    s_LastDhcpConf = {true, textLen, _KQCtrl_DynamicConfItemCount()};
+    s_LastDhcpConf = {true, textLen, _KQCtrl_DynamicConfCount()};
     if (textLen > kDhcpConfMaxLen) {
         KQ_LOG(kq::log::Error, "dhcp.conf of %zu bytes is past %zu, the most the start-up load reads: not written\n",
                textLen, kDhcpConfMaxLen);

@@ -23,6 +23,8 @@ void _KQCtrl_DeleteDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *Dy
 // or an insert handed it out (or a name is in the registry twice, or memory ran out).
 bool _KQCtrl_DynamicConfHandedOut(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf);
 void _KQCtrl_ForgetDynamicConfHandedOut(void);
+// How many records the registry holds.
+size_t _KQCtrl_DynamicConfCount(void);
 
 // dhcp.conf rewrite (kqCtrlDynamicConfig.cpp).
 KQ_ERR_T _KQCtrl_UpdateDynamicConfFile(void);

@@ -63,6 +63,7 @@ using LhTable = std::unique_ptr<lh_table, LhTableFree>;
 // deleted) and built again at the next lookup; without it lookups walk the list.
 LhTable s_ByName;
 size_t s_SameNames = 0;  // inserts that found their name already there
+size_t s_Count = 0;      // records in the list
 
 bool IndexNode(lh_table *Index, KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *Node)
 {
@@ -139,6 +140,7 @@ KQ_ERR_T KQCtrl_InsertDynamicConfListNode(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Dy
         s_ByName.reset();
     Handed(node.get());
     KQ_ListAddTail(&node.release()->List, &sg_KqCtrlDynamicHead);
+    ++s_Count;
     return 0;
 }
 
@@ -158,6 +160,7 @@ void _KQCtrl_DeleteDynamicConfListNode(const char *IfName)
     if (s_Handed)
         lh_table_delete(s_Handed.get(), node);
     KQ_ListDelInit(&node->List);
+    --s_Count;
     KQ_AgentMemFree(node);
 }
 
@@ -168,6 +171,11 @@ bool _KQCtrl_DynamicConfHandedOut(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf)
     const auto *node = reinterpret_cast<const KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
         reinterpret_cast<const char *>(Conf) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, DynamicConf));
     return s_Handed && lh_table_lookup_entry(s_Handed.get(), node) != nullptr;
+}
+
+size_t _KQCtrl_DynamicConfCount(void)
+{
+    return s_Count;
 }
 
 void _KQCtrl_ForgetDynamicConfHandedOut(void)
