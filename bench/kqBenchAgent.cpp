@@ -327,21 +327,6 @@ double AgentCpuMs(pid_t pid)
     return ms;
 }
 
-// The agent's user and kernel CPU so far in ms (fields 14 and 15 of /proc/<pid>/stat, clock
-// ticks): coarse, but over many changes it tells where a change's CPU goes.
-std::pair<double, double> AgentUserSysMs(pid_t pid)
-{
-    const std::string stat = ReadText("/proc/" + std::to_string(pid) + "/stat");
-    size_t at = stat.rfind(')');
-    for (int field = 3; field < 14 && at != std::string::npos; ++field)
-        at = stat.find(' ', at + 1);
-    if (at == std::string::npos)
-        return {0, 0};
-    char *end = nullptr;
-    const double user = strtod(stat.c_str() + at + 1, &end), sys = strtod(end, nullptr), tick = 1000.0 / sysconf(_SC_CLK_TCK);
-    return {user * tick, sys * tick};
-}
-
 // SIGTERM and wait; the time it took in ms.
 double StopAgent(Agent &agent)
 {
@@ -577,9 +562,9 @@ struct BringUp {
     Sample sample;                          // ms: until answered and all listening; cpuMs: the agent's
     std::map<std::string, std::vector<Change>> changes;  // "add", "lease", "delete"
     // All the changes' agent CPU, what the agent did between them and just after included
-    // (reaping, timers), per change: the medians above see only each answer's own window.
+    // (reaping, services.json, timers), per change: the medians above see only each
+    // answer's own window.
     double allChangesCpuMs = 0;
-    double userMs = 0, kernelMs = 0;  // the same, split (clock ticks)
 };
 
 constexpr size_t kChanges = 15;
@@ -622,7 +607,6 @@ BringUp BringUpAndChange(size_t n, bool profile)
     }
     const std::string add = OneRequest(AddRequest(n)),
                       del = OneRequest("{ \"op\": \"delete\", \"item\": { \"ifname\": \"" + IfName(n) + "\" } }");
-    const auto [user0, sys0] = AgentUserSysMs(agent.pid);
     const double all0 = AgentCpuMs(agent.pid);
     for (size_t k = 0; k < kChanges; ++k) {
         const std::string lease = OneRequest(AddRequest(0, k % 2 == 0 ? 43200 : 86400));
@@ -633,11 +617,8 @@ BringUp BringUpAndChange(size_t n, bool profile)
             result.changes[what].push_back({MsSince(c0), AgentCpuMs(agent.pid) - cpu});
         }
     }
-    usleep(500000);  // what the agent defers after a change is done
-    const auto [user1, sys1] = AgentUserSysMs(agent.pid);
+    usleep(1500000);  // what the agent defers after a change is done
     result.allChangesCpuMs = (AgentCpuMs(agent.pid) - all0) / (3 * kChanges);
-    result.userMs = (user1 - user0) / (3 * kChanges);
-    result.kernelMs = (sys1 - sys0) / (3 * kChanges);
     if (perf > 0) {
         kill(perf, SIGINT);
         waitpid(perf, nullptr, 0);
@@ -773,6 +754,7 @@ int main(int argc, char **argv)
     // dnsmasq files that the floor starts.
     std::map<size_t, std::vector<Sample>> bringupSamples, restoreSamples, floorSamples;
     std::map<size_t, std::map<std::string, std::vector<Change>>> changeSamples;
+    std::map<size_t, std::vector<double>> allChangesSamples;
     const size_t measured = restores ? rounds : 0;
     for (size_t round = 0; round < measured; ++round) {
         std::vector<size_t> order = sizes;
@@ -785,16 +767,16 @@ int main(int argc, char **argv)
             bringupSamples[n].push_back(up.sample);
             for (auto &[what, changes] : up.changes)
                 changeSamples[n][what].insert(changeSamples[n][what].end(), changes.begin(), changes.end());
+            allChangesSamples[n].push_back(up.allChangesCpuMs);
             restoreSamples[n].push_back(Restore(n));
             if (round % 2 == 0)
                 floorSamples[n].push_back(Floor(n));
             auto cpu = [&](const char *what) { return MedianOf(up.changes[what], [](const Change &c) { return c.cpuMs; }); };
             printf("round %zu, %zu LANs: bring-up %.1f ms (agent CPU %.1f), restore %.1f ms (ready %.1f), floor %.1f ms; "
-                   "change CPU add / lease / delete %.2f / %.2f / %.2f ms, all changes %.2f ms each (user %.2f, kernel "
-                   "%.2f); load %.2f\n",
+                   "change CPU add / lease / delete %.2f / %.2f / %.2f ms, all changes %.2f ms each; load %.2f\n",
                    round + 1, n, up.sample.ms, up.sample.cpuMs, restoreSamples[n].back().ms,
                    restoreSamples[n].back().readyMs, floorSamples[n].back().ms, cpu("add"), cpu("lease"), cpu("delete"),
-                   up.allChangesCpuMs, up.userMs, up.kernelMs, Load1());
+                   up.allChangesCpuMs, Load1());
             fflush(stdout);
         }
     }
@@ -855,6 +837,7 @@ int main(int argc, char **argv)
                 fig[std::string(what) + "_wall_ms"] = MedianOf(changeSamples[n][what], [](const Change &c) { return c.wallMs; });
                 fig[std::string(what) + "_cpu_ms"] = MedianOf(changeSamples[n][what], [](const Change &c) { return c.cpuMs; });
             }
+            fig["changes_cpu_ms"] = Median(allChangesSamples[n]);
             std::vector<Sample> all = u;
             all.insert(all.end(), r.begin(), r.end());
             all.insert(all.end(), f.begin(), f.end());
