@@ -45,6 +45,24 @@ size_t Count(const std::string &Text, const std::string &Piece)
     return n;
 }
 
+// The children of Parent that ended and were never reaped.
+std::string Zombies(pid_t Parent)
+{
+    std::string found;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string stat = lab::Text(entry.path().string() + "/stat");
+        const size_t end = stat.rfind(')');
+        if (end == std::string::npos)
+            continue;
+        std::istringstream fields(stat.substr(end + 1));
+        std::string state;
+        pid_t ppid = 0;
+        if (fields >> state >> ppid && ppid == Parent && state == "Z")
+            found += entry.path().filename().string() + " ";
+    }
+    return found;
+}
+
 // Each interface of `status --json` with its drift.
 std::string Drift(const lab::TempDir &Dir)
 {
@@ -139,6 +157,19 @@ TEST(SuperviseLab, KilledServicesComeBackAndRestartsAndRebootsKeepThemRunning)
     for (const auto &s : services)
         EXPECT_EQ(Count(lab::Text(log0), "kqagent: " + s.Name + " (pid "), 1u) << s.Name << "\n" << lab::Text(log0);
     EXPECT_EQ(Complaints(lab::Text(log0)), "");
+
+    // Changes replace and stop processes, and each dnsmasq start leaves its middle process
+    // to the agent: none of them stays a zombie.
+    for (const char *lease : {"600", "3600"}) {
+        std::string lan1 = kLans;
+        lan1 = "{\"requests\":[" + lan1.substr(lan1.find("{\"op\""), lan1.find("}}}},") + 4 - lan1.find("{\"op\"")) + "]}";
+        const std::string hour = "\"leasetime\":3600";
+        lan1.replace(lan1.find(hour), hour.size(), std::string("\"leasetime\":") + lease);
+        lab::WriteFile(dir.File("lan1.json"), lan1);
+        const lab::Outcome changed = lab::Kqagent(dir, "apply " + dir.File("lan1.json"));
+        ASSERT_EQ(changed.Status, 0) << lan1 << changed.Out << changed.Err;
+    }
+    EXPECT_TRUE(lab::WaitFor([&] { return Zombies(agent->Pid).empty(); }, 5s)) << Zombies(agent->Pid);
 
     // The agent restarts: it keeps every process as it runs, and says nothing is wrong.
     std::vector<std::optional<pid_t>> pids;
