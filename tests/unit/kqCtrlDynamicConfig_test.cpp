@@ -53,6 +53,14 @@ void AddExample()
 
 class RegistryTest : public fakehost::ModuleTest {};
 
+// Leaves non-zero bytes in the stack where the next call's locals will be.
+__attribute__((noinline)) void DirtyStack()
+{
+    volatile unsigned char junk[64 << 10];
+    for (auto &byte : junk)
+        byte = 0xa5;
+}
+
 TEST_F(RegistryTest, KeepsInsertionOrderAndHalvesShareOneNode)
 {
     for (auto [name, zone] : {std::pair{"eth1", 1u}, {"eth2", 2u}, {"eth1", 3u}, {"eth3", 4u}}) {
@@ -88,6 +96,19 @@ TEST_F(RegistryTest, KeepsInsertionOrderAndHalvesShareOneNode)
     EXPECT_EQ(service->DynamicRelayConf.NetAddrType, 0);
     EXPECT_EQ(service->DynamicServerConf.NetAddrType, KQ_NET_ADDR_IPV4);
     EXPECT_EQ(RegistryNames(), (Names{"eth2", "eth1", "eth3", "lan0"}));
+
+    // A relay half inserted on its own makes a record whose every other byte is zero, as
+    // dhcp.conf and the agent's records print it, whatever the stack held before.
+    DirtyStack();
+    KQ_CTRL_DYNAMIC_RELAY_CONF relayOnly{};
+    strcpy(relayOnly.IfName, "rl9");
+    relayOnly.NetAddrType = KQ_NET_ADDR_IPV4;
+    ASSERT_EQ(_KQCtrl_InsertDynamicRelayConfListNode(&relayOnly), 0);
+    KQ_CTRL_DYNAMIC_SERVICE_CONF expected{};
+    strcpy(expected.IfName, "rl9");
+    expected.DynamicRelayConf = relayOnly;
+    EXPECT_EQ(memcmp(_KQCtrl_GetDynamicConfByName("rl9"), &expected, sizeof(expected)), 0);
+    _KQCtrl_DeleteDynamicConfListNode("rl9");
 
     // Refused inserts leave the list as it was.
     memset(server.IfName, 'a', sizeof(server.IfName));  // no room for the end
