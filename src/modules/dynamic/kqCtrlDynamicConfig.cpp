@@ -81,14 +81,12 @@ static KQ_ERR_T _KQCtrl_CheckDynamicConfRoom(void)
 }
 
 // A change touches one interface, yet dhcp.conf is always the whole document. So each
-// item's printed text is kept, keyed by interface, behind a copy of the record it was
-// printed from, and printed again only when the registry's record differs from that copy.
-// Only records the registry handed out since the last rendering are compared: the others
+// item's printed text is kept beside its registry record, behind a copy of the record it
+// was printed from, and printed again only when the record differs from that copy. Only
+// records the registry handed out since the last rendering are compared: the others
 // cannot have changed, and comparing thousands of them would cost more than the change.
 // An item whose printing logged a line (a list cut to its array, an address too long) is
-// not kept: its line comes again with every rewrite. A delete drops its interface's text;
-// texts of other names no item has any more go at the next rendering.
-static kq::JsonDoc s_ItemTexts;
+// not kept: its line comes again with every rewrite.
 
 // ---- Entry points -------------------------------------------------------------------
 
@@ -128,11 +126,8 @@ KQ_ERR_T KQCtrl_ConfigDynamicDel(const DhcpItemV2 *DhcpPb)
         KQ_LOG(kq::log::Error, "del dynamic relay failed(%d:%s)\n", KQ_ERR_ARGS(ret));
         return ret;
     }
-    if (DhcpPb != nullptr && DhcpPb->ifname != nullptr) {
+    if (DhcpPb != nullptr && DhcpPb->ifname != nullptr)
         _KQCtrl_DeleteDynamicConfListNode(DhcpPb->ifname);
-        if (s_ItemTexts)
-            json_object_object_del(s_ItemTexts.get(), DhcpPb->ifname);
-    }
     ret = _KQCtrl_UpdateDynamicConfFile();
     if (ret < 0) {
         KQ_LOG(kq::log::Error, "Update dynamic conf file failed(%d:%s)\n", KQ_ERR_ARGS(ret));
@@ -181,13 +176,12 @@ static bool _KQCtrl_AppendText(printbuf *Out, const char *Text, size_t Len)
            printbuf_memappend(Out, Text, static_cast<int>(Len)) >= 0;
 }
 
-// Appends the item text of Conf to Out, from s_ItemTexts when its record is unchanged,
-// else printed now and kept there in its place (*Kept: Conf's text is in s_ItemTexts).
-static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf, bool *Kept, printbuf *Out)
+// Appends the item text of Conf to Out: the kept one when its record is unchanged, else
+// printed now and kept in its place.
+static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf, printbuf *Out)
 {
     constexpr size_t recordLen = sizeof(*Conf);
-    *Kept = false;
-    json_object *kept = kq::json::Member(s_ItemTexts.get(), Conf->IfName);
+    json_object *kept = _KQCtrl_DynamicConfItemText(Conf);
     if (kept != nullptr && static_cast<size_t>(json_object_get_string_len(kept)) >= recordLen &&
         (!_KQCtrl_DynamicConfHandedOut(Conf) || memcmp(json_object_get_string(kept), Conf, recordLen) == 0)) {
         if (!_KQCtrl_AppendText(Out, json_object_get_string(kept) + recordLen,
@@ -195,11 +189,10 @@ static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF
             KQ_LOG(kq::log::Error, "new object failed.\n");
             return -ENOMEM;
         }
-        *Kept = true;
         return 0;
     }
-    // Whatever happens next, the text kept for this name is not this record's.
-    json_object_object_del(s_ItemTexts.get(), Conf->IfName);
+    // Whatever happens next, the kept text is not this record's.
+    _KQCtrl_SetDynamicConfItemText(Conf, nullptr);
 
     kq::JsonDoc item(json_object_new_object());
     if (!item) {
@@ -230,47 +223,23 @@ static KQ_ERR_T _KQCtrl_AppendDynamicConfItem(const KQ_CTRL_DYNAMIC_SERVICE_CONF
         return -ENOMEM;
     }
     json_object *text = json_object_new_string_len(entry.get()->buf, entry.get()->bpos);
-    if (text == nullptr || json_object_object_add(s_ItemTexts.get(), Conf->IfName, text) != 0) {
-        json_object_put(text);
+    if (text == nullptr) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
-    *Kept = true;
-    return 0;
-}
-
-// Drops the kept texts of names no item of the last rendering has: only needed when their
-// number says so (an interface turned off, a name twice), as a delete drops its own.
-static KQ_ERR_T _KQCtrl_PruneItemTexts(void)
-{
-    kq::JsonDoc texts(json_object_new_object());
-    if (!texts)
-        return -ENOMEM;
-    KQ_DYNAMIC_FOR_EACH_CONF(conf) {
-        json_object *kept = kq::json::Member(s_ItemTexts.get(), conf->IfName);
-        if (kept != nullptr && json_object_object_add(texts.get(), conf->IfName, json_object_get(kept)) != 0) {
-            json_object_put(kept);
-            return -ENOMEM;
-        }
-    }
-    s_ItemTexts.swap(texts);
+    _KQCtrl_SetDynamicConfItemText(Conf, text);
     return 0;
 }
 
 // The whole document, as json-c prints it from the registry ({ "dhcps": [ item, ... ] }),
-// into Out; the kept item texts are those of this rendering from then on.
+// into Out.
 static KQ_ERR_T _KQCtrl_RenderDynamicConf(printbuf *Out)
 {
-    if (!s_ItemTexts) {
-        kq::JsonDoc texts(json_object_new_object());
-        s_ItemTexts.swap(texts);
-    }
-    if (!s_ItemTexts || !_KQCtrl_AppendText(Out, "{ \"dhcps\": [", 12)) {
+    if (!_KQCtrl_AppendText(Out, "{ \"dhcps\": [", 12)) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }
     bool first = true;
-    size_t kept = 0;
     KQ_DYNAMIC_FOR_EACH_CONF(conf) {
         // An interface whose server and relay are both off has nothing to restore.
         if (conf->DynamicServerConf.NetAddrType == 0 && conf->DynamicRelayConf.NetAddrType == 0)
@@ -279,18 +248,12 @@ static KQ_ERR_T _KQCtrl_RenderDynamicConf(printbuf *Out)
             KQ_LOG(kq::log::Error, "new object failed.\n");
             return -ENOMEM;
         }
-        bool itemKept = false;
-        KQ_ERR_T ret = _KQCtrl_AppendDynamicConfItem(conf, &itemKept, Out);
+        KQ_ERR_T ret = _KQCtrl_AppendDynamicConfItem(conf, Out);
         if (ret < 0)
             return ret;
-        kept += itemKept ? 1 : 0;
         first = false;
     }
     if (!_KQCtrl_AppendText(Out, " ] }", 4)) {
-        KQ_LOG(kq::log::Error, "new object failed.\n");
-        return -ENOMEM;
-    }
-    if (static_cast<size_t>(json_object_object_length(s_ItemTexts.get())) != kept && _KQCtrl_PruneItemTexts() < 0) {
         KQ_LOG(kq::log::Error, "new object failed.\n");
         return -ENOMEM;
     }

@@ -23,6 +23,13 @@ void _KQCtrl_DeleteDynamicRelayConfListNode(const KQ_CTRL_DYNAMIC_RELAY_CONF *Dy
 // or an insert handed it out (or a name is in the registry twice, or memory ran out).
 bool _KQCtrl_DynamicConfHandedOut(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf);
 void _KQCtrl_ForgetDynamicConfHandedOut(void);
+// The text the last rendering of dhcp.conf kept for the record Conf (its bytes, then its
+// item text), or null. The registry owns it and drops it with the record; setting one
+// takes Text over (null drops the kept one).
+struct json_object *_KQCtrl_DynamicConfItemText(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf);
+void _KQCtrl_SetDynamicConfItemText(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf, struct json_object *Text);
+// How many records have their relay half on (IPv4).
+size_t _KQCtrl_DynamicRelayCount(void);
 // How many records the registry holds.
 size_t _KQCtrl_DynamicConfCount(void);
 

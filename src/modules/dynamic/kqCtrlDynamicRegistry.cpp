@@ -4,6 +4,7 @@
 #include <stddef.h>
 #include <string.h>
 
+#include <json-c/json.h>
 #include <json-c/linkhash.h>
 
 #include <memory>
@@ -50,6 +51,21 @@ KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *ScanForNode(const char *IfName)
         if (strcmp(NodeOf(link)->DynamicConf.IfName, IfName) == 0)
             return NodeOf(link);
     return nullptr;
+}
+
+// A record's node with what the module keeps beside it. The node comes first, so a node's
+// address is its wrapper's: every node of the list was allocated here.
+struct KeptNode {
+    KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE Node;
+    json_object *ItemText;  // owned; see _KQCtrl_DynamicConfItemText
+    bool Relay;             // its relay half was on at the last count
+};
+static_assert(offsetof(KeptNode, Node) == 0, "a node's address is its wrapper's");
+
+KeptNode *KeptOf(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf)
+{
+    return reinterpret_cast<KeptNode *>(const_cast<char *>(reinterpret_cast<const char *>(Conf)) -
+                                        offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, DynamicConf));
 }
 
 struct LhTableFree {
@@ -106,6 +122,43 @@ void Handed(const KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *Node)
     }
 }
 
+// How many records have their relay half on, so that a change with no relay interface
+// anywhere does not walk every record to find none. Only records handed out since the last
+// count can have changed; without that knowledge every record is counted again.
+size_t s_RelayCount = 0;
+
+bool RelayOn(const KQ_CTRL_DYNAMIC_SERVICE_CONF &Conf)
+{
+    return (Conf.DynamicRelayConf.NetAddrType & KQ_NET_ADDR_IPV4) != 0;
+}
+
+void RecountRelay(KeptNode *Node)
+{
+    const bool on = RelayOn(Node->Node.DynamicConf);
+    if (on != Node->Relay)
+        s_RelayCount += on ? 1 : static_cast<size_t>(-1);
+    Node->Relay = on;
+}
+
+bool TrackingHanded()
+{
+    return !s_AllHanded && Index() != nullptr && s_SameNames == 0;
+}
+
+void CountRelays()
+{
+    if (!TrackingHanded()) {
+        for (KQ_LIST_HEAD *link = sg_KqCtrlDynamicHead.next; link != &sg_KqCtrlDynamicHead; link = link->next)
+            RecountRelay(reinterpret_cast<KeptNode *>(NodeOf(link)));
+        return;
+    }
+    if (!s_Handed)
+        return;
+    lh_entry *entry = nullptr;
+    lh_foreach(s_Handed.get(), entry)
+        RecountRelay(static_cast<KeptNode *>(const_cast<void *>(lh_entry_k(entry))));
+}
+
 KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *FindNode(const char *IfName)
 {
     lh_table *index = Index();
@@ -129,17 +182,18 @@ KQ_LIST_HEAD *KQCtrl_GetDynamiclistHead(void)
 
 KQ_ERR_T KQCtrl_InsertDynamicConfListNode(const KQ_CTRL_DYNAMIC_SERVICE_CONF *DynamicConf)
 {
-    kq::HostObject<KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE> node;
-    if (!node) {
+    kq::HostObject<KeptNode> kept;  // zeroed: no item text, not counted as relay
+    if (!kept) {
         KQ_LOG(kq::log::Error, "Apply memory for dynamic conf node failed\n");
         return -ENOMEM;
     }
-    KQ_InitListHead(&node.get()->List);
-    memcpy(&node.get()->DynamicConf, DynamicConf, sizeof(*DynamicConf));
-    if (s_ByName && !IndexNode(s_ByName.get(), node.get()))
+    KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *node = &kept.get()->Node;
+    KQ_InitListHead(&node->List);
+    memcpy(&node->DynamicConf, DynamicConf, sizeof(*DynamicConf));
+    if (s_ByName && !IndexNode(s_ByName.get(), node))
         s_ByName.reset();
-    Handed(node.get());
-    KQ_ListAddTail(&node.release()->List, &sg_KqCtrlDynamicHead);
+    Handed(node);
+    KQ_ListAddTail(&kept.release()->Node.List, &sg_KqCtrlDynamicHead);
     ++s_Count;
     return 0;
 }
@@ -161,16 +215,34 @@ void _KQCtrl_DeleteDynamicConfListNode(const char *IfName)
         lh_table_delete(s_Handed.get(), node);
     KQ_ListDelInit(&node->List);
     --s_Count;
-    KQ_AgentMemFree(node);
+    KeptNode *kept = reinterpret_cast<KeptNode *>(node);
+    if (kept->Relay)
+        --s_RelayCount;
+    json_object_put(kept->ItemText);
+    KQ_AgentMemFree(kept);
 }
 
 bool _KQCtrl_DynamicConfHandedOut(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf)
 {
-    if (s_AllHanded || Index() == nullptr || s_SameNames > 0)
-        return true;
-    const auto *node = reinterpret_cast<const KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE *>(
-        reinterpret_cast<const char *>(Conf) - offsetof(KQ_CTRL_DYNAMIC_SERVICE_CONF_NODE, DynamicConf));
-    return s_Handed && lh_table_lookup_entry(s_Handed.get(), node) != nullptr;
+    return !TrackingHanded() || (s_Handed && lh_table_lookup_entry(s_Handed.get(), KeptOf(Conf)) != nullptr);
+}
+
+json_object *_KQCtrl_DynamicConfItemText(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf)
+{
+    return KeptOf(Conf)->ItemText;
+}
+
+void _KQCtrl_SetDynamicConfItemText(const KQ_CTRL_DYNAMIC_SERVICE_CONF *Conf, json_object *Text)
+{
+    KeptNode *kept = KeptOf(Conf);
+    json_object_put(kept->ItemText);
+    kept->ItemText = Text;
+}
+
+size_t _KQCtrl_DynamicRelayCount(void)
+{
+    CountRelays();
+    return s_RelayCount;
 }
 
 size_t _KQCtrl_DynamicConfCount(void)
@@ -180,6 +252,7 @@ size_t _KQCtrl_DynamicConfCount(void)
 
 void _KQCtrl_ForgetDynamicConfHandedOut(void)
 {
+    CountRelays();  // the relay count must not lose what these records did
     s_Handed.reset();
     s_AllHanded = false;
 }

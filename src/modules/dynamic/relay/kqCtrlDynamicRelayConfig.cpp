@@ -60,16 +60,19 @@ KQ_ERR_T _KQCtrl_ReloadDynamicRelay(void)
     }
 
     unsigned relayNum = 0;
-    KQ_DYNAMIC_FOR_EACH_CONF(conf) {
-        KQ_CTRL_DYNAMIC_RELAY_CONF *relayConf = &conf->DynamicRelayConf;
-        if (!IsRelayActive(relayConf))
-            continue;
-        ++relayNum;
-        KQ_ERR_T ret = KQCtrl_DynamicRelayConfAppend(content.get(), relayConf);
-        if (ret < 0) {
-            // The running relay is left as it was.
-            KQ_LOG(kq::log::Error, "Append dynamic relay conf failed(%d:%s)\n", KQ_ERR_ARGS(ret));
-            return ret;
+    // Without a relay interface anywhere, walking every record would find none.
+    if (_KQCtrl_DynamicRelayCount() != 0) {
+        KQ_DYNAMIC_FOR_EACH_CONF(conf) {
+            KQ_CTRL_DYNAMIC_RELAY_CONF *relayConf = &conf->DynamicRelayConf;
+            if (!IsRelayActive(relayConf))
+                continue;
+            ++relayNum;
+            KQ_ERR_T ret = KQCtrl_DynamicRelayConfAppend(content.get(), relayConf);
+            if (ret < 0) {
+                // The running relay is left as it was.
+                KQ_LOG(kq::log::Error, "Append dynamic relay conf failed(%d:%s)\n", KQ_ERR_ARGS(ret));
+                return ret;
+            }
         }
     }
 
