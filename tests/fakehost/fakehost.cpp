@@ -396,6 +396,16 @@ KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int)
     return KQ_WriteSyncWithFilePath(Path, Data, Len);
 }
 
+KQ_ERR_T KQ_HostAppendFile(const char *Path, const char *Data, size_t Len, int)
+{
+    FAIL_AS(KQ_ERR_T);
+    auto data = fakehost::ReadFile(Path);
+    if (!data)
+        return -ENOENT;
+    fakehost::WriteFile(Path, *data + std::string(Data, Len));
+    return 0;
+}
+
 KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
 {
     Host().Copies.emplace_back(From, To);

@@ -1,4 +1,8 @@
 // Atomic file replacement, copying and whole-file reading of the reference host.
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
 #include "hostTestUtil.h"
 
 namespace {
@@ -163,6 +167,34 @@ TEST(HostFiles, ADurableBatchWritesDhcpConfAndItsBackupOnceAtTheEnd)
     EXPECT_EQ(KQ_HostDurableBatchEnd(), -EISDIR);
     EXPECT_EQ(Slurp(bak), "fifth");
     EXPECT_TRUE(std::filesystem::is_directory(conf));
+}
+
+// An append adds its bytes whole or not at all, to a regular file that is there.
+TEST(HostFiles, AnAppendAddsItsBytesWholeOrNotAtAll)
+{
+    hosttest::TempDir dir("/etc");
+    const std::string journal = dir.path + "/journal", link = dir.path + "/link";
+    EXPECT_EQ(KQ_HostAppendFile(journal.c_str(), "a\n", 2, 1), -ENOENT);
+    ASSERT_EQ(KQ_HostWriteFile(journal.c_str(), "head\n", 5, 1), 0);
+    ASSERT_EQ(KQ_HostAppendFile(journal.c_str(), "one\n", 4, 1), 0);
+    ASSERT_EQ(KQ_HostAppendFile(journal.c_str(), "two\n", 4, 0), 0);
+    EXPECT_EQ(Slurp(journal), "head\none\ntwo\n");
+    ASSERT_EQ(symlink(journal.c_str(), link.c_str()), 0);
+    EXPECT_EQ((std::vector<int>{KQ_HostAppendFile(link.c_str(), "x", 1, 1), KQ_HostAppendFile(dir.path.c_str(), "x", 1, 1),
+                                KQ_HostAppendFile(nullptr, "x", 1, 1)}),
+              (std::vector<int>{-ELOOP, -EISDIR, -EINVAL}));
+    // A write cut short, here by the file size limit, is taken back.
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{20, 20};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        _exit(KQ_HostAppendFile(journal.c_str(), "three, more than fits\n", 22, 1) == -EFBIG ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Slurp(journal), "head\none\ntwo\n");
 }
 
 }  // namespace

@@ -226,7 +226,8 @@ TEST(HostProcess, DryRunChangesNothingAndReportsEverything)
             seen += std::string(op) + "|" + subject + "|" + std::string(data != nullptr ? data : "", len) + "\n";
         }, nullptr);
         std::string command = "/bin/touch " + file;
-        const int results[] = {KQ_WriteSyncWithFilePath(file.c_str(), "abc", 3), KQ_FileCopy("/etc/hostname", copy.c_str()),
+        const int results[] = {KQ_WriteSyncWithFilePath(file.c_str(), "abc", 3), KQ_HostAppendFile(file.c_str(), "de", 2, 1),
+                               KQ_FileCopy("/etc/hostname", copy.c_str()),
                                KQ_CmdExec(command.data()), KQ_RTCSystem(command.c_str()), KQ_KillPid(victim)};
         for (int result : results)
             seen += std::to_string(result) + "\n";
@@ -240,8 +241,8 @@ TEST(HostProcess, DryRunChangesNothingAndReportsEverything)
         seen.append(chunk, static_cast<size_t>(n));
     close(fds[0]);
     waitpid(child, nullptr, 0);
-    EXPECT_EQ(seen, "write|" + file + "|abc\ncopy|/etc/hostname|" + copy + "\nexec|/bin/touch " + file + "|\nsystem|/bin/touch " + file +
-                        "|\nkill|" + std::to_string(victim) + "|\n0\n0\n0\n0\n0\n");
+    EXPECT_EQ(seen, "write|" + file + "|abc\nappend|" + file + "|de\ncopy|/etc/hostname|" + copy + "\nexec|/bin/touch " + file +
+                        "|\nsystem|/bin/touch " + file + "|\nkill|" + std::to_string(victim) + "|\n0\n0\n0\n0\n0\n0\n");
     EXPECT_NE(access(file.c_str(), F_OK), 0);
     EXPECT_NE(access(copy.c_str(), F_OK), 0);
     EXPECT_FALSE(Gone(victim));

@@ -4,6 +4,11 @@
 // announced before writing it, never a torn one, and the backup is never older than the
 // document before dhcp.conf's.
 //
+// The agent's desired state survives a crash in the same way: a child records adds and
+// deletes as the agent does, through its journal, one to four per command, and folds the
+// journal into the document now and then; killed at any moment, the state read back is the
+// last one it announced or the one before.
+//
 // The child edits records through the exported registry operations and has the module
 // rewrite by deleting an interface that is not configured, or one of its own; in the
 // batched rounds it makes one to four such changes per durable batch of the host, as the
@@ -16,6 +21,7 @@
 
 #include <random>
 
+#include "kqAgentDesired.h"
 #include "kqHostLinux.h"
 #include "kqtest.h"
 #include "labutil.h"
@@ -94,6 +100,91 @@ std::string Expected(const std::string &Skip)
 size_t HashOf(const std::string &Path)
 {
     return lab::ReadFile(Path) ? std::hash<std::string>()(lab::Text(Path)) : 0;  // 0: no such file
+}
+
+size_t StateHash(const kqagent::DesiredState &Desired)
+{
+    std::string state;
+    for (const auto &entry : Desired.Entries())
+        state += entry.ifname + "\t" + entry.itemJson + "\n";
+    return std::hash<std::string>()(state);
+}
+
+[[noreturn]] void RunDesiredChild(int AnnounceFd, unsigned Seed, const std::string &Path)
+{
+    std::mt19937 rng(Seed);
+    kqagent::DesiredState desired(Path);
+    desired.KeepJournal(true);
+    if (!desired.Load())
+        _exit(2);
+    for (;;) {
+        desired.Hold();
+        for (unsigned change = 0, changes = 1 + rng() % 4; change < changes; ++change) {
+            const std::string name = "lan" + std::to_string(rng() % 8);
+            if (rng() % 3 == 0) {
+                desired.RecordDelete(name);
+                continue;
+            }
+            const auto parsed = kqagent::ParseRequests(
+                R"({"requests":[{"op":"add","item":{"ifname":")" + name +
+                R"(","ipv4dhcpitem":{"mode":"server","dhcpserver":{"dhcpiprange":[{"begin":"192.0.2.10","len":10}],)"
+                R"("netmask":"255.255.255.0","leasetime":)" + std::to_string(60 + rng() % 100000) + "}}}}]}");
+            if (!parsed.Ok())
+                _exit(3);
+            desired.RecordAdd(parsed.requests[0]);
+        }
+        const size_t hash = StateHash(desired);
+        if (write(AnnounceFd, &hash, sizeof(hash)) != sizeof(hash))
+            _exit(4);
+        if (desired.Release() != 0)
+            _exit(5);
+        if (rng() % 8 == 0 && desired.Fold() != 0)
+            _exit(6);
+    }
+}
+
+TEST(PersistCrash, KilledDesiredStateChangesLeaveTheLastAnnouncedState)
+{
+    LAB_REQUIRE();
+    lab::TempDir dir;
+    lab::UseHost(dir, R"("logLevel": 4)");
+    const std::string path = dir.File("desired.json");
+    std::mt19937 rng(20261125);
+    size_t previous = StateHash(kqagent::DesiredState(path));
+    int caughtBetween = 0, folds = 0;
+    for (int round = 0; round < 100 && !HasFailure(); ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0)
+            RunDesiredChild(fds[1], 5000u + static_cast<unsigned>(round), path);
+        close(fds[1]);
+        std::vector<size_t> states{previous};
+        size_t hash;
+        if (read(fds[0], &hash, sizeof(hash)) == sizeof(hash))
+            states.push_back(hash);
+        usleep(rng() % 40000);
+        kill(pid, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the child ended by itself: " << status;
+        while (read(fds[0], &hash, sizeof(hash)) == sizeof(hash))
+            states.push_back(hash);
+        close(fds[0]);
+
+        kqagent::DesiredState reader(path);
+        ASSERT_TRUE(reader.Load()) << reader.Problem();
+        const size_t n = states.size(), now = StateHash(reader);
+        EXPECT_TRUE(now == states[n - 1] || (n >= 2 && now == states[n - 2])) << "the desired state is no announced one";
+        caughtBetween += now != states[n - 1];
+        folds += lab::Text(path + ".journal").find('\n') + 1 == lab::Text(path + ".journal").size();
+        previous = now;
+    }
+    // Kills must have landed inside writes, and folds have happened, or this proved little.
+    EXPECT_GT(caughtBetween, 0);
+    EXPECT_GT(folds, 0);
 }
 
 TEST(PersistCrash, KilledRewritesLeaveWholeDocuments)

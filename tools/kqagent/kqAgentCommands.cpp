@@ -76,6 +76,15 @@ Agent::Agent(bool daemon) : daemon_(daemon), desired_(KQ_HostDesiredStatePath())
     const std::string rules = socket.substr(0, socket.rfind('/') + 1) + "policy-rules";
     if (const KQ_ERR_T result = KQ_HostRuleKeepIn(rules.c_str()); result < 0)
         std::cerr << "kqagent: " << rules << ": " << ErrnoName(result) << "; the policy rules start empty" << std::endl;
+    // A command on its own leaves the document whole and current; the agent keeps a journal.
+    desired_.KeepJournal(daemon);
+}
+
+void Agent::FoldDesired(std::ostream &err)
+{
+    if (const int folded = desired_.Fold(); folded < 0)
+        err << "kqagent: warning: " << desired_.Path() << " could not be rewritten (" << ErrnoName(folded) << "); "
+            << desired_.JournalPath() << " keeps the changes since\n";
 }
 
 int Agent::ReportRunning(std::ostream &out, std::ostream &err)
@@ -114,6 +123,7 @@ int Agent::ReportRunning(std::ostream &out, std::ostream &err)
 int Agent::Reload(std::ostream &out, std::ostream &err)
 {
     DesiredState fresh(KQ_HostDesiredStatePath());
+    fresh.KeepJournal(daemon_);
     if (!fresh.Load()) {
         err << "kqagent: reload: desired state " << fresh.Problem() << "; nothing changed\n";
         desired_ = std::move(fresh);  // never written while it stays unreadable
@@ -175,6 +185,8 @@ int Agent::Reload(std::ostream &out, std::ostream &err)
         if (result < 0)
             status = kExitFailed;
     }
+    if (fresh.Unfollowed() > 0)
+        err << "kqagent: reload: note: " << fresh.UnfollowedNote() << "\n";
     desired_ = std::move(fresh);
     RecordServices();
     return status;

@@ -79,6 +79,8 @@ public:
     void RecordServices(const std::set<std::string> *only = nullptr);
     // Writes services.json when what it records changed.
     void SaveServices();
+    // Writes the desired state whole when its journal holds changes (at the agent's stop).
+    void FoldDesired(std::ostream &err);
     // Set by the daemon: services.json is then written a moment after a change, once for a
     // burst of changes, and at the latest when the agent stops. Unset: at once.
     std::function<void()> deferServicesSave;

@@ -450,6 +450,7 @@ int Serve()
         CloseConnection(*daemon.connections.begin());
     daemon.servicesTimer = sd_event_source_disable_unref(daemon.servicesTimer);
     daemon.agent.SaveServices();
+    daemon.agent.FoldDesired(std::cerr);
     sd_event_source_disable_unref(listenSource);
     close(listener);
     unlink(socketPath.c_str());

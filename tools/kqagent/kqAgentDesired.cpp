@@ -5,11 +5,13 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <sstream>
 
 #include "kqAgentCommon.h"
+#include "kqAgentProcess.h"
 #include "kqHost.h"
 #include "kqHostLinux.h"
 
@@ -26,7 +28,7 @@ std::string Plain(json_object *object)
 
 // An entry through the same checks as a request file, so that what the module gets at
 // start-up is exactly what it accepted before.
-DesiredEntry ReadEntry(json_object *item, size_t index)
+DesiredEntry ReadEntry(json_object *item, const std::string &at)
 {
     DesiredEntry entry;
     entry.itemJson = Plain(item);
@@ -41,11 +43,44 @@ DesiredEntry ReadEntry(json_object *item, size_t index)
         const std::string prefix = "request 0: item";
         if (where.compare(0, prefix.size(), prefix) == 0)
             where = where.substr(prefix.size());
-        entry.problem = "interfaces[" + std::to_string(index) + "]" + (where.empty() || where[0] != '.' ? ": " : "") + where;
+        entry.problem = at + (where.empty() || where[0] != '.' ? ": " : "") + where;
         return entry;
     }
     entry.request = std::move(parsed.requests[0]);
     return entry;
+}
+
+// The whole file into text: 0, or a negative errno (-ENOENT: there is none).
+int ReadWhole(const std::string &path, std::string &text)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return -errno;
+    std::ostringstream read;
+    read << in.rdbuf();
+    if (in.bad())
+        return -(errno != 0 ? errno : EIO);
+    text = read.str();
+    return 0;
+}
+
+// One JSON value that is all of text, else null.
+JsonPtr ParseWhole(std::string_view text)
+{
+    json_tokener *tokener = json_tokener_new();
+    JsonPtr value(tokener == nullptr ? nullptr : json_tokener_parse_ex(tokener, text.data(), static_cast<int>(text.size())),
+                  json_object_put);
+    if (tokener != nullptr && (json_tokener_get_error(tokener) != json_tokener_success ||
+                               json_tokener_get_parse_end(tokener) != text.size()))
+        value.reset();
+    json_tokener_free(tokener);
+    return value;
+}
+
+std::string JsonString(const std::string &text)
+{
+    JsonPtr value(json_object_new_string(text.c_str()), json_object_put);
+    return Plain(value.get());
 }
 
 DesiredClientEntry ReadClient(json_object *object, size_t index)
@@ -132,25 +167,26 @@ bool DesiredState::Load()
     first_.clear();
     repeated_ = false;
     undo_.clear();
+    pending_.clear();
     held_ = false;
     exists_ = false;
-    std::ifstream in(path_, std::ios::binary);
-    if (!in) {
-        if (errno == ENOENT)
-            return true;  // nothing accepted yet
-        exists_ = true;
-        problem_ = path_ + ": cannot be read: " + strerror(errno);
-        return false;
-    }
+    written_.clear();
+    writtenSize_ = journalSize_ = journalChanges_ = unfollowed_ = 0;
+    journalThere_ = journalOpen_ = false;
+    // The journal first: a fold between the two reads then shows as a journal that follows
+    // another text, whose changes the document read after it holds.
+    std::string journal, body;
+    const int journalRead = ReadWhole(JournalPath(), journal);
+    journalThere_ = journalRead != -ENOENT;
+    const int read = ReadWhole(path_, body);
+    if (read == -ENOENT)
+        return true;  // nothing accepted yet; a journal there follows no document
     exists_ = true;
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) {
-        problem_ = path_ + ": cannot be read: " + strerror(errno);
+    if (read < 0) {
+        problem_ = path_ + ": cannot be read: " + strerror(-read);
         return false;
     }
     json_tokener *tokener = json_tokener_new();
-    const std::string body = text.str();
     JsonPtr root(json_tokener_parse_ex(tokener, body.c_str(), static_cast<int>(body.size()) + 1), json_object_put);
     const json_tokener_error status = json_tokener_get_error(tokener);
     json_tokener_free(tokener);
@@ -165,7 +201,7 @@ bool DesiredState::Load()
         return false;
     }
     for (size_t i = 0; i < json_object_array_length(items); ++i) {
-        DesiredEntry entry = ReadEntry(json_object_array_get_idx(items, i), i);
+        DesiredEntry entry = ReadEntry(json_object_array_get_idx(items, i), "interfaces[" + std::to_string(i) + "]");
         if (entry.request && Find(entry.ifname) != nullptr)
             entry = DesiredEntry{entry.ifname, entry.itemJson, std::nullopt,
                                  "interfaces[" + std::to_string(i) + "]: " + entry.ifname + " is listed twice"};
@@ -190,6 +226,65 @@ bool DesiredState::Load()
             clients_.push_back(std::move(entry));
         }
     }
+    written_ = Fingerprint(body);
+    writtenSize_ = body.size();
+    if (journalRead < 0 && journalThere_) {
+        problem_ = JournalPath() + ": cannot be read: " + strerror(-journalRead);
+    } else if (Replay(journal)) {
+        return true;
+    }
+    entries_.clear();
+    clients_.clear();
+    Index();
+    return false;
+}
+
+bool DesiredState::Replay(const std::string &journal)
+{
+    if (!journalThere_)
+        return true;
+    const std::string name = JournalPath();
+    const size_t headerEnd = journal.find('\n');
+    JsonPtr header = ParseWhole(std::string_view(journal).substr(0, headerEnd));
+    json_object *after = nullptr;
+    if (headerEnd == std::string::npos || !header || !json_object_object_get_ex(header.get(), "after", &after) ||
+        !json_object_is_type(after, json_type_string)) {
+        problem_ = name + ": line 1: not the start of a desired-state journal";
+        return false;
+    }
+    const bool follows = written_ == json_object_get_string(after);
+    size_t line = 2, at = headerEnd + 1;
+    for (; at < journal.size(); ++line) {
+        const size_t end = journal.find('\n', at);
+        if (end == std::string::npos)
+            break;  // cut short
+        JsonPtr change = ParseWhole(std::string_view(journal).substr(at, end - at));
+        json_object *item = nullptr, *gone = nullptr;
+        const bool add = change && json_object_object_length(change.get()) == 1 &&
+                         json_object_object_get_ex(change.get(), "add", &item) && json_object_is_type(item, json_type_object);
+        const bool del = change && json_object_object_length(change.get()) == 1 &&
+                         json_object_object_get_ex(change.get(), "delete", &gone) && json_object_is_type(gone, json_type_string);
+        if (!add && !del) {
+            if (end + 1 == journal.size())
+                break;  // the last line, cut short and ended by chance
+            if (follows) {
+                problem_ = name + ": line " + std::to_string(line) + ": not a change of the desired state";
+                return false;
+            }
+        } else if (follows && add) {
+            ApplyAdd(ReadEntry(item, name + " line " + std::to_string(line) + ": item"));
+        } else if (follows) {
+            ApplyDelete(json_object_get_string(gone));
+        }
+        at = end + 1;
+    }
+    if (!follows) {
+        unfollowed_ = line - 2;
+        return true;
+    }
+    journalOpen_ = at == journal.size();
+    journalSize_ = journal.size();
+    journalChanges_ = line - 2;
     return true;
 }
 
@@ -220,10 +315,7 @@ int DesiredState::RecordClientEnable(const DesiredClient &client)
     }
     if (!placed)
         next.push_back(DesiredClientEntry{client.Json(), client, ""});
-    const int result = Save(entries_, next);
-    if (result == 0)
-        clients_ = std::move(next);
-    return result;
+    return ReplaceClients(std::move(next));
 }
 
 int DesiredState::RecordClientDisable(const std::string &ifname, bool ipv6)
@@ -236,9 +328,15 @@ int DesiredState::RecordClientDisable(const std::string &ifname, bool ipv6)
             next.push_back(entry);
     if (next.size() == clients_.size())
         return 0;
-    const int result = Save(entries_, next);
-    if (result == 0)
-        clients_ = std::move(next);
+    return ReplaceClients(std::move(next));
+}
+
+int DesiredState::ReplaceClients(std::vector<DesiredClientEntry> next)
+{
+    std::swap(clients_, next);
+    const int result = WriteWhole();
+    if (result < 0)
+        std::swap(clients_, next);
     return result;
 }
 
@@ -267,13 +365,9 @@ bool DesiredState::Lists(const std::string &ifname) const
     return first_.count(ifname) != 0;
 }
 
-int DesiredState::RecordAdd(const Request &request)
+DesiredState::Undo DesiredState::ApplyAdd(DesiredEntry entry)
 {
-    if (Broken())
-        return -EIO;
-    // The accepted request replaces the interface's entry in place, also one that could not
-    // be read: the module now runs what this request says.
-    DesiredEntry entry{request.Item().ifname, ItemJson(request), request, ""};
+    // The entry replaces the interface's entry in place, also one that could not be read.
     if (repeated_) {
         std::vector<DesiredEntry> next;
         bool placed = false;
@@ -289,26 +383,24 @@ int DesiredState::RecordAdd(const Request &request)
         Undo undo{Undo::Kind::Whole, 0, std::move(entries_)};
         entries_ = std::move(next);
         Index();
-        return Commit(std::move(undo));
+        return undo;
     }
     const auto it = first_.find(entry.ifname);
     if (it == first_.end()) {
         first_.emplace(entry.ifname, entries_.size());
         entries_.push_back(std::move(entry));
-        return Commit(Undo{Undo::Kind::Appended, entries_.size() - 1, {}});
+        return Undo{Undo::Kind::Appended, entries_.size() - 1, {}};
     }
     Undo undo{Undo::Kind::Replaced, it->second, {}};
     undo.entries.push_back(std::move(entries_[it->second]));
     entries_[it->second] = std::move(entry);
-    return Commit(std::move(undo));
+    return undo;
 }
 
-int DesiredState::RecordDelete(const std::string &ifname)
+std::optional<DesiredState::Undo> DesiredState::ApplyDelete(const std::string &ifname)
 {
-    if (Broken())
-        return -EIO;
     if (!Lists(ifname))
-        return 0;
+        return std::nullopt;
     if (repeated_) {
         std::vector<DesiredEntry> next;
         for (const auto &entry : entries_)
@@ -317,7 +409,7 @@ int DesiredState::RecordDelete(const std::string &ifname)
         Undo undo{Undo::Kind::Whole, 0, std::move(entries_)};
         entries_ = std::move(next);
         Index();
-        return Commit(std::move(undo));
+        return undo;
     }
     const size_t at = first_[ifname];
     Undo undo{Undo::Kind::Erased, at, {}};
@@ -326,7 +418,28 @@ int DesiredState::RecordDelete(const std::string &ifname)
     first_.erase(ifname);
     for (size_t i = at; i < entries_.size(); ++i)
         first_[entries_[i].ifname] = i;
-    return Commit(std::move(undo));
+    return undo;
+}
+
+int DesiredState::RecordAdd(const Request &request)
+{
+    if (Broken())
+        return -EIO;
+    // The module now runs what this request says.
+    DesiredEntry entry{request.Item().ifname, ItemJson(request), request, ""};
+    pending_.append("{\"add\":").append(entry.itemJson).append("}\n");
+    return Commit(ApplyAdd(std::move(entry)));
+}
+
+int DesiredState::RecordDelete(const std::string &ifname)
+{
+    if (Broken())
+        return -EIO;
+    std::optional<Undo> undo = ApplyDelete(ifname);
+    if (!undo)
+        return 0;
+    pending_.append("{\"delete\":").append(JsonString(ifname)).append("}\n");
+    return Commit(std::move(*undo));
 }
 
 int DesiredState::Commit(Undo undo)
@@ -337,10 +450,23 @@ int DesiredState::Commit(Undo undo)
 
 int DesiredState::SaveOrRollback()
 {
-    const int result = Save(entries_, clients_);
+    // A journal longer than the document would cost each reader more than a fold costs now.
+    constexpr size_t kJournalFloor = 64 * 1024;
+    int result = -ENOENT;
+    if (keepJournal_ && journalOpen_ && journalSize_ + pending_.size() <= std::max(kJournalFloor, writtenSize_)) {
+        result = KQ_HostAppendFile(JournalPath().c_str(), pending_.data(), pending_.size(), 1);
+        if (result == 0) {
+            journalSize_ += pending_.size();
+            journalChanges_ += undo_.size();
+        }
+        journalOpen_ = result == 0;
+    }
+    if (result < 0)
+        result = WriteWhole();
     if (result < 0)
         Rollback();
     undo_.clear();
+    pending_.clear();
     return result;
 }
 
@@ -363,6 +489,7 @@ void DesiredState::Rollback()
         }
     }
     undo_.clear();
+    pending_.clear();
     Index();
 }
 
@@ -377,34 +504,72 @@ int DesiredState::Release()
     return undo_.empty() ? 0 : SaveOrRollback();
 }
 
-int DesiredState::Save(const std::vector<DesiredEntry> &entries, const std::vector<DesiredClientEntry> &clients)
+std::string DesiredState::Text() const
 {
     // One item per line: readable, and a diff shows which interface changed. Entries that
     // could not be read are kept as they were.
     size_t size = 64;
-    for (const auto &entry : entries)
+    for (const auto &entry : entries_)
         size += entry.itemJson.size() + 4;
-    for (const auto &client : clients)
+    for (const auto &client : clients_)
         size += client.json.size() + 4;
     std::string text;
     text.reserve(size);
     text += "{\"interfaces\":[";
-    for (size_t i = 0; i < entries.size(); ++i)
-        text.append(i == 0 ? "\n  " : ",\n  ").append(entries[i].itemJson);
+    for (size_t i = 0; i < entries_.size(); ++i)
+        text.append(i == 0 ? "\n  " : ",\n  ").append(entries_[i].itemJson);
     text += "\n]";
-    if (!clients.empty()) {
+    if (!clients_.empty()) {
         text += ",\"clients\":[";
-        for (size_t i = 0; i < clients.size(); ++i)
-            text.append(i == 0 ? "\n  " : ",\n  ").append(clients[i].json);
+        for (size_t i = 0; i < clients_.size(); ++i)
+            text.append(i == 0 ? "\n  " : ",\n  ").append(clients_[i].json);
         text += "\n]";
     }
     text += "}\n";
-    // Durable: after a power cut this document is the only whole copy of the configuration.
-    const int32_t written = KQ_HostWriteFile(path_.c_str(), text.c_str(), text.size(), 1);
-    if (written < 0)
-        return static_cast<int>(written);
-    exists_ = true;
+    return text;
+}
+
+int DesiredState::WriteWhole()
+{
+    const std::string text = Text();
+    const std::string fingerprint = Fingerprint(text);
+    const bool rewrite = !exists_ || fingerprint != written_;
+    if (rewrite) {
+        // Durable: after a power cut this document is the only whole copy of the configuration.
+        const int32_t written = KQ_HostWriteFile(path_.c_str(), text.c_str(), text.size(), 1);
+        if (written < 0)
+            return static_cast<int>(written);
+        exists_ = true;
+        written_ = fingerprint;
+        writtenSize_ = text.size();
+    }
+    if (!keepJournal_ && !journalThere_)
+        return 0;
+    const std::string header = "{\"journal\":1,\"after\":\"" + fingerprint + "\"}\n";
+    const int32_t started = KQ_HostWriteFile(JournalPath().c_str(), header.c_str(), header.size(), 1);
+    if (started < 0) {
+        journalOpen_ = false;
+        // A rewritten document leaves the old journal following another text: it adds
+        // nothing. The same text again would take its changes once more.
+        return rewrite || journalChanges_ == 0 ? 0 : static_cast<int>(started);
+    }
+    journalThere_ = journalOpen_ = true;
+    journalSize_ = header.size();
+    journalChanges_ = unfollowed_ = 0;
     return 0;
+}
+
+std::string DesiredState::UnfollowedNote() const
+{
+    return JournalPath() + " follows an earlier text of " + path_ + ": its " + std::to_string(unfollowed_) +
+           " change(s) are left out (a rewrite cut short holds them, a document written by hand since does not)";
+}
+
+int DesiredState::Fold()
+{
+    if (Broken() || !exists_ || (journalChanges_ == 0 && (journalOpen_ || !journalThere_)))
+        return 0;
+    return WriteWhole();
 }
 
 }  // namespace kqagent

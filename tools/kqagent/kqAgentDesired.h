@@ -6,6 +6,17 @@
 // {"ifname":..., "family":"ipv4"|"ipv6", "zone":N} with, for ipv6, "type" and "rs". It is rewritten atomically, and only after
 // the module accepted a request. A document that cannot be read is never overwritten:
 // the operator's copy is the only one there is.
+//
+// Through the agent an interface's change is appended to a journal beside the document
+// ("<document>.journal") instead: one line, synced, where a rewrite of thousands of items
+// would cost more than the change. Its first line names the document it follows by the
+// fingerprint of its text ({"journal":1,"after":"<fingerprint>"}), each other line is
+// {"add":<item>} or {"delete":"<ifname>"}. The document is rewritten whole ("folded") when
+// the journal grows past it, when a client changes, when the agent starts with changes in
+// the journal and when it stops; the journal then starts afresh after it. A journal that
+// follows another text than the document's (a document written by hand, or one folded
+// while the journal was read) adds nothing; a last line cut short (a write that never
+// returned) is left out and the next change folds.
 #pragma once
 
 #include <optional>
@@ -75,6 +86,18 @@ public:
     void Hold();
     int Release();
 
+    // On: interfaces' changes go to the journal (see above); off: each rewrites the document.
+    void KeepJournal(bool keep) { keepJournal_ = keep; }
+    // Rewrites the document when the journal holds changes or cannot take more, and starts
+    // the journal afresh; 0 or a negative errno (the journal then stays as it was). Never
+    // creates a document that is not there.
+    int Fold();
+    std::string JournalPath() const { return path_ + ".journal"; }
+    // How many changes the last Load found in a journal that follows another document.
+    size_t Unfollowed() const { return unfollowed_; }
+    // Says so, for the log.
+    std::string UnfollowedNote() const;
+
     const std::vector<DesiredClientEntry> &Clients() const { return clients_; }
     // The enabled client of an interface and family, or null.
     const DesiredClient *FindClient(const std::string &ifname, bool ipv6) const;
@@ -90,10 +113,17 @@ private:
         size_t at = 0;
         std::vector<DesiredEntry> entries;  // Replaced, Erased: the entry before; Whole: all of them
     };
-    int Save(const std::vector<DesiredEntry> &entries, const std::vector<DesiredClientEntry> &clients);
+    Undo ApplyAdd(DesiredEntry entry);
+    std::optional<Undo> ApplyDelete(const std::string &ifname);  // nullopt: not listed
+    // Takes the journal's changes when it follows the document; false when it cannot be read.
+    bool Replay(const std::string &journal);
+    std::string Text() const;
+    // The document whole from this object, then a fresh journal after it.
+    int WriteWhole();
+    int ReplaceClients(std::vector<DesiredClientEntry> next);
     int Commit(Undo undo);
     void Rollback();
-    // Writes the entries; a failed write takes back every change since the last one.
+    // Writes the changes since the last write; a failed write takes back every one of them.
     int SaveOrRollback();
     void Index();
     std::string path_;
@@ -106,7 +136,17 @@ private:
     bool repeated_ = false;
     bool held_ = false;
     std::vector<Undo> undo_;  // the changes since Hold, or the one being written
+    std::string pending_;     // their journal lines
     std::vector<DesiredClientEntry> clients_;
+
+    bool keepJournal_ = false;
+    std::string written_;      // fingerprint of the document's text on disk
+    size_t writtenSize_ = 0;
+    bool journalThere_ = false;  // a journal file is there
+    bool journalOpen_ = false;   // it follows the document and ends with a whole line
+    size_t journalSize_ = 0;
+    size_t journalChanges_ = 0;
+    size_t unfollowed_ = 0;
 };
 
 // The zone text of a command line or document: 0..4294967295, digits only.

@@ -324,6 +324,10 @@ int Agent::Startup(std::ostream &out, std::ostream &err)
 {
     const std::string confPath = KQ_AgentPathDhcpConf();
     desired_.Load();
+    if (desired_.Unfollowed() > 0)
+        err << "kqagent: note: " << desired_.UnfollowedNote() << "\n";
+    if (daemon_)
+        FoldDesired(err);  // the document whole and current again, as it is left at a stop
     if (!desired_.Exists() || desired_.Broken()) {
         // No desired state to restore from (an agent that never ran, an upgrade from one
         // that kept none, or a file the operator must repair): the module's own restore of

@@ -383,6 +383,29 @@ KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int Du
     return WriteText(Path, Data, Len, Durable != 0 ? Sync::Full : Sync::None);
 }
 
+KQ_ERR_T KQ_HostAppendFile(const char *Path, const char *Data, size_t Len, int Durable)
+{
+    if (Path == nullptr || (Data == nullptr && Len > 0))
+        return -EINVAL;
+    if (kqhost::DryRunTakes("append", Path, Data, Len))
+        return 0;
+    Fd fd(open(Path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
+    if (fd.get() < 0)
+        return -errno;
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0)
+        return -errno;
+    if (!S_ISREG(st.st_mode))
+        return -EINVAL;
+    int ret = WriteAll(fd.get(), Data, Len);
+    if (ret == 0 && Durable != 0 && fdatasync(fd.get()) != 0)
+        ret = -errno;
+    // A reader must not find half of it: the file ends where it ended.
+    if (ret < 0 && ftruncate(fd.get(), st.st_size) != 0)
+        return ret;
+    return ret < 0 ? ret : fd.Close();
+}
+
 KQ_ERR_T KQ_FileCopy(const char *From, const char *To)
 {
     if (From == nullptr || To == nullptr)

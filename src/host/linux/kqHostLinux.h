@@ -147,9 +147,15 @@ KQ_ERR_T KQ_HostNetnsName(uint32_t VpnId, char *Buf, size_t Size);
  * the agent's own state), zero: atomic, not synced. */
 KQ_ERR_T KQ_HostWriteFile(const char *Path, const char *Data, size_t Len, int Durable);
 
+/* Appends Len bytes of Data to the existing regular file Path (-ENOENT when there is none)
+ * in one write; Durable non-zero: synced (fdatasync) before this returns. A failed append
+ * cuts the file back to where it ended. For a journal that a reader takes up to its last
+ * whole line. */
+KQ_ERR_T KQ_HostAppendFile(const char *Path, const char *Data, size_t Len, int Durable);
+
 /* Dry run: from now on this process changes nothing on the machine. Every host operation
  * that would is handed to Sink instead and reported as done, as it would be on success;
- * reads still read. Op and Subject: "write" and the path (Data the bytes), "copy" and the
+ * reads still read. Op and Subject: "write" or "append" and the path (Data the bytes), "copy" and the
  * source (Data the target), "exec" or "system" and the command line, "kill" and the pid,
  * "send" and "" (Data the packet), "log" and the level "1".."4" (Data the line). For a
  * forked child that shows what the module would do; there is no way back. */
