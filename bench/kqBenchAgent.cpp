@@ -327,6 +327,15 @@ double AgentCpuMs(pid_t pid)
     return ms;
 }
 
+// What the agent handed to write() so far, in bytes ("wchar" of /proc/PID/io): unlike its
+// CPU time on a shared machine, the same for the same work.
+double AgentWrittenBytes(pid_t pid)
+{
+    const std::string io = ReadText("/proc/" + std::to_string(pid) + "/io");
+    const size_t at = io.find("wchar: ");
+    return at == std::string::npos ? 0 : strtod(io.c_str() + at + 7, nullptr);
+}
+
 // SIGTERM and wait; the time it took in ms.
 double StopAgent(Agent &agent)
 {
@@ -565,6 +574,7 @@ struct BringUp {
     // (reaping, services.json, timers), per change: the medians above see only each
     // answer's own window.
     double allChangesCpuMs = 0;
+    double writtenKbPerChange = 0;  // bytes the agent wrote over all changes, per change
 };
 
 constexpr size_t kChanges = 15;
@@ -607,7 +617,7 @@ BringUp BringUpAndChange(size_t n, bool profile)
     }
     const std::string add = OneRequest(AddRequest(n)),
                       del = OneRequest("{ \"op\": \"delete\", \"item\": { \"ifname\": \"" + IfName(n) + "\" } }");
-    const double all0 = AgentCpuMs(agent.pid);
+    const double all0 = AgentCpuMs(agent.pid), written0 = AgentWrittenBytes(agent.pid);
     for (size_t k = 0; k < kChanges; ++k) {
         const std::string lease = OneRequest(AddRequest(0, k % 2 == 0 ? 43200 : 86400));
         for (const auto &[what, text] : {std::pair{"add", &add}, {"lease", &lease}, {"delete", &del}}) {
@@ -619,6 +629,7 @@ BringUp BringUpAndChange(size_t n, bool profile)
     }
     usleep(1500000);  // what the agent defers after a change is done
     result.allChangesCpuMs = (AgentCpuMs(agent.pid) - all0) / (3 * kChanges);
+    result.writtenKbPerChange = (AgentWrittenBytes(agent.pid) - written0) / 1024 / (3 * kChanges);
     if (perf > 0) {
         kill(perf, SIGINT);
         waitpid(perf, nullptr, 0);
@@ -754,7 +765,7 @@ int main(int argc, char **argv)
     // dnsmasq files that the floor starts.
     std::map<size_t, std::vector<Sample>> bringupSamples, restoreSamples, floorSamples;
     std::map<size_t, std::map<std::string, std::vector<Change>>> changeSamples;
-    std::map<size_t, std::vector<double>> allChangesSamples;
+    std::map<size_t, std::vector<double>> allChangesSamples, writtenSamples;
     const size_t measured = restores ? rounds : 0;
     for (size_t round = 0; round < measured; ++round) {
         std::vector<size_t> order = sizes;
@@ -768,15 +779,17 @@ int main(int argc, char **argv)
             for (auto &[what, changes] : up.changes)
                 changeSamples[n][what].insert(changeSamples[n][what].end(), changes.begin(), changes.end());
             allChangesSamples[n].push_back(up.allChangesCpuMs);
+            writtenSamples[n].push_back(up.writtenKbPerChange);
             restoreSamples[n].push_back(Restore(n));
             if (round % 2 == 0)
                 floorSamples[n].push_back(Floor(n));
             auto cpu = [&](const char *what) { return MedianOf(up.changes[what], [](const Change &c) { return c.cpuMs; }); };
             printf("round %zu, %zu LANs: bring-up %.1f ms (agent CPU %.1f), restore %.1f ms (ready %.1f), floor %.1f ms; "
-                   "change CPU add / lease / delete %.2f / %.2f / %.2f ms, all changes %.2f ms each; load %.2f\n",
+                   "change CPU add / lease / delete %.2f / %.2f / %.2f ms, all changes %.2f ms and %.1f KB written each; "
+                   "load %.2f\n",
                    round + 1, n, up.sample.ms, up.sample.cpuMs, restoreSamples[n].back().ms,
                    restoreSamples[n].back().readyMs, floorSamples[n].back().ms, cpu("add"), cpu("lease"), cpu("delete"),
-                   up.allChangesCpuMs, Load1());
+                   up.allChangesCpuMs, up.writtenKbPerChange, Load1());
             fflush(stdout);
         }
     }
@@ -838,6 +851,7 @@ int main(int argc, char **argv)
                 fig[std::string(what) + "_cpu_ms"] = MedianOf(changeSamples[n][what], [](const Change &c) { return c.cpuMs; });
             }
             fig["changes_cpu_ms"] = Median(allChangesSamples[n]);
+            fig["changes_written_kb"] = Median(writtenSamples[n]);
             std::vector<Sample> all = u;
             all.insert(all.end(), r.begin(), r.end());
             all.insert(all.end(), f.begin(), f.end());
