@@ -19,6 +19,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <functional>
 #include <random>
 
 #include "kqAgentDesired.h"
@@ -97,6 +98,37 @@ std::string Expected(const std::string &Skip)
     }
 }
 
+// Runs Child in a fork and kills it with SIGKILL at a random moment after its first
+// announcement, however slow the machine is to start it; returns Previous, then every hash
+// the child announced (before each write, the hash of what it is about to write).
+std::vector<size_t> KillAtRandom(const std::function<void(int)> &Child, size_t Previous, std::mt19937 &Rng)
+{
+    std::vector<size_t> hashes{Previous};
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "pipe2: " << strerror(errno);
+        return hashes;
+    }
+    const pid_t pid = fork();
+    if (pid == 0) {
+        Child(fds[1]);
+        _exit(9);
+    }
+    close(fds[1]);
+    size_t hash;
+    if (read(fds[0], &hash, sizeof(hash)) == sizeof(hash))
+        hashes.push_back(hash);
+    usleep(Rng() % 40000);
+    kill(pid, SIGKILL);
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the child ended by itself: " << status;
+    while (read(fds[0], &hash, sizeof(hash)) == sizeof(hash))
+        hashes.push_back(hash);
+    close(fds[0]);
+    return hashes;
+}
+
 size_t HashOf(const std::string &Path)
 {
     return lab::ReadFile(Path) ? std::hash<std::string>()(lab::Text(Path)) : 0;  // 0: no such file
@@ -154,26 +186,8 @@ TEST(PersistCrash, KilledDesiredStateChangesLeaveTheLastAnnouncedState)
     int caughtBetween = 0, folds = 0;
     for (int round = 0; round < 100 && !HasFailure(); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-        const pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0)
-            RunDesiredChild(fds[1], 5000u + static_cast<unsigned>(round), path);
-        close(fds[1]);
-        std::vector<size_t> states{previous};
-        size_t hash;
-        if (read(fds[0], &hash, sizeof(hash)) == sizeof(hash))
-            states.push_back(hash);
-        usleep(rng() % 40000);
-        kill(pid, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the child ended by itself: " << status;
-        while (read(fds[0], &hash, sizeof(hash)) == sizeof(hash))
-            states.push_back(hash);
-        close(fds[0]);
-
+        const std::vector<size_t> states = KillAtRandom(
+            [&](int fd) { RunDesiredChild(fd, 5000u + static_cast<unsigned>(round), path); }, previous, rng);
         kqagent::DesiredState reader(path);
         ASSERT_TRUE(reader.Load()) << reader.Problem();
         const size_t n = states.size(), now = StateHash(reader);
@@ -198,27 +212,8 @@ TEST(PersistCrash, KilledRewritesLeaveWholeDocuments)
     int caughtBetween = 0, rewritesSeen = 0;
     for (int round = 0; round < 200 && !HasFailure(); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-        const pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0)
-            RunChild(fds[1], 1000u + static_cast<unsigned>(round), round % 2 == 1);
-        close(fds[1]);
-        // Kill at a random moment after the child's first announcement, however slow the
-        // machine is to start it. Before each rewrite the child announces its document's hash.
-        std::vector<size_t> confs{prevConf};
-        size_t hash;
-        if (read(fds[0], &hash, sizeof(hash)) == sizeof(hash))
-            confs.push_back(hash);
-        usleep(rng() % 40000);
-        kill(pid, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the child ended by itself: " << status;
-        while (read(fds[0], &hash, sizeof(hash)) == sizeof(hash))
-            confs.push_back(hash);
-        close(fds[0]);
+        const std::vector<size_t> confs =
+            KillAtRandom([&](int fd) { RunChild(fd, 1000u + static_cast<unsigned>(round), round % 2 == 1); }, prevConf, rng);
         std::vector<size_t> baks = confs;
         baks[0] = prevBak;
 

@@ -204,6 +204,14 @@ std::vector<std::string> Listed(const DesiredState &desired)
     return listed;
 }
 
+// What a fresh reader of the desired state lists.
+std::vector<std::string> ListedByReader(const std::string &path)
+{
+    DesiredState reader(path);
+    EXPECT_TRUE(reader.Load()) << reader.Problem();
+    return Listed(reader);
+}
+
 TEST_F(AgentDesired, ARequestChangesItsOwnEntryAndAHeldCommandIsWrittenOnceOrNotAtAll)
 {
     fakehost::WriteFile(path, "{\"interfaces\":[" + Item("lan0", 1) + "," + Item("lan1", 1) + "," + Item("lan2", 1) + "]}");
@@ -231,9 +239,7 @@ TEST_F(AgentDesired, ARequestChangesItsOwnEntryAndAHeldCommandIsWrittenOnceOrNot
     EXPECT_EQ(fakehost::CallCount("KQ_WriteSyncWithFilePath"), 4);
     const Args held = {"lan1 2", "lan3 5", "lan4 1"};
     EXPECT_EQ(Listed(desired), held);
-    DesiredState reread(path);
-    ASSERT_TRUE(reread.Load());
-    EXPECT_EQ(Listed(reread), held);
+    EXPECT_EQ(ListedByReader(path), held);
 
     // A write that fails takes back everything since Hold, or the one request.
     const std::string before = fakehost::ReadFile(path).value_or("");
@@ -296,9 +302,7 @@ TEST_F(AgentDesired, TheAgentsChangesGoToTheJournalUntilAFold)
     EXPECT_EQ(fakehost::CallCount("KQ_HostAppendFile"), 2);
     const Args now = {"lan0 2", "lan2 1", "lan1 3"};
     EXPECT_EQ(Listed(desired), now);
-    DesiredState reader(path);
-    ASSERT_TRUE(reader.Load());
-    EXPECT_EQ(Listed(reader), now);
+    EXPECT_EQ(ListedByReader(path), now);
 
     // A failed append takes the whole write instead.
     fakehost::Host().Fail["KQ_HostAppendFile"] = -EIO;
@@ -317,8 +321,7 @@ TEST_F(AgentDesired, TheAgentsChangesGoToTheJournalUntilAFold)
     EXPECT_EQ(fakehost::ReadFile(journal), header(third));
     ASSERT_EQ(desired.Fold(), 0);
     EXPECT_EQ(fakehost::CallCount("KQ_WriteSyncWithFilePath"), writes + 2);
-    ASSERT_TRUE(reader.Load());
-    EXPECT_EQ(Listed(reader), (Args{"lan0 2", "lan1 4"}));
+    EXPECT_EQ(ListedByReader(path), (Args{"lan0 2", "lan1 4"}));
 
     // Changes that net to the document's own text: only the journal starts afresh.
     ASSERT_EQ(desired.RecordDelete("lan1"), 0);
@@ -382,9 +385,7 @@ TEST_F(AgentDesired, AJournalIsTakenUpToItsLastWholeChange)
         EXPECT_EQ(fakehost::CallCount("KQ_HostAppendFile"), appends + (whole ? 1 : 0));
         Args expected = c.Listed;
         expected.push_back("lan2 1");
-        DesiredState reader(path);
-        ASSERT_TRUE(reader.Load());
-        EXPECT_EQ(Listed(reader), expected);
+        EXPECT_EQ(ListedByReader(path), expected);
     }
     EXPECT_EQ(DesiredState(path).UnfollowedNote(), journal + " follows an earlier text of " + path + ": its 0 change(s) are left "
                                                        "out (a rewrite cut short holds them, a document written by hand since does not)");

@@ -34,6 +34,11 @@ public:
     Fd(const Fd &) = delete;
     Fd &operator=(const Fd &) = delete;
     int get() const { return fd_; }
+    void Reset(int fd)
+    {
+        Close();
+        fd_ = fd;
+    }
     // Closes now; -errno when the close reports a (write-back) failure.
     int Close()
     {
@@ -60,6 +65,20 @@ int WriteAll(int fd, const char *data, size_t len)
         data += n;
         len -= static_cast<size_t>(n);
     }
+    return 0;
+}
+
+// Opens path (close-on-exec) and checks that it is a regular file: 0, or a negative errno
+// (-EISDIR for a folder, -EINVAL for anything else that is not a regular file).
+int OpenRegular(const char *path, int flags, Fd &fd, struct stat &st)
+{
+    fd.Reset(open(path, flags | O_CLOEXEC));
+    if (fd.get() < 0)
+        return -errno;
+    if (fstat(fd.get(), &st) != 0)
+        return -errno;
+    if (!S_ISREG(st.st_mode))
+        return S_ISDIR(st.st_mode) ? -EISDIR : -EINVAL;
     return 0;
 }
 
@@ -341,14 +360,10 @@ int ReadSmallFile(const char *path, size_t maxSize, std::string &out)
 {
     if (path == nullptr)
         return -EINVAL;
-    Fd fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0)
-        return -errno;
+    Fd fd;
     struct stat st;
-    if (fstat(fd.get(), &st) != 0)
-        return -errno;
-    if (!S_ISREG(st.st_mode))
-        return S_ISDIR(st.st_mode) ? -EISDIR : -EINVAL;
+    if (int ret = OpenRegular(path, O_RDONLY, fd, st); ret < 0)
+        return ret;
     if (static_cast<uint64_t>(st.st_size) > maxSize)
         return -EFBIG;
     out.clear();
@@ -389,15 +404,12 @@ KQ_ERR_T KQ_HostAppendFile(const char *Path, const char *Data, size_t Len, int D
         return -EINVAL;
     if (kqhost::DryRunTakes("append", Path, Data, Len))
         return 0;
-    Fd fd(open(Path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
-    if (fd.get() < 0)
-        return -errno;
+    Fd fd;
     struct stat st;
-    if (fstat(fd.get(), &st) != 0)
-        return -errno;
-    if (!S_ISREG(st.st_mode))
-        return -EINVAL;
-    int ret = WriteAll(fd.get(), Data, Len);
+    int ret = OpenRegular(Path, O_WRONLY | O_APPEND | O_NOFOLLOW, fd, st);
+    if (ret < 0)
+        return ret;
+    ret = WriteAll(fd.get(), Data, Len);
     if (ret == 0 && Durable != 0 && fdatasync(fd.get()) != 0)
         ret = -errno;
     // A reader must not find half of it: the file ends where it ended.
