@@ -7,7 +7,7 @@
 // The agent's desired state survives a crash in the same way: a child records adds and
 // deletes as the agent does, through its journal, one to four per command, and folds the
 // journal into the document now and then; killed at any moment, the state read back is the
-// last one it announced or the one before.
+// last one it announced or the one before (50 times).
 //
 // The child edits records through the exported registry operations and has the module
 // rewrite by deleting an interface that is not configured, or one of its own; in the
@@ -184,7 +184,7 @@ TEST(PersistCrash, KilledDesiredStateChangesLeaveTheLastAnnouncedState)
     std::mt19937 rng(20261125);
     size_t previous = StateHash(kqagent::DesiredState(path));
     int caughtBetween = 0, folds = 0;
-    for (int round = 0; round < 100 && !HasFailure(); ++round) {
+    for (int round = 0; round < 50 && !HasFailure(); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         const std::vector<size_t> states = KillAtRandom(
             [&](int fd) { RunDesiredChild(fd, 5000u + static_cast<unsigned>(round), path); }, previous, rng);

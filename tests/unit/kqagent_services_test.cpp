@@ -297,8 +297,8 @@ TEST_F(AgentDesired, TheAgentsChangesGoToTheJournalUntilAFold)
     ASSERT_EQ(desired.RecordDelete("lan9"), 0);
     ASSERT_EQ(desired.Release(), 0);
     EXPECT_EQ(fakehost::ReadFile(path), first);
-    EXPECT_EQ(fakehost::ReadFile(journal), header(first) + "{\"add\":" + Item("lan0", 2) + "}\n{\"delete\":\"lan1\"}\n{\"add\":" +
-                                               Item("lan1", 3) + "}\n");
+    EXPECT_EQ(fakehost::ReadFile(journal), header(first) + "[{\"add\":" + Item("lan0", 2) + "}]\n[{\"delete\":\"lan1\"},{\"add\":" +
+                                               Item("lan1", 3) + "}]\n");
     EXPECT_EQ(fakehost::CallCount("KQ_HostAppendFile"), 2);
     const Args now = {"lan0 2", "lan2 1", "lan1 3"};
     EXPECT_EQ(Listed(desired), now);
@@ -345,7 +345,7 @@ TEST_F(AgentDesired, AJournalIsTakenUpToItsLastWholeChange)
 {
     const std::string journal = path + ".journal", doc = "{\"interfaces\":[" + Item("lan0", 1) + "]}",
                       head = "{\"journal\":1,\"after\":\"" + Fingerprint(doc) + "\"}\n",
-                      add = "{\"add\":" + Item("lan1", 1) + "}\n";
+                      add = "[{\"add\":" + Item("lan1", 1) + "}]\n";
     const struct {
         std::string Journal;
         Args Listed;
@@ -353,13 +353,15 @@ TEST_F(AgentDesired, AJournalIsTakenUpToItsLastWholeChange)
         size_t Unfollowed;
     } cases[] = {
         {head + add, {"lan0 1", "lan1 1"}, "", 0},
-        {head + add + "{\"delete\":\"lan0\"", {"lan0 1", "lan1 1"}, "", 0},
-        {head + add + "{\"delete\":\"lan0\"}x\n", {"lan0 1", "lan1 1"}, "", 0},
+        {head + add + "[{\"delete\":\"lan0\"},{\"add\":" + Item("lan2", 1), {"lan0 1", "lan1 1"}, "", 0},
+        {head + add + "[{\"delete\":\"lan0\"}]x\n", {"lan0 1", "lan1 1"}, "", 0},
         {head + add + std::string(40, '\0'), {"lan0 1", "lan1 1"}, "", 0},
-        {head + "{\"delete\":\"lan0\"}\n", {}, "", 0},
+        {head + "[{\"delete\":\"lan0\"},{\"delete\":\"lan9\"}]\n", {}, "", 0},
         {"{\"journal\":1,\"after\":\"0123456789abcdef\"}\n" + add + add, {"lan0 1"}, "", 2},
-        {head + "{\"delete\":7}\n" + add, {}, ": line 2: not a change of the desired state", 0},
-        {head + "{\"add\":{},\"delete\":\"lan0\"}\n" + add, {}, ": line 2: not a change of the desired state", 0},
+        {head + "[{\"delete\":7}]\n" + add, {}, ": line 2: not a change of the desired state", 0},
+        {head + "[{\"add\":{},\"delete\":\"lan0\"}]\n" + add, {}, ": line 2: not a change of the desired state", 0},
+        {head + "{\"delete\":\"lan0\"}\n" + add, {}, ": line 2: not a change of the desired state", 0},
+        {head + "[]\n" + add, {}, ": line 2: not a change of the desired state", 0},
         {"{\"after\":7}\n" + add, {}, ": line 1: not the start of a desired-state journal", 0},
         {"", {}, ": line 1: not the start of a desired-state journal", 0},
     };
@@ -379,7 +381,7 @@ TEST_F(AgentDesired, AJournalIsTakenUpToItsLastWholeChange)
         }
         EXPECT_EQ(Listed(desired), c.Listed);
         // The next change goes on a whole journal, else folds.
-        const bool whole = c.Journal.back() == '\n' && c.Journal.find("}x") == std::string::npos && c.Unfollowed == 0;
+        const bool whole = c.Journal.back() == '\n' && c.Journal.find("]x") == std::string::npos && c.Unfollowed == 0;
         const int appends = fakehost::CallCount("KQ_HostAppendFile");
         ASSERT_EQ(desired.RecordAdd(Add("lan2", 1)), 0);
         EXPECT_EQ(fakehost::CallCount("KQ_HostAppendFile"), appends + (whole ? 1 : 0));

@@ -253,38 +253,48 @@ bool DesiredState::Replay(const std::string &journal)
         return false;
     }
     const bool follows = written_ == json_object_get_string(after);
-    size_t line = 2, at = headerEnd + 1;
+    size_t line = 2, at = headerEnd + 1, changes = 0;
     for (; at < journal.size(); ++line) {
         const size_t end = journal.find('\n', at);
         if (end == std::string::npos)
             break;  // cut short
-        JsonPtr change = ParseWhole(std::string_view(journal).substr(at, end - at));
-        json_object *item = nullptr, *gone = nullptr;
-        const bool add = change && json_object_object_length(change.get()) == 1 &&
-                         json_object_object_get_ex(change.get(), "add", &item) && json_object_is_type(item, json_type_object);
-        const bool del = change && json_object_object_length(change.get()) == 1 &&
-                         json_object_object_get_ex(change.get(), "delete", &gone) && json_object_is_type(gone, json_type_string);
-        if (!add && !del) {
+        // A command's changes are one line: all of them, or none when the line is cut.
+        JsonPtr command = ParseWhole(std::string_view(journal).substr(at, end - at));
+        const size_t count = command && json_object_is_type(command.get(), json_type_array)
+                                 ? json_object_array_length(command.get())
+                                 : 0;
+        bool whole = count > 0;
+        for (size_t i = 0; i < count && whole; ++i) {
+            json_object *change = json_object_array_get_idx(command.get(), i), *value = nullptr;
+            whole = json_object_is_type(change, json_type_object) && json_object_object_length(change) == 1 &&
+                    ((json_object_object_get_ex(change, "add", &value) && json_object_is_type(value, json_type_object)) ||
+                     (json_object_object_get_ex(change, "delete", &value) && json_object_is_type(value, json_type_string)));
+        }
+        if (!whole) {
             if (end + 1 == journal.size())
                 break;  // the last line, cut short and ended by chance
             if (follows) {
                 problem_ = name + ": line " + std::to_string(line) + ": not a change of the desired state";
                 return false;
             }
-        } else if (follows && add) {
-            ApplyAdd(ReadEntry(item, name + " line " + std::to_string(line) + ": item"));
-        } else if (follows) {
-            ApplyDelete(json_object_get_string(gone));
         }
+        for (size_t i = 0; whole && follows && i < count; ++i) {
+            json_object *change = json_object_array_get_idx(command.get(), i), *value = nullptr;
+            if (json_object_object_get_ex(change, "add", &value))
+                ApplyAdd(ReadEntry(value, name + " line " + std::to_string(line) + ": item"));
+            else if (json_object_object_get_ex(change, "delete", &value))
+                ApplyDelete(json_object_get_string(value));
+        }
+        changes += whole ? count : 0;
         at = end + 1;
     }
     if (!follows) {
-        unfollowed_ = line - 2;
+        unfollowed_ = changes;
         return true;
     }
     journalOpen_ = at == journal.size();
     journalSize_ = journal.size();
-    journalChanges_ = line - 2;
+    journalChanges_ = changes;
     return true;
 }
 
@@ -427,7 +437,7 @@ int DesiredState::RecordAdd(const Request &request)
         return -EIO;
     // The module now runs what this request says.
     DesiredEntry entry{request.Item().ifname, ItemJson(request), request, ""};
-    pending_.append("{\"add\":").append(entry.itemJson).append("}\n");
+    pending_.append(pending_.empty() ? "{\"add\":" : ",{\"add\":").append(entry.itemJson).append("}");
     return Commit(ApplyAdd(std::move(entry)));
 }
 
@@ -438,7 +448,7 @@ int DesiredState::RecordDelete(const std::string &ifname)
     std::optional<Undo> undo = ApplyDelete(ifname);
     if (!undo)
         return 0;
-    pending_.append("{\"delete\":").append(JsonString(ifname)).append("}\n");
+    pending_.append(pending_.empty() ? "{\"delete\":" : ",{\"delete\":").append(JsonString(ifname)).append("}");
     return Commit(std::move(*undo));
 }
 
@@ -453,10 +463,11 @@ int DesiredState::SaveOrRollback()
     // A journal longer than the document would cost each reader more than a fold costs now.
     constexpr size_t kJournalFloor = 64 * 1024;
     int result = -ENOENT;
-    if (keepJournal_ && journalOpen_ && journalSize_ + pending_.size() <= std::max(kJournalFloor, writtenSize_)) {
-        result = KQ_HostAppendFile(JournalPath().c_str(), pending_.data(), pending_.size(), 1);
+    const std::string line = "[" + pending_ + "]\n";
+    if (keepJournal_ && journalOpen_ && journalSize_ + line.size() <= std::max(kJournalFloor, writtenSize_)) {
+        result = KQ_HostAppendFile(JournalPath().c_str(), line.data(), line.size(), 1);
         if (result == 0) {
-            journalSize_ += pending_.size();
+            journalSize_ += line.size();
             journalChanges_ += undo_.size();
         }
         journalOpen_ = result == 0;

@@ -7,11 +7,12 @@
 // the module accepted a request. A document that cannot be read is never overwritten:
 // the operator's copy is the only one there is.
 //
-// Through the agent an interface's change is appended to a journal beside the document
-// ("<document>.journal") instead: one line, synced, where a rewrite of thousands of items
-// would cost more than the change. Its first line names the document it follows by the
-// fingerprint of its text ({"journal":1,"after":"<fingerprint>"}), each other line is
-// {"add":<item>} or {"delete":"<ifname>"}. The document is rewritten whole ("folded") when
+// Through the agent a command's changes of interfaces are appended to a journal beside the
+// document ("<document>.journal") instead: one line, synced, where a rewrite of thousands
+// of items would cost more than the change. Its first line names the document it follows
+// by the fingerprint of its text ({"journal":1,"after":"<fingerprint>"}), each other line
+// is one command's changes, [{"add":<item>} or {"delete":"<ifname>"}, ...], so that a
+// line cut short takes none of them. The document is rewritten whole ("folded") when
 // the journal grows past it, when a client changes, when the agent starts with changes in
 // the journal and when it stops; the journal then starts afresh after it. A journal that
 // follows another text than the document's (a document written by hand, or one folded
@@ -136,7 +137,7 @@ private:
     bool repeated_ = false;
     bool held_ = false;
     std::vector<Undo> undo_;  // the changes since Hold, or the one being written
-    std::string pending_;     // their journal lines
+    std::string pending_;     // their changes, as the journal writes them
     std::vector<DesiredClientEntry> clients_;
 
     bool keepJournal_ = false;
