@@ -6,9 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include "kqAgentCommon.h"
 #include "kqAgentProcess.h"
@@ -53,14 +51,10 @@ DesiredEntry ReadEntry(json_object *item, const std::string &at)
 // The whole file into text: 0, or a negative errno (-ENOENT: there is none).
 int ReadWhole(const std::string &path, std::string &text)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return -errno;
-    std::ostringstream read;
-    read << in.rdbuf();
-    if (in.bad())
+    std::optional<std::string> read = ReadTextFile(path);
+    if (!read)
         return -(errno != 0 ? errno : EIO);
-    text = read.str();
+    text = std::move(*read);
     return 0;
 }
 
