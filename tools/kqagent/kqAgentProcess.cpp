@@ -108,7 +108,7 @@ bool StartedWith(const std::vector<std::string> &args, const std::string &progra
     return false;
 }
 
-std::optional<Process> ProcessAt(pid_t pid)
+std::optional<Process> ProcessAt(pid_t pid, Facts facts)
 {
     const std::string proc = "/proc/" + std::to_string(pid);
     const auto cmdline = ReadTextFile(proc + "/cmdline");
@@ -118,12 +118,14 @@ std::optional<Process> ProcessAt(pid_t pid)
     Process process;
     process.pid = pid;
     process.args = SplitNul(*cmdline);
-    process.startTime = StartTime(pid);
-    process.netns = Inode(proc + "/ns/net");
+    if (facts == Facts::All) {
+        process.startTime = StartTime(pid);
+        process.netns = Inode(proc + "/ns/net");
+    }
     return process;
 }
 
-Process ProcessOf(const std::string &pidFile, const std::string &program)
+Process ProcessOf(const std::string &pidFile, const std::string &program, Facts facts)
 {
     Process process;
     const auto text = ReadTextFile(pidFile);
@@ -134,7 +136,7 @@ Process ProcessOf(const std::string &pidFile, const std::string &program)
     if (!pid)
         return process;
     process.pid = *pid;
-    auto found = ProcessAt(*pid);
+    auto found = ProcessAt(*pid, facts);
     if (!found || !StartedWith(found->args, program, pidFile))
         return process;
     found->pidFileExists = true;

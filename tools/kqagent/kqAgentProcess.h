@@ -36,11 +36,14 @@ long PidMax();
 // True when args (a /proc cmdline split at NULs) is `program` started with `pidFile`.
 bool StartedWith(const std::vector<std::string> &args, const std::string &program, const std::string &pidFile);
 
+// How much of a process to read: whether it runs, or that and its start time and namespace.
+enum class Facts { Running, All };
+
 // The process a pid file names, judged by the rule above.
-Process ProcessOf(const std::string &pidFile, const std::string &program);
+Process ProcessOf(const std::string &pidFile, const std::string &program, Facts facts = Facts::All);
 
 // The same facts for a pid, without a pid file: nullopt when no such process runs.
-std::optional<Process> ProcessAt(pid_t pid);
+std::optional<Process> ProcessAt(pid_t pid, Facts facts = Facts::All);
 
 // How a child ended, from waitid's si_code and si_status: "exit status 3", "killed by
 // signal 9 (KILL)", "dumped core on signal 11 (SEGV)".

@@ -171,7 +171,8 @@ int StatusExit(json_object *status)
 
 long RunningDnsmasq(const std::string &pidFile)
 {
-    const Process process = ProcessOf(pidFile, "dnsmasq");
+    // Asked several times per command: its start time and namespace are not needed here.
+    const Process process = ProcessOf(pidFile, "dnsmasq", Facts::Running);
     return process.running ? process.pid : 0;
 }
 
