@@ -162,6 +162,9 @@ TEST(HostFiles, ADurableBatchWritesDhcpConfAndItsBackupOnceAtTheEnd)
     ASSERT_EQ(KQ_HostDurableBatchBegin(), 0);
     ASSERT_EQ(KQ_WriteSyncWithFilePath(bak.c_str(), "fifth", 5), 0);
     ASSERT_EQ(KQ_WriteSyncWithFilePath(conf.c_str(), "fifth", 5), 0);
+    // Any other durable file is written at once, so its failure is the caller's at once.
+    std::filesystem::create_directory(state + ".new");
+    EXPECT_EQ(KQ_HostWriteFile((state + ".new").c_str(), "state", 5, 1), -EISDIR);
     std::filesystem::rename(conf, dir.path + "/moved");
     std::filesystem::create_directory(conf);
     EXPECT_EQ(KQ_HostDurableBatchEnd(), -EISDIR);
