@@ -27,6 +27,7 @@ TEST(AgentProcess, OnlyAWholeDecimalPidWithinPidMaxCounts)
         {"4242\n", 4242}, {"4242", 4242}, {"2", 2}, {"4194304", 4194304},
         {"1", {}}, {"0", {}}, {"", {}}, {"\n", {}}, {"+42", {}}, {" 42", {}}, {"42 ", {}}, {"42abc", {}},
         {"042", {}}, {"42\n\n", {}}, {"4194305", {}}, {"4294967297", {}}, {"12345678901", {}},
+        {"18446744073709552616", {}},  // 2^64 + 1000: no wrap into a pid
     };
     for (const auto &c : cases)
         EXPECT_EQ(StrictPid(c.Text, 4194304), c.Pid) << '"' << c.Text << '"';
@@ -54,8 +55,21 @@ TEST(AgentProcess, AProcessIsTheServiceOnlyWithItsProgramAndPidFile)
     fakehost::WriteFile(file, dnsmasq.PidText());
     const Process running = ProcessOf(file, "dnsmasq");
     EXPECT_TRUE(running.running && running.pid == dnsmasq.Pid() && running.startTime > 0 && running.netns > 0);
+    EXPECT_EQ(running.args, (Args{"/usr/sbin/dnsmasq", "-c", "read line", "sh", "--pid-file=" + file}));  // a shell lookalike
+    const Process asked = ProcessOf(file, "dnsmasq", Facts::Running);
+    EXPECT_TRUE(asked.running && asked.pid == dnsmasq.Pid());
     EXPECT_FALSE(ProcessOf(file, "dhclient").running);
     EXPECT_EQ(ProcessAt(dnsmasq.Pid())->startTime, running.startTime);
+    // A child that has ended but is not reaped yet runs no more; neither does its pid once reaped.
+    const pid_t zombie = fork();
+    if (zombie == 0)
+        _exit(0);
+    ASSERT_GT(zombie, 0);
+    siginfo_t ended{};
+    ASSERT_EQ(waitid(P_PID, zombie, &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_FALSE(ProcessAt(zombie).has_value());
+    ASSERT_EQ(waitpid(zombie, nullptr, 0), zombie);
+    EXPECT_FALSE(ProcessAt(zombie).has_value());
     fakehost::WriteFile(file, "+" + dnsmasq.PidText());
     EXPECT_TRUE(ProcessOf(file, "dnsmasq").Stale());
     unlink(file.c_str());
